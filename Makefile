@@ -1,0 +1,51 @@
+# Two commands do everything on a fresh Debian machine:
+#   make demo   bootstrap, build, and a real session on the default datastore
+#   make test   bootstrap, build and run every test
+# Further targets: build, asan (sanitizer build + tests), bench, install, format.
+
+BUILD      ?= build
+ASAN_BUILD ?= build-asan
+BENCH_BUILD ?= build-bench
+JOBS       ?= $(shell nproc)
+PREFIX     ?= /usr/local
+
+.PHONY: all bootstrap configure build test asan bench demo install format format-check clean
+
+all: build
+
+bootstrap:
+	@scripts/bootstrap
+
+configure: bootstrap
+	cmake --preset dev -B $(BUILD)
+
+build: configure
+	cmake --build $(BUILD) -j $(JOBS)
+
+test: build
+	cd $(BUILD) && ctest --output-on-failure -j $(JOBS)
+
+asan: bootstrap
+	cmake --preset asan -B $(ASAN_BUILD)
+	cmake --build $(ASAN_BUILD) -j $(JOBS)
+	cd $(ASAN_BUILD) && ctest --output-on-failure -j $(JOBS)
+
+bench: bootstrap
+	cmake --preset release -B $(BENCH_BUILD) -DVESK_BUILD_BENCH=ON
+	cmake --build $(BENCH_BUILD) -j $(JOBS)
+	@for b in $(BENCH_BUILD)/bench/bench_*; do [ -x "$$b" ] && "$$b" || exit 1; done
+
+demo: build
+	@scripts/demo $(BUILD)/stage
+
+install: build
+	cmake --install $(BUILD) --prefix $(PREFIX)
+
+format:
+	git ls-files '*.cpp' '*.h' | xargs clang-format -i
+
+format-check:
+	git ls-files '*.cpp' '*.h' | xargs clang-format --dry-run --Werror
+
+clean:
+	rm -rf $(BUILD) $(ASAN_BUILD) $(BENCH_BUILD)

@@ -1,0 +1,2 @@
+// placeholder: filled in by the unit owner
+#include "vesk/datastore.h"

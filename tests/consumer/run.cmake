@@ -1,0 +1,45 @@
+# Installs the build tree into WORK_DIR/prefix, builds the consumer project
+# against it, runs it and checks what it prints.
+file(REMOVE_RECURSE "${WORK_DIR}")
+set(prefix "${WORK_DIR}/prefix")
+set(sanitize_flags "")
+if(SANITIZE)
+  set(sanitize_flags "-DCMAKE_CXX_FLAGS=-fsanitize=address,undefined")
+endif()
+execute_process(COMMAND ${CMAKE_COMMAND} --install "${BINARY_DIR}" --prefix "${prefix}"
+                RESULT_VARIABLE rc OUTPUT_QUIET)
+if(rc)
+  message(FATAL_ERROR "install failed: ${rc}")
+endif()
+foreach(f lib/lumok64/libvesk_datastore.so lib/lumok64/libvesk_generic.so lib/lumok64/libtessdb.so
+          etc/datastore/default_sqlite.xml include/vesk/datastore.h
+          lib/cmake/vesk_datastore/vesk_datastoreConfig.cmake lib/pkgconfig/vesk_datastore.pc)
+  if(NOT EXISTS "${prefix}/${f}")
+    message(FATAL_ERROR "not installed: ${f}")
+  endif()
+endforeach()
+execute_process(COMMAND ${CMAKE_COMMAND} -S "${CONSUMER_DIR}" -B "${WORK_DIR}/build"
+                        -DCMAKE_PREFIX_PATH=${prefix} ${sanitize_flags}
+                RESULT_VARIABLE rc)
+if(rc)
+  message(FATAL_ERROR "configuring the consumer failed: ${rc}")
+endif()
+execute_process(COMMAND ${CMAKE_COMMAND} --build "${WORK_DIR}/build" RESULT_VARIABLE rc)
+if(rc)
+  message(FATAL_ERROR "building the consumer failed: ${rc}")
+endif()
+execute_process(COMMAND "${WORK_DIR}/build/consumer" RESULT_VARIABLE rc
+                OUTPUT_VARIABLE out)
+if(rc)
+  message(FATAL_ERROR "the consumer failed: ${rc}")
+endif()
+message(STATUS "consumer printed:\n${out}")
+string(REPLACE "\n" ";" lines "${out}")
+list(GET lines 0 source)
+list(GET lines 1 install_path)
+if(NOT source STREQUAL "$HOME/.vesk/2019.2.1/vesk.db")
+  message(FATAL_ERROR "unexpected DEFAULT_DATA_SOURCE: ${source}")
+endif()
+if(NOT install_path STREQUAL "${prefix}/lib/lumok64/../../")
+  message(FATAL_ERROR "unexpected install path: ${install_path} (expected ${prefix}/lib/lumok64/../../)")
+endif()
