@@ -76,6 +76,53 @@ const std::map<std::string, DBFields> db_fields_map = {{"instance_name", instanc
 const std::string default_config_file = "default_sqlite.xml";
 }  // namespace
 
+// ---- Paths and defaults ----
+
+std::string DataStoreParseUtility::generate_path(std::string path, std::string file,
+                                                 std::string base) {
+    std::string result = path.empty() ? base : path;
+    if (!base.empty() && (result.empty() || (result[0] != '$' && result[0] != '.' && result[0] != '/')))
+        result = base + "/" + result;
+    if (!file.empty()) result += "/" + file;
+    result = vesk::str::wordexp(result);
+    result = vesk::fs::abspath(result);
+    return vesk::str::squeeze(result, '/');
+}
+
+std::string DataStoreParseUtility::get_default_install_path() { return default_install_path; }
+
+std::string DataStoreParseUtility::get_default_extension_path() { return default_extension_path; }
+
+void DataStoreParseUtility::set_default_install_path(std::string value) {
+    default_install_path = vesk::fs::abspath(vesk::str::wordexp(value));
+}
+
+void DataStoreParseUtility::set_default_extension_path(std::string value) {
+    default_extension_path = vesk::fs::abspath(vesk::str::wordexp(value));
+}
+
+void DataStoreParseUtility::fillInVacantFields(std::vector<DataStoreConfig>& configs) {
+    const std::string library_dir = default_install_path + "/" + default_extension_path;
+    for (auto& config : configs) {
+        if (config.instance_name.empty()) config.instance_name = DEFAULT_DATASTORE_NAME;
+        if (config.extension_name.empty()) {
+            if (config.type == sqlite3)
+                config.extension_name = DEFAULT_DATASTORE_SQLITE_EXTENSION_NAME;
+            else if (config.type == odbc)
+                config.extension_name = DEFAULT_DATASTORE_ODBC_EXTENSION_NAME;
+        }
+        if (config.extension_path.empty()) config.extension_path = library_dir;
+        if (config.source_parameters.empty()) {
+            if (config.type == sqlite3)
+                config.source_parameters =
+                    "read_only=false|source=" + std::string("\"") + DEFAULT_DATA_SOURCE + "\"";
+            else if (config.type == odbc)
+                config.source_parameters = odbc_default_dsn;
+        }
+        if (config.source_types.none()) config.source_types.set(data);
+    }
+}
+
 // ---- the configuration functions follow ----
 
 }  // namespace vesk::datastore
