@@ -1,0 +1,113 @@
+#pragma once
+// Test helpers around the recording extension: opens recorder instances
+// through the real controller (real dlopen of librecording_plugin.so),
+// records them in DataStoreParseUtility::db_vec, raises the log level so
+// that the level-7 messages of the front end reach the captured standard
+// error, and resets the process-wide snapshot state.
+
+#include <bitset>
+#include <map>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "plugins/recording_plugin.h"
+#include "test_support.h"
+#include "vesk/datastore.h"
+
+namespace vesk::test {
+
+namespace ds = vesk::datastore;
+
+constexpr unsigned long kDataOnly = 0b01;
+constexpr unsigned long kStreamOnly = 0b10;
+
+class RecorderTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        saved_level_ = vesk::log::LOG_LEVEL;
+        saved_output_ = vesk::log::LOG_OUTPUT;
+        vesk::log::LOG_LEVEL = 7;
+        vesk::log::LOG_OUTPUT = 0;
+        controller_ = ds::DataStoreController::createDataStoreController();
+        reset_state();
+    }
+
+    void TearDown() override {
+        reset_state();
+        controller_->close({});
+        controller_.reset();
+        vesk::log::LOG_LEVEL = saved_level_;
+        vesk::log::LOG_OUTPUT = saved_output_;
+    }
+
+    static void reset_state() {
+        using P = ds::DataStoreParseUtility;
+        P::db_vec.clear();
+        P::snapshot_dict.clear();
+        P::snapshot_info_set.clear();
+        P::baseline_str.clear();
+        P::snapshot_remove_str.clear();
+        P::baseline_str_vec.clear();
+    }
+
+    // Opens a recorder instance `name` serving `types` and appends it to
+    // db_vec; returns its state.
+    RecorderState* add(const std::string& name, unsigned long types = kDataOnly) {
+        ds::DataStoreConfig config;
+        config.type = ds::other;
+        config.instance_name = name;
+        config.extension_name = "librecording_plugin.so";
+        config.extension_path = kPluginDir;
+        config.source_parameters = "recorder";
+        config.source_types = std::bitset<2>(types);
+        std::vector<ds::DataStoreConfig> configs{config};
+        ds::DataStoreHandles handles;
+        controller_->open(configs, handles);
+        if (handles.size() != 1) throw std::runtime_error("recorder " + name + " did not open");
+        ds::DataStoreParseUtility::db_vec.push_back(handles.front());
+        handles_.insert({name, handles.front().second});
+
+        RecorderState* state = nullptr;
+        if (controller_->control(handles.front().second, kRecorderStateCode, nullptr, &state,
+                                 nullptr) != 0 ||
+            state == nullptr)
+            throw std::runtime_error("recorder " + name + " gave no state");
+        return state;
+    }
+
+    std::weak_ptr<ds::DataStoreExtension> handle(const std::string& name) const {
+        return handles_.at(name);
+    }
+
+    // The instance itself, as the interface it derives from.
+    ds::interface* instance(const std::string& name) const {
+        return dynamic_cast<ds::interface*>(handles_.at(name).lock().get());
+    }
+
+    int32_t control(const std::string& name, uint16_t op, const void* in, void* out) {
+        return controller_->control(handle(name), op, in, out, nullptr);
+    }
+
+    std::shared_ptr<ds::DataStoreController> controller_;
+
+private:
+    std::map<std::string, std::weak_ptr<ds::DataStoreExtension>> handles_;
+    int saved_level_ = 4;
+    int saved_output_ = 0;
+};
+
+// A row that names its provider, host and rowid.
+inline ds::Row make_row(int32_t rowid, const std::string& provider,
+                        const std::string& host = "node1") {
+    ds::Row row;
+    row.rowid = rowid;
+    row.Provider = provider;
+    row.Hostname = host;
+    return row;
+}
+
+}  // namespace vesk::test
