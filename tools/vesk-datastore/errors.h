@@ -1,0 +1,25 @@
+#pragma once
+// The tool's one kind of failure: a message for standard error and the exit
+// code that goes with it.
+
+#include <stdexcept>
+#include <string>
+
+namespace vesk::tool {
+
+// Exit codes of every command.
+enum ExitCode : int {
+    kExitOk = 0,
+    kExitNothing = 1,  // nothing found, or a difference
+    kExitError = 2,    // bad usage, bad configuration, datastore error
+};
+
+// Thrown by the commands; main prints "vesk-datastore: " + what() and exits
+// with `code`.
+class ToolError : public std::runtime_error {
+public:
+    ToolError(int code, const std::string& message) : std::runtime_error(message), code(code) {}
+    int code;
+};
+
+}  // namespace vesk::tool

@@ -1,0 +1,166 @@
+// vesk-datastore: collect, import, query, snapshot and compare provider
+// results from a shell, through the datastore library.
+#include <unistd.h>
+
+#include <csignal>
+#include <iostream>
+
+#include <CLI/CLI.hpp>
+
+#include "commands.h"
+#include "errors.h"
+#include "vesk/log.h"
+
+namespace {
+
+using namespace vesk::tool;
+
+// The library's own messages go up to level 7 (debug).
+constexpr int kVerboseLogLevel = 7;
+
+int run(int argc, char** argv) {
+    GlobalOptions global;
+    std::string format = "table";
+
+    CLI::App app{
+        "vesk-datastore: collect, import, query, snapshot and compare provider results.\n"
+        "Exit codes: 0 success, 1 nothing found or a difference, 2 bad usage, bad\n"
+        "configuration or a datastore error.",
+        "vesk-datastore"};
+    app.fallthrough();
+    app.require_subcommand(1);
+    app.add_option("--config", global.config_file,
+                   "Group file or datastore configuration file (default: the installed "
+                   "default configuration)");
+    app.add_option("--datastore", global.datastores,
+                   "Use only the named datastore instance (repeatable)");
+    app.add_flag("-v,--verbose", global.verbose, "Show the library's messages");
+    app.add_option("--format", format, "Output format where a command prints rows")
+        ->check(CLI::IsMember({"table", "json", "csv"}));
+
+    // collect
+    CollectOptions collect;
+    auto* c = app.add_subcommand("collect", "Run providers on this host as one collection run "
+                                            "and store one row per provider");
+    c->add_option("--providers-file", collect.provider_file,
+                  "Provider file: lines of \"NAME [timeout=S] [option=ID] : COMMAND\"");
+    c->add_option("--provider", collect.providers,
+                  "Run only this provider (repeatable); with \"-- COMMAND ARGS...\" run that "
+                  "command under this name");
+    c->add_option("--option", collect.option_id, "Option id of the command given after \"--\"");
+    c->add_option("--timeout", collect.timeout, "Timeout of every provider, seconds")
+        ->check(CLI::PositiveNumber);
+    c->add_option("--jobs", collect.jobs, "Providers run at the same time")
+        ->check(CLI::Range(1, 256));
+    c->add_option("command", collect.command, "Command to run as the one provider (after \"--\")");
+
+    // import / export
+    std::string import_file;
+    size_t batch_size = 10000;
+    auto* imp = app.add_subcommand("import", "Store rows from JSON Lines (FILE or - for stdin)");
+    imp->add_option("file", import_file, "JSON Lines file, or - for standard input")->required();
+    imp->add_option("--batch", batch_size, "Rows per bulk insert")->check(CLI::Range(1, 1000000));
+
+    RowsOptions export_options;
+    auto* exp = app.add_subcommand("export", "Print stored rows as JSON Lines");
+    exp->add_option("--provider", export_options.providers, "Only this provider (repeatable)");
+    exp->add_option("--host", export_options.hosts, "Only this host (repeatable)");
+
+    // rows
+    RowsOptions rows;
+    auto* r = app.add_subcommand("rows", "Show stored rows");
+    r->add_option("--provider", rows.providers, "Only this provider (repeatable)");
+    r->add_option("--host", rows.hosts, "Only this host (repeatable)");
+    r->add_flag("--latest", rows.latest, "Only the latest row per provider, option and host");
+    r->add_flag("--show-output", rows.show_output, "Print the captured outputs (decoded)");
+
+    auto* hosts = app.add_subcommand("hosts", "Hosts with stored rows: counts and latest run");
+    auto* providers =
+        app.add_subcommand("providers", "Providers with stored rows: counts and latest run");
+
+    // snapshot
+    auto* snap = app.add_subcommand("snapshot", "Create, list, show, remove and compare snapshots");
+    snap->require_subcommand(1);
+    std::string snap_name;
+    std::string snap_other;
+    bool snap_show_output = false;
+    auto* s_create = snap->add_subcommand("create", "Record the latest run as snapshot NAME");
+    s_create->add_option("name", snap_name, "Snapshot name")->required();
+    auto* s_list = snap->add_subcommand("list", "List the snapshots");
+    auto* s_show = snap->add_subcommand("show", "Show the rows of snapshot NAME");
+    s_show->add_option("name", snap_name, "Snapshot name")->required();
+    s_show->add_flag("--show-output", snap_show_output, "Print the captured outputs (decoded)");
+    auto* s_remove = snap->add_subcommand("remove", "Remove snapshot NAME");
+    s_remove->add_option("name", snap_name, "Snapshot name")->required();
+    auto* s_diff = snap->add_subcommand(
+        "diff", "Compare snapshot NAME with the latest run, or with snapshot OTHER; "
+                "exit status 1 when something differs");
+    s_diff->add_option("name", snap_name, "Snapshot name")->required();
+    s_diff->add_option("other", snap_other, "Other snapshot (default: the latest run)");
+
+    // sql
+    std::string sql_file;
+    std::string database_file;
+    auto* sql = app.add_subcommand("sql", "Run an SQL file (one statement per line) into a "
+                                          "database file");
+    sql->add_option("file", sql_file, "SQL file")->required();
+    sql->add_option("database", database_file, "Database file")->required();
+
+    // config
+    auto* cfg = app.add_subcommand("config", "Show or check datastore configurations");
+    cfg->require_subcommand(1);
+    auto* cfg_show = cfg->add_subcommand("show", "The configured datastores, defaults filled in");
+    std::string check_file;
+    auto* cfg_check = cfg->add_subcommand("check", "Check a configuration file");
+    cfg_check->add_option("file", check_file, "Group file or datastore configuration file")
+        ->required();
+
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::CallForHelp& e) {
+        return app.exit(e);
+    } catch (const CLI::CallForAllHelp& e) {
+        return app.exit(e);
+    } catch (const CLI::ParseError& e) {
+        std::cerr << "vesk-datastore: " << e.what() << "\n"
+                  << "Run with --help for more information.\n";
+        return kExitError;
+    }
+
+    global.format = format == "json"  ? Format::json
+                    : format == "csv" ? Format::csv
+                                      : Format::table;
+    if (global.verbose) vesk::log::LOG_LEVEL = kVerboseLogLevel;
+
+    if (*c) return cmd_collect(global, collect);
+    if (*imp) return cmd_import(global, import_file, batch_size);
+    if (*exp) return cmd_export(global, export_options);
+    if (*r) return cmd_rows(global, rows);
+    if (*hosts) return cmd_hosts(global);
+    if (*providers) return cmd_providers(global);
+    if (*s_create) return cmd_snapshot_create(global, snap_name);
+    if (*s_list) return cmd_snapshot_list(global);
+    if (*s_show) return cmd_snapshot_show(global, snap_name, snap_show_output);
+    if (*s_remove) return cmd_snapshot_remove(global, snap_name);
+    if (*s_diff) return cmd_snapshot_diff(global, snap_name, snap_other);
+    if (*sql) return cmd_sql(sql_file, database_file);
+    if (*cfg_show) return cmd_config_show(global);
+    if (*cfg_check) return cmd_config_check(global, check_file);
+    return kExitError;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    // A closed pipe (`export | head`) ends the output quietly.
+    std::signal(SIGPIPE, SIG_DFL);
+    try {
+        return run(argc, argv);
+    } catch (const ToolError& e) {
+        std::cerr << "vesk-datastore: " << e.what() << "\n";
+        return e.code;
+    } catch (const std::exception& e) {
+        std::cerr << "vesk-datastore: " << e.what() << "\n";
+        return kExitError;
+    }
+}

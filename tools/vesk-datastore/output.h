@@ -1,0 +1,60 @@
+#pragma once
+// How commands print: aligned tables for people (colour only on a
+// terminal), JSON and CSV for scripts. Stable column names and keys.
+
+#include <cstdint>
+#include <iosfwd>
+#include <string>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "vesk/datastore/records.h"
+
+namespace vesk::tool {
+
+// JSON values keep their keys in insertion order, so columns print in order.
+using Json = nlohmann::ordered_json;
+
+enum class Format { table, json, csv };
+
+// Rows of text cells under named columns.
+struct Table {
+    std::vector<std::string> columns;
+    std::vector<std::vector<std::string>> rows;
+};
+
+// Colour codes, empty unless colour is on.
+struct Style {
+    bool on = false;
+    std::string bold() const { return on ? "\033[1m" : ""; }
+    std::string red() const { return on ? "\033[31m" : ""; }
+    std::string green() const { return on ? "\033[32m" : ""; }
+    std::string cyan() const { return on ? "\033[36m" : ""; }
+    std::string reset() const { return on ? "\033[0m" : ""; }
+};
+
+// Colour for standard output: on a terminal, unless NO_COLOR is set.
+Style stdout_style();
+
+// Columns padded to their widest cell, header first (in bold with colour).
+// Cells named in `red_when_nonzero` are red when they are not "0".
+void print_table(std::ostream& out, const Table& table, const Style& style,
+                 const std::string& red_when_nonzero = "");
+// RFC 4180 CSV with a header line.
+void print_csv(std::ostream& out, const Table& table);
+// One JSON document followed by a line break (invalid UTF-8 replaced).
+void print_json(std::ostream& out, const Json& value);
+
+// "YYYY-MM-DD HH:MM:SS" in local time, for seconds since the epoch.
+std::string format_time(int64_t seconds);
+// The same for a run's Unique_timestamp (microseconds since the epoch).
+std::string format_run(int64_t unique_timestamp);
+// "1.234" seconds, three decimals.
+std::string format_seconds(double seconds);
+
+// A stored row as a JSON object keyed by the provider table's columns;
+// node_names is an array. The texts stay as stored (see Encoding).
+Json row_to_json(const vesk::datastore::Row& row);
+
+}  // namespace vesk::tool

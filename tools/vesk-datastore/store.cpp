@@ -1,0 +1,278 @@
+#include "store.h"
+
+#include <libxml/parser.h>
+#include <libxml/tree.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <iostream>
+#include <map>
+#include <sstream>
+
+#include "errors.h"
+#include "vesk/datastore/interface.h"
+#include "vesk/datastore/parse_utility.h"
+#include "vesk/datastore/queries.h"
+#include "vesk/datastore/vocabulary.h"
+#include "vesk/str.h"
+
+namespace vesk::tool {
+
+using vesk::datastore::DataStoreConfig;
+using vesk::datastore::DataStoreExtension;
+using vesk::datastore::DataStoreParseUtility;
+using vesk::datastore::InsertRecord;
+using vesk::datastore::ReadParameters;
+using vesk::datastore::Row;
+using vesk::datastore::SQLParameters;
+
+namespace {
+
+// Bulk insert of the SQLite extension: `in` points to a const
+// std::vector<InsertRecord>, stored in one transaction.
+constexpr uint16_t kBulkInsertOp = 1024;
+
+// What is stored, per provider and host, in one statement. The columns are
+// named and ordered like the provider table, so that the extension maps
+// them onto Row fields whether it goes by name or by position: num_nodes
+// carries the row count.
+const char* const kSummaryQuery =
+    "SELECT MIN(rowid) AS rowid, Provider, Hostname, COUNT(*) AS num_nodes, '' AS node_names, "
+    "0 AS Exit_status, MAX(Timestamp) AS Timestamp, 0.0 AS Duration, 0 AS Encoding, "
+    "'' AS STDOUT, '' AS STDERR, '' AS OptionID, 0 AS version, '' AS Username, "
+    "MAX(Unique_timestamp) AS Unique_timestamp FROM vesk_1 GROUP BY Provider, Hostname";
+
+// Statuses reported by execute_ioctl's callback, per visited datastore.
+struct Outcome {
+    std::string instance;
+    int status;
+};
+std::vector<Outcome>* g_outcomes = nullptr;
+
+void record_outcome(int status, uint16_t, std::weak_ptr<DataStoreExtension> instance,
+                    const void*, const void*) {
+    if (g_outcomes == nullptr) return;
+    const auto locked = instance.lock();
+    g_outcomes->push_back({locked ? locked->instance_name : std::string("?"), status});
+}
+
+// execute_ioctl with the statuses collected in `outcomes`.
+bool run_ioctl(const std::vector<std::string>& names, uint16_t op, const void* in, void* out,
+               std::vector<Outcome>& outcomes) {
+    outcomes.clear();
+    g_outcomes = &outcomes;
+    const bool ok = vesk::datastore::execute_ioctl(names, op, in, out, nullptr, &record_outcome);
+    g_outcomes = nullptr;
+    return ok;
+}
+
+std::string describe(const std::vector<Outcome>& outcomes) {
+    if (outcomes.empty()) return "no datastore answered";
+    std::ostringstream text;
+    for (size_t i = 0; i < outcomes.size(); ++i) {
+        if (i) text << "; ";
+        text << "datastore " << outcomes[i].instance << ": ";
+        if (outcomes[i].status == DataStoreExtension::UNSUPPORTED_OPERATION)
+            text << "not supported";
+        else
+            text << "failed (status " << outcomes[i].status << ")";
+    }
+    return text.str();
+}
+
+ToolError datastore_error(const std::string& what, const std::vector<Outcome>& outcomes) {
+    return ToolError(kExitError, what + " failed: " + describe(outcomes) +
+                                     " (run with -v for the datastore's messages)");
+}
+
+// Captures what the library's error log writes to standard error while it
+// lives, so that configuration problems become one message of ours.
+class CerrCapture {
+public:
+    CerrCapture() : old_(std::cerr.rdbuf(text_.rdbuf())) {}
+    ~CerrCapture() { std::cerr.rdbuf(old_); }
+    CerrCapture(const CerrCapture&) = delete;
+    CerrCapture& operator=(const CerrCapture&) = delete;
+    std::string text() const { return vesk::str::stripws(text_.str()); }
+
+private:
+    std::ostringstream text_;
+    std::streambuf* old_;
+};
+
+struct XmlDocFree {
+    void operator()(xmlDoc* doc) const { xmlFreeDoc(doc); }
+};
+
+void silent_xml_errors(void*, xmlErrorPtr) {}
+
+}  // namespace
+
+std::string default_config_path() {
+    const std::filesystem::path path = DataStoreParseUtility::get_default_install_path() +
+                                       "/etc/datastore/default_sqlite.xml";
+    return path.lexically_normal().string();
+}
+
+std::vector<DataStoreConfig> read_config_file(const std::string& path) {
+    if (::access(path.c_str(), R_OK) != 0)
+        throw ToolError(kExitError,
+                        "cannot read configuration file " + path + ": " + std::strerror(errno));
+    struct stat info {};
+    if (::stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode))
+        throw ToolError(kExitError, "cannot read configuration file " + path + ": Is a directory");
+
+    xmlSetStructuredErrorFunc(nullptr, &silent_xml_errors);
+    const std::unique_ptr<xmlDoc, XmlDocFree> doc(xmlReadFile(path.c_str(), nullptr, 0));
+    if (!doc) throw ToolError(kExitError, path + ": not a well-formed XML file");
+    xmlNode* root = xmlDocGetRootElement(doc.get());
+    if (root == nullptr) throw ToolError(kExitError, path + ": empty XML document");
+
+    std::vector<DataStoreConfig> configs;
+    try {
+        if (std::strcmp(reinterpret_cast<const char*>(root->name), "configuration") == 0) {
+            // A single datastore configuration file.
+            DataStoreConfig config;
+            DataStoreParseUtility::parse_xml(root, config);
+            configs.push_back(config);
+        } else {
+            // A group file. The fallback marks "no entry at all"; messages
+            // the walk logs mean it stopped at a bad entry.
+            DataStoreConfig none;
+            none.instance_name = "\x01no entry";
+            std::string logged;
+            {
+                CerrCapture capture;
+                configs = DataStoreParseUtility::parse_db_configs(root, none);
+                logged = capture.text();
+            }
+            if (!logged.empty()) throw ToolError(kExitError, path + ": " + logged);
+            if (configs.size() == 1 && configs[0].instance_name == none.instance_name)
+                throw ToolError(kExitError, path + ": no datastore entry in the file");
+        }
+    } catch (const ToolError&) {
+        throw;
+    } catch (const std::exception& e) {
+        throw ToolError(kExitError, path + ": " + e.what());
+    }
+    DataStoreParseUtility::fillInVacantFields(configs);
+    return configs;
+}
+
+Store::Store(std::vector<DataStoreConfig> configs)
+    : controller_(vesk::datastore::DataStoreController::createDataStoreController()) {
+    try {
+        DataStoreParseUtility::insert_db_instance(configs);
+    } catch (const std::exception& e) {
+        throw ToolError(kExitError, std::string("cannot open datastore: ") + e.what());
+    }
+    if (data_names().empty())
+        throw ToolError(kExitError, "no datastore of source type \"data\" is configured");
+}
+
+Store::~Store() {
+    try {
+        DataStoreParseUtility::clear_db_vector();
+    } catch (...) {
+        // Closing at exit: nothing left to report to.
+    }
+}
+
+std::vector<std::string> Store::data_names() const {
+    std::vector<std::string> names;
+    for (const auto& [config, instance] : DataStoreParseUtility::get_datastore_vector())
+        if (config.source_types.test(vesk::datastore::data) && !instance.expired())
+            names.push_back(config.instance_name);
+    return names;
+}
+
+std::vector<StoredSummary> Store::summary() {
+    std::map<std::pair<std::string, std::string>, StoredSummary> merged;
+    for (const auto& name : data_names()) {
+        SQLParameters sql{"", kSummaryQuery, vesk::datastore::row_field_index};
+        ReadParameters request;
+        request.sql = &sql;
+        std::vector<Row> rows;
+        std::vector<Outcome> outcomes;
+        if (!run_ioctl({name}, vesk::datastore::OP_SELECT_PROVIDER, &request, &rows, outcomes))
+            throw datastore_error("reading what is stored", outcomes);
+        for (const auto& row : rows) {
+            auto& entry = merged[{row.Provider, row.Hostname}];
+            entry.provider = row.Provider;
+            entry.host = row.Hostname;
+            entry.rows += row.num_nodes;
+            entry.latest_start = std::max(entry.latest_start, row.Timestamp);
+            entry.latest_run = std::max(entry.latest_run, row.Unique_timestamp);
+        }
+    }
+    std::vector<StoredSummary> result;
+    for (auto& [key, entry] : merged) result.push_back(entry);
+    return result;
+}
+
+std::vector<std::string> Store::provider_names() {
+    std::vector<std::string> names;
+    for (const auto& entry : summary())
+        if (names.empty() || names.back() != entry.provider) names.push_back(entry.provider);
+    return names;
+}
+
+int64_t Store::last_run() {
+    int64_t last = 0;
+    for (const auto& entry : summary()) last = std::max(last, entry.latest_run);
+    return last;
+}
+
+void Store::insert(const std::vector<InsertRecord>& records) {
+    if (records.empty()) return;
+    const auto names = data_names();
+    std::vector<Outcome> outcomes;
+    if (bulk_supported_) {
+        if (run_ioctl(names, kBulkInsertOp, &records, nullptr, outcomes)) return;
+        const bool all_unsupported =
+            !outcomes.empty() &&
+            std::all_of(outcomes.begin(), outcomes.end(), [](const Outcome& o) {
+                return o.status == DataStoreExtension::UNSUPPORTED_OPERATION;
+            });
+        if (!all_unsupported) throw datastore_error("storing rows", outcomes);
+        bulk_supported_ = false;
+    }
+    // One row at a time: the record travels in `out` for the insert code.
+    for (const auto& record : records) {
+        InsertRecord copy = record;
+        if (!run_ioctl(names, vesk::datastore::OP_INSERT, nullptr, &copy, outcomes))
+            throw datastore_error("storing a row", outcomes);
+    }
+}
+
+std::vector<Row> Store::latest_run_rows(const std::vector<std::string>& providers) {
+    std::vector<Row> rows;
+    if (providers.empty()) return rows;
+    ReadParameters request;
+    request.first = providers;
+    std::vector<Outcome> outcomes;
+    if (!run_ioctl(data_names(), vesk::datastore::OP_LATEST_COLLECT_ROWS, &request, &rows,
+                   outcomes))
+        throw datastore_error("reading the latest run", outcomes);
+    return rows;
+}
+
+vesk::datastore::SnapshotInfoSet Store::snapshots() {
+    if (DataStoreParseUtility::query_available_baselines())
+        return DataStoreParseUtility::get_snapshot_info_set();
+    // False means "none" or "failed": ask again to tell which.
+    vesk::datastore::SnapshotInfoSet probe;
+    std::vector<Outcome> outcomes;
+    if (!run_ioctl(data_names(), vesk::datastore::OP_QUERY_BASELINE_IDS, nullptr, &probe,
+                   outcomes))
+        throw datastore_error("listing snapshots", outcomes);
+    auto known = DataStoreParseUtility::get_snapshot_info_set();
+    known.insert(probe.begin(), probe.end());
+    return known;
+}
+
+}  // namespace vesk::tool

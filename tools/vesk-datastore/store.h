@@ -1,0 +1,74 @@
+#pragma once
+// The tool's view of the configured datastores. Everything goes through the
+// library's public functions: configuration parsing, the datastore list,
+// execute_ioctl and the query front end. One Store per process; it holds
+// the controller for its whole life and closes the datastores at the end.
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "vesk/datastore/controller.h"
+#include "vesk/datastore/records.h"
+
+namespace vesk::tool {
+
+// The installed default configuration: <install path>/etc/datastore/default_sqlite.xml.
+std::string default_config_path();
+
+// Reads a group file, or a single datastore configuration file (root element
+// "configuration"), and fills in the defaults. Throws ToolError (exit 2)
+// with the file name and the library's message when the file is bad.
+std::vector<vesk::datastore::DataStoreConfig> read_config_file(const std::string& path);
+
+// Per provider and host: the number of rows (in num_nodes), the latest start
+// time (Timestamp) and the latest run (Unique_timestamp).
+struct StoredSummary {
+    std::string provider;
+    std::string host;
+    int64_t rows = 0;
+    int64_t latest_start = 0;
+    int64_t latest_run = 0;
+};
+
+class Store {
+public:
+    // Opens `configs` (all of them) and records them in the library's list.
+    // Throws ToolError (exit 2) when one cannot be opened.
+    explicit Store(std::vector<vesk::datastore::DataStoreConfig> configs);
+    // Closes what was opened.
+    ~Store();
+    Store(const Store&) = delete;
+    Store& operator=(const Store&) = delete;
+
+    // Instance names of the open "data" datastores, in list order.
+    std::vector<std::string> data_names() const;
+
+    // What is stored, per provider and host, merged over the "data"
+    // datastores, ordered by provider and host. Throws ToolError (exit 2)
+    // when a datastore fails to answer.
+    std::vector<StoredSummary> summary();
+    // Every stored provider name, sorted.
+    std::vector<std::string> provider_names();
+    // The greatest Unique_timestamp stored (0 when nothing is).
+    int64_t last_run();
+
+    // Stores `records` in the first "data" datastore that accepts them:
+    // the bulk-insert code when the datastore has it, one insert per row
+    // otherwise. Throws ToolError (exit 2) when no datastore accepts them.
+    void insert(const std::vector<vesk::datastore::InsertRecord>& records);
+
+    // The rows of the newest collection run of `providers` (operation 519).
+    std::vector<vesk::datastore::Row> latest_run_rows(const std::vector<std::string>& providers);
+
+    // Known snapshots (ids and their newest run). Throws ToolError (exit 2)
+    // when a datastore fails; an empty set means there are none.
+    vesk::datastore::SnapshotInfoSet snapshots();
+
+private:
+    std::shared_ptr<vesk::datastore::DataStoreController> controller_;
+    bool bulk_supported_ = true;
+};
+
+}  // namespace vesk::tool

@@ -1,0 +1,274 @@
+// import and export: rows as JSON Lines.
+#include <algorithm>
+#include <condition_variable>
+#include <cstdio>
+#include <cstring>
+#include <deque>
+#include <iostream>
+#include <mutex>
+#include <optional>
+#include <thread>
+
+#include "commands.h"
+#include "errors.h"
+#include "jsonl.h"
+#include "session.h"
+#include "vesk/datastore/queries.h"
+
+namespace vesk::tool {
+
+using vesk::datastore::InsertRecord;
+using vesk::datastore::Row;
+
+namespace {
+
+// Reads lines from a FILE* quickly (large buffer, no locale work).
+class LineReader {
+public:
+    explicit LineReader(std::FILE* file) : file_(file), buffer_(size_t(1) << 20) {}
+
+    // The next line without its line break; false at end of input.
+    bool next(std::string& line) {
+        line.clear();
+        for (;;) {
+            if (pos_ == end_) {
+                if (eof_) return !line.empty();
+                end_ = std::fread(buffer_.data(), 1, buffer_.size(), file_);
+                pos_ = 0;
+                if (end_ == 0) {
+                    eof_ = true;
+                    if (std::ferror(file_)) failed_ = true;
+                    return !line.empty();
+                }
+            }
+            const char* start = buffer_.data() + pos_;
+            const void* nl = std::memchr(start, '\n', end_ - pos_);
+            if (nl != nullptr) {
+                const size_t n = static_cast<const char*>(nl) - start;
+                line.append(start, n);
+                pos_ += n + 1;
+                if (!line.empty() && line.back() == '\r') line.pop_back();
+                return true;
+            }
+            line.append(start, end_ - pos_);
+            pos_ = end_;
+        }
+    }
+    bool failed() const { return failed_; }
+
+private:
+    std::FILE* file_;
+    std::vector<char> buffer_;
+    size_t pos_ = 0;
+    size_t end_ = 0;
+    bool eof_ = false;
+    bool failed_ = false;
+};
+
+// A parsed batch, or the first bad line of the input.
+struct Batch {
+    std::vector<InsertRecord> records;
+    size_t last_line = 0;
+};
+
+// Batches handed from the parsing thread to the storing one; at most two
+// wait at a time, so memory stays bounded whatever the input size.
+class BatchQueue {
+public:
+    void push(Batch batch) {
+        std::unique_lock<std::mutex> lock(mutex_);
+        room_.wait(lock, [&] { return queue_.size() < 2 || stopped_; });
+        if (stopped_) return;
+        queue_.push_back(std::move(batch));
+        ready_.notify_one();
+    }
+    // Ends the input, with an error text when a line was bad.
+    void finish(std::string error = "") {
+        std::lock_guard<std::mutex> lock(mutex_);
+        finished_ = true;
+        error_ = std::move(error);
+        ready_.notify_all();
+    }
+    // Tells the producer to give up (the storing side failed).
+    void stop() {
+        std::lock_guard<std::mutex> lock(mutex_);
+        stopped_ = true;
+        room_.notify_all();
+    }
+    bool stopped() {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return stopped_;
+    }
+    // The next batch; nothing when the input is over.
+    std::optional<Batch> pop() {
+        std::unique_lock<std::mutex> lock(mutex_);
+        ready_.wait(lock, [&] { return !queue_.empty() || finished_; });
+        if (queue_.empty()) return std::nullopt;
+        Batch batch = std::move(queue_.front());
+        queue_.pop_front();
+        room_.notify_one();
+        return batch;
+    }
+    std::string error() {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return error_;
+    }
+
+private:
+    std::mutex mutex_;
+    std::condition_variable ready_;
+    std::condition_variable room_;
+    std::deque<Batch> queue_;
+    bool finished_ = false;
+    bool stopped_ = false;
+    std::string error_;
+};
+
+std::string with_commas(uint64_t n) {
+    std::string digits = std::to_string(n);
+    for (int i = int(digits.size()) - 3; i > 0; i -= 3) digits.insert(size_t(i), ",");
+    return digits;
+}
+
+}  // namespace
+
+int cmd_import(const GlobalOptions& global, const std::string& file, size_t batch_size) {
+    if (batch_size == 0) batch_size = 1;
+    std::FILE* input = stdin;
+    if (file != "-") {
+        input = std::fopen(file.c_str(), "rb");
+        if (input == nullptr)
+            throw ToolError(kExitError, "cannot read " + file + ": " + std::strerror(errno));
+    }
+    struct Closer {
+        std::FILE* f;
+        ~Closer() {
+            if (f != stdin) std::fclose(f);
+        }
+    } closer{input};
+    const std::string name = file == "-" ? "standard input" : file;
+
+    auto store = open_store(global);
+    // Rows without a run of their own form one new run.
+    const int64_t default_run = std::max(now_microseconds(), store->last_run() + 1);
+
+    // Lines are parsed on a second thread while this one stores batches;
+    // only this thread calls the library.
+    BatchQueue queue;
+    std::thread parser([&] {
+        LineReader reader(input);
+        Batch batch;
+        std::string line;
+        std::string error;
+        size_t number = 0;
+        while (reader.next(line)) {
+            ++number;
+            if (line.find_first_not_of(" \t\r") == std::string::npos) continue;
+            InsertRecord record;
+            if (!parse_row_line(line, default_run, record, error)) {
+                queue.finish(name + ": line " + std::to_string(number) + ": " + error);
+                return;
+            }
+            batch.records.push_back(std::move(record));
+            if (batch.records.size() >= batch_size) {
+                batch.last_line = number;
+                queue.push(std::move(batch));
+                if (queue.stopped()) return;
+                batch = Batch{};
+                batch.records.reserve(batch_size);
+            }
+        }
+        if (reader.failed()) {
+            queue.finish(name + ": read error after line " + std::to_string(number));
+            return;
+        }
+        if (!batch.records.empty()) {
+            batch.last_line = number;
+            queue.push(std::move(batch));
+        }
+        queue.finish();
+    });
+
+    Progress progress;
+    const auto started = std::chrono::steady_clock::now();
+    uint64_t stored = 0;
+    auto rate = [&] {
+        const double seconds =
+            std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+        return seconds > 0 ? uint64_t(double(stored) / seconds) : 0;
+    };
+    try {
+        while (auto batch = queue.pop()) {
+            store->insert(batch->records);
+            stored += batch->records.size();
+            progress.show("import: " + with_commas(stored) + " rows, " + with_commas(rate()) +
+                          " rows/s");
+        }
+    } catch (...) {
+        queue.stop();
+        parser.join();
+        throw;
+    }
+    parser.join();
+    progress.clear();
+    const double seconds =
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+
+    const std::string error = queue.error();
+    if (!error.empty())
+        throw ToolError(kExitError, error + " (nothing of its batch was stored; " +
+                                        std::to_string(stored) + " rows before it were)");
+    if (global.format == Format::json) {
+        print_json(std::cout, Json{{"rows", stored}, {"seconds", seconds}});
+    } else if (global.format == Format::csv) {
+        print_csv(std::cout, Table{{"rows", "seconds"},
+                                   {{std::to_string(stored), format_seconds(seconds)}}});
+    } else {
+        std::cout << "imported " << with_commas(stored) << " rows in " << format_seconds(seconds)
+                  << " s (" << with_commas(rate()) << " rows/s)\n";
+    }
+    return kExitOk;
+}
+
+int cmd_export(const GlobalOptions& global, const RowsOptions& options) {
+    for (const auto& p : options.providers) check_name("provider name", p, 64);
+    for (const auto& h : options.hosts) check_name("host name", h, 256);
+    auto store = open_store(global);
+    std::vector<std::string> providers = options.providers;
+    if (providers.empty()) providers = store->provider_names();
+
+    std::string filter;
+    if (!options.hosts.empty()) {
+        filter = "Hostname IN (";
+        for (size_t i = 0; i < options.hosts.size(); ++i)
+            filter += (i ? ",'" : "'") + options.hosts[i] + "'";
+        filter += ")";
+    }
+    // One provider at a time keeps memory bounded by the largest provider.
+    uint64_t written = 0;
+    std::string out;
+    for (const auto& provider : providers) {
+        std::vector<Row> rows;
+        vesk::datastore::select_provider_data({provider}, rows, filter, false);
+        std::sort(rows.begin(), rows.end(),
+                  [](const Row& a, const Row& b) { return a.rowid < b.rowid; });
+        for (const auto& row : rows) {
+            out += row_to_line(row);
+            out += '\n';
+            if (out.size() > (size_t(1) << 20)) {
+                std::fwrite(out.data(), 1, out.size(), stdout);
+                out.clear();
+            }
+        }
+        written += rows.size();
+    }
+    std::fwrite(out.data(), 1, out.size(), stdout);
+    std::fflush(stdout);
+    if (written == 0) {
+        std::cerr << "vesk-datastore: no rows found\n";
+        return kExitNothing;
+    }
+    return kExitOk;
+}
+
+}  // namespace vesk::tool
