@@ -25,6 +25,19 @@ namespace ds = vesk::datastore;
 constexpr unsigned long kDataOnly = 0b01;
 constexpr unsigned long kStreamOnly = 0b10;
 
+// The configuration of a recorder instance `name` serving `types`.
+inline ds::DataStoreConfig recorder_config(const std::string& name,
+                                           unsigned long types = kDataOnly) {
+    ds::DataStoreConfig config;
+    config.type = ds::other;
+    config.instance_name = name;
+    config.extension_name = "librecording_plugin.so";
+    config.extension_path = kPluginDir;
+    config.source_parameters = "recorder";
+    config.source_types = std::bitset<2>(types);
+    return config;
+}
+
 class RecorderTest : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -57,14 +70,7 @@ protected:
     // Opens a recorder instance `name` serving `types` and appends it to
     // db_vec; returns its state.
     RecorderState* add(const std::string& name, unsigned long types = kDataOnly) {
-        ds::DataStoreConfig config;
-        config.type = ds::other;
-        config.instance_name = name;
-        config.extension_name = "librecording_plugin.so";
-        config.extension_path = kPluginDir;
-        config.source_parameters = "recorder";
-        config.source_types = std::bitset<2>(types);
-        std::vector<ds::DataStoreConfig> configs{config};
+        std::vector<ds::DataStoreConfig> configs{recorder_config(name, types)};
         ds::DataStoreHandles handles;
         controller_->open(configs, handles);
         if (handles.size() != 1) throw std::runtime_error("recorder " + name + " did not open");
