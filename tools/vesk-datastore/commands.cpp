@@ -332,13 +332,13 @@ int cmd_rows(const GlobalOptions& global, const RowsOptions& options) {
     std::vector<std::string> providers;
     for (const auto& p : options.providers) {
         if (std::find(stored.begin(), stored.end(), p) == stored.end())
-            std::cerr << "vesk-datastore: unknown provider: " << p << " (nothing stored)\n";
+            diag() << "vesk-datastore: unknown provider: " << p << " (nothing stored)\n";
         else
             providers.push_back(p);
     }
     if (options.providers.empty()) providers = stored;
     if (providers.empty()) {
-        std::cerr << "vesk-datastore: no rows found\n";
+        diag() << "vesk-datastore: no rows found\n";
         return kExitNothing;
     }
 
@@ -356,7 +356,7 @@ int cmd_rows(const GlobalOptions& global, const RowsOptions& options) {
         vesk::datastore::select_provider_data(providers, rows, filter, false);
     }
     if (rows.empty()) {
-        std::cerr << "vesk-datastore: no rows found\n";
+        diag() << "vesk-datastore: no rows found\n";
         return kExitNothing;
     }
     return print_rows(global, std::move(rows), options.show_output);
@@ -382,7 +382,7 @@ int print_summary(const GlobalOptions& global, bool by_provider) {
         g.latest_run = std::max(g.latest_run, s.latest_run);
     }
     if (groups.empty()) {
-        std::cerr << "vesk-datastore: nothing stored\n";
+        diag() << "vesk-datastore: nothing stored\n";
         return kExitNothing;
     }
     const std::string key = by_provider ? "provider" : "host";

@@ -2,6 +2,7 @@
 // The tool's one kind of failure: a message for standard error and the exit
 // code that goes with it.
 
+#include <ostream>
 #include <stdexcept>
 #include <string>
 
@@ -21,5 +22,12 @@ public:
     ToolError(int code, const std::string& message) : std::runtime_error(message), code(code) {}
     int code;
 };
+
+// The tool's own standard error. main points std::cerr, which the library's
+// error log writes to, elsewhere while a command runs, so that a failure
+// ends in one message that carries the library's reason.
+std::ostream& diag();
+// Sets what diag() returns (std::cerr until then).
+void set_diag(std::ostream* stream);
 
 }  // namespace vesk::tool

@@ -4,6 +4,7 @@
 
 #include <csignal>
 #include <iostream>
+#include <sstream>
 
 #include <CLI/CLI.hpp>
 
@@ -33,7 +34,8 @@ int run(int argc, char** argv) {
                    "Group file or datastore configuration file (default: the installed "
                    "default configuration)");
     app.add_option("--datastore", global.datastores,
-                   "Use only the named datastore instance (repeatable)");
+                   "Use only the named datastore instance (repeatable)")
+        ->allow_extra_args(false);
     app.add_flag("-v,--verbose", global.verbose, "Show the library's messages");
     app.add_option("--format", format, "Output format where a command prints rows")
         ->check(CLI::IsMember({"table", "json", "csv"}));
@@ -46,7 +48,8 @@ int run(int argc, char** argv) {
                   "Provider file: lines of \"NAME [timeout=S] [option=ID] : COMMAND\"");
     c->add_option("--provider", collect.providers,
                   "Run only this provider (repeatable); with \"-- COMMAND ARGS...\" run that "
-                  "command under this name");
+                  "command under this name")
+        ->allow_extra_args(false);
     c->add_option("--option", collect.option_id, "Option id of the command given after \"--\"");
     c->add_option("--timeout", collect.timeout, "Timeout of every provider, seconds")
         ->check(CLI::PositiveNumber);
@@ -63,14 +66,18 @@ int run(int argc, char** argv) {
 
     RowsOptions export_options;
     auto* exp = app.add_subcommand("export", "Print stored rows as JSON Lines");
-    exp->add_option("--provider", export_options.providers, "Only this provider (repeatable)");
-    exp->add_option("--host", export_options.hosts, "Only this host (repeatable)");
+    exp->add_option("--provider", export_options.providers, "Only this provider (repeatable)")
+        ->allow_extra_args(false);
+    exp->add_option("--host", export_options.hosts, "Only this host (repeatable)")
+        ->allow_extra_args(false);
 
     // rows
     RowsOptions rows;
     auto* r = app.add_subcommand("rows", "Show stored rows");
-    r->add_option("--provider", rows.providers, "Only this provider (repeatable)");
-    r->add_option("--host", rows.hosts, "Only this host (repeatable)");
+    r->add_option("--provider", rows.providers, "Only this provider (repeatable)")
+        ->allow_extra_args(false);
+    r->add_option("--host", rows.hosts, "Only this host (repeatable)")
+        ->allow_extra_args(false);
     r->add_flag("--latest", rows.latest, "Only the latest row per provider, option and host");
     r->add_flag("--show-output", rows.show_output, "Print the captured outputs (decoded)");
 
@@ -127,26 +134,56 @@ int run(int argc, char** argv) {
         return kExitError;
     }
 
+    auto dispatch = [&]() -> int {
+        if (*c) return cmd_collect(global, collect);
+        if (*imp) return cmd_import(global, import_file, batch_size);
+        if (*exp) return cmd_export(global, export_options);
+        if (*r) return cmd_rows(global, rows);
+        if (*hosts) return cmd_hosts(global);
+        if (*providers) return cmd_providers(global);
+        if (*s_create) return cmd_snapshot_create(global, snap_name);
+        if (*s_list) return cmd_snapshot_list(global);
+        if (*s_show) return cmd_snapshot_show(global, snap_name, snap_show_output);
+        if (*s_remove) return cmd_snapshot_remove(global, snap_name);
+        if (*s_diff) return cmd_snapshot_diff(global, snap_name, snap_other);
+        if (*sql) return cmd_sql(sql_file, database_file);
+        if (*cfg_show) return cmd_config_show(global);
+        if (*cfg_check) return cmd_config_check(global, check_file);
+        return kExitError;
+    };
+
     global.format = format == "json"  ? Format::json
                     : format == "csv" ? Format::csv
                                       : Format::table;
     if (global.verbose) vesk::log::LOG_LEVEL = kVerboseLogLevel;
 
-    if (*c) return cmd_collect(global, collect);
-    if (*imp) return cmd_import(global, import_file, batch_size);
-    if (*exp) return cmd_export(global, export_options);
-    if (*r) return cmd_rows(global, rows);
-    if (*hosts) return cmd_hosts(global);
-    if (*providers) return cmd_providers(global);
-    if (*s_create) return cmd_snapshot_create(global, snap_name);
-    if (*s_list) return cmd_snapshot_list(global);
-    if (*s_show) return cmd_snapshot_show(global, snap_name, snap_show_output);
-    if (*s_remove) return cmd_snapshot_remove(global, snap_name);
-    if (*s_diff) return cmd_snapshot_diff(global, snap_name, snap_other);
-    if (*sql) return cmd_sql(sql_file, database_file);
-    if (*cfg_show) return cmd_config_show(global);
-    if (*cfg_check) return cmd_config_check(global, check_file);
-    return kExitError;
+    // Unless verbose, what the library logs while the command runs is kept
+    // back: a failure reports it as its reason, a success passes it on.
+    std::ostream terminal(std::cerr.rdbuf());
+    std::ostringstream library_log;
+    set_diag(&terminal);
+    struct Restore {
+        std::streambuf* buffer;
+        ~Restore() {
+            std::cerr.rdbuf(buffer);
+            set_diag(nullptr);
+        }
+    } restore{global.verbose ? std::cerr.rdbuf() : std::cerr.rdbuf(library_log.rdbuf())};
+
+    try {
+        const int code = dispatch();
+        terminal << library_log.str() << std::flush;
+        return code;
+    } catch (const std::exception& e) {
+        const auto* tool_error = dynamic_cast<const ToolError*>(&e);
+        std::string reason = library_log.str();
+        while (!reason.empty() && reason.back() == '\n') reason.pop_back();
+        for (auto& ch : reason)
+            if (ch == '\n') ch = ';';
+        terminal << "vesk-datastore: " << e.what() << (reason.empty() ? "" : " [" + reason + "]")
+                 << "\n";
+        return tool_error != nullptr ? tool_error->code : int(kExitError);
+    }
 }
 
 }  // namespace

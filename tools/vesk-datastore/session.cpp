@@ -11,6 +11,13 @@
 
 namespace vesk::tool {
 
+namespace {
+std::ostream* g_diag = nullptr;
+}  // namespace
+
+std::ostream& diag() { return g_diag != nullptr ? *g_diag : std::cerr; }
+void set_diag(std::ostream* stream) { g_diag = stream; }
+
 std::vector<vesk::datastore::DataStoreConfig> selected_configs(const GlobalOptions& global) {
     const std::string path =
         global.config_file.empty() ? default_config_path() : global.config_file;
@@ -55,12 +62,12 @@ void Progress::show(const std::string& text, bool force) {
     if (!force && shown_ && now - last_ < std::chrono::milliseconds(100)) return;
     last_ = now;
     shown_ = true;
-    std::cerr << "\r\033[K" << text << std::flush;
+    diag() << "\r\033[K" << text << std::flush;
 }
 
 void Progress::clear() {
     if (!tty_ || !shown_) return;
-    std::cerr << "\r\033[K" << std::flush;
+    diag() << "\r\033[K" << std::flush;
     shown_ = false;
 }
 

@@ -58,7 +58,7 @@ int cmd_snapshot_create(const GlobalOptions& global, const std::string& name) {
     std::map<std::string, vesk::datastore::ProviderInfo> providers;
     for (const auto& provider : store->provider_names()) providers[provider].name = provider;
     if (providers.empty()) {
-        std::cerr << "vesk-datastore: nothing stored to take a snapshot of\n";
+        diag() << "vesk-datastore: nothing stored to take a snapshot of\n";
         return kExitNothing;
     }
     DataStoreParseUtility::set_baseline_str(name);
@@ -67,7 +67,7 @@ int cmd_snapshot_create(const GlobalOptions& global, const std::string& name) {
         throw ToolError(kExitError, "recording snapshot \"" + name +
                                         "\" failed (run with -v for the datastore's messages)");
     if (rows.empty()) {
-        std::cerr << "vesk-datastore: nothing stored to take a snapshot of\n";
+        diag() << "vesk-datastore: nothing stored to take a snapshot of\n";
         return kExitNothing;
     }
     int64_t run = 0;
@@ -89,7 +89,7 @@ int cmd_snapshot_list(const GlobalOptions& global) {
     auto store = open_store(global);
     const auto known = store->snapshots();
     if (known.empty()) {
-        std::cerr << "vesk-datastore: no snapshots\n";
+        diag() << "vesk-datastore: no snapshots\n";
         return kExitNothing;
     }
     Table table{{"snapshot", "rows", "run"}, {}};
@@ -118,7 +118,7 @@ int cmd_snapshot_show(const GlobalOptions& global, const std::string& name, bool
     require_snapshot(*store, name);
     auto rows = snapshot_rows(*store, name);
     if (rows.empty()) {
-        std::cerr << "vesk-datastore: snapshot \"" << name << "\" holds no rows\n";
+        diag() << "vesk-datastore: snapshot \"" << name << "\" holds no rows\n";
         return kExitNothing;
     }
     return print_rows(global, std::move(rows), show_output);

@@ -17,6 +17,7 @@
 #include "vesk/datastore/interface.h"
 #include "vesk/datastore/parse_utility.h"
 #include "vesk/datastore/queries.h"
+#include "vesk/datastore/sqlite_extension.h"
 #include "vesk/datastore/vocabulary.h"
 #include "vesk/str.h"
 
@@ -32,9 +33,8 @@ using vesk::datastore::SQLParameters;
 
 namespace {
 
-// Bulk insert of the SQLite extension: `in` points to a const
-// std::vector<InsertRecord>, stored in one transaction.
-constexpr uint16_t kBulkInsertOp = 1024;
+// Bulk insert (declared by the SQLite extension): all rows or none.
+constexpr uint16_t kBulkInsertOp = vesk::datastore::SQLITE_BULK_INSERT;
 
 // What is stored, per provider and host, in one statement. The columns are
 // named and ordered like the provider table, so that the extension maps

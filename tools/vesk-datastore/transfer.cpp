@@ -265,7 +265,7 @@ int cmd_export(const GlobalOptions& global, const RowsOptions& options) {
     std::fwrite(out.data(), 1, out.size(), stdout);
     std::fflush(stdout);
     if (written == 0) {
-        std::cerr << "vesk-datastore: no rows found\n";
+        diag() << "vesk-datastore: no rows found\n";
         return kExitNothing;
     }
     return kExitOk;
