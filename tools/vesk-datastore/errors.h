@@ -19,8 +19,11 @@ enum ExitCode : int {
 // with `code`.
 class ToolError : public std::runtime_error {
 public:
-    ToolError(int code, const std::string& message) : std::runtime_error(message), code(code) {}
+    ToolError(int code, const std::string& message, bool datastore_failure = false)
+        : std::runtime_error(message), code(code), datastore_failure(datastore_failure) {}
     int code;
+    // A datastore refused or failed: its own messages tell why (see -v).
+    bool datastore_failure;
 };
 
 // The tool's own standard error. main points std::cerr, which the library's

@@ -46,6 +46,9 @@ bool parse_row_line(const std::string& line, int64_t default_run,
             error = e.what();
             const std::string prefix = "[json.exception.parse_error.101] ";
             if (error.rfind(prefix, 0) == 0) error = error.substr(prefix.size());
+            // The text is one line: "at line 1, column 5" says only the column.
+            const std::string where = "parse error at line 1, ";
+            if (error.rfind(where, 0) == 0) error = "invalid JSON at " + error.substr(where.size());
             return false;
         }
         error = "not valid JSON";

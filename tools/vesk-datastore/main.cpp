@@ -180,8 +180,10 @@ int run(int argc, char** argv) {
         while (!reason.empty() && reason.back() == '\n') reason.pop_back();
         for (auto& ch : reason)
             if (ch == '\n') ch = ';';
+        const bool hint = reason.empty() && !global.verbose && tool_error != nullptr &&
+                          tool_error->datastore_failure;
         terminal << "vesk-datastore: " << e.what() << (reason.empty() ? "" : " [" + reason + "]")
-                 << "\n";
+                 << (hint ? " (run with -v for the datastore's messages)" : "") << "\n";
         return tool_error != nullptr ? tool_error->code : int(kExitError);
     }
 }

@@ -34,7 +34,7 @@ std::vector<Row> snapshot_rows(Store& store, const std::string& name) {
     if (!vesk::datastore::get_snapshot_provider_data(name, rows_by_provider, baselines, providers,
                                                      {}, false))
         throw ToolError(kExitError, "reading snapshot \"" + name +
-                                        "\" failed (run with -v for the datastore's messages)");
+                                        "\" failed", true);
     for (auto& [provider, list] : rows_by_provider)
         for (auto& row : list) rows.push_back(std::move(row));
     return rows;
@@ -65,7 +65,7 @@ int cmd_snapshot_create(const GlobalOptions& global, const std::string& name) {
     std::vector<Row> rows;
     if (!DataStoreParseUtility::mark_latest_snapshot_data(providers, rows))
         throw ToolError(kExitError, "recording snapshot \"" + name +
-                                        "\" failed (run with -v for the datastore's messages)");
+                                        "\" failed", true);
     if (rows.empty()) {
         diag() << "vesk-datastore: nothing stored to take a snapshot of\n";
         return kExitNothing;
@@ -131,7 +131,7 @@ int cmd_snapshot_remove(const GlobalOptions& global, const std::string& name) {
     DataStoreParseUtility::set_snapshot_remove_str(name);
     if (!DataStoreParseUtility::remove_snapshot())
         throw ToolError(kExitError, "removing snapshot \"" + name +
-                                        "\" failed (run with -v for the datastore's messages)");
+                                        "\" failed", true);
     if (global.format == Format::json)
         print_json(std::cout, Json{{"removed", name}});
     else if (global.format == Format::table)

@@ -85,8 +85,7 @@ std::string describe(const std::vector<Outcome>& outcomes) {
 }
 
 ToolError datastore_error(const std::string& what, const std::vector<Outcome>& outcomes) {
-    return ToolError(kExitError, what + " failed: " + describe(outcomes) +
-                                     " (run with -v for the datastore's messages)");
+    return ToolError(kExitError, what + " failed: " + describe(outcomes), true);
 }
 
 // Captures what the library's error log writes to standard error while it
