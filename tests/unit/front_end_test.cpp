@@ -130,14 +130,6 @@ TEST_F(ExecuteIoctlTest, MessagesOfEachStatusWithoutCallback) {
     EXPECT_THAT(err2.lines(), ElementsAre("Operation code 1100 failed for a"));
 }
 
-TEST_F(ExecuteIoctlTest, ANameGivenTwiceIsVisitedTwice) {
-    a->scripts[512] = answer(1);
-    CerrCapture err;
-    EXPECT_FALSE(run({"a", "a"}));
-    EXPECT_EQ(a->controls.size(), 2u);
-    EXPECT_EQ(err.lines().size(), 2u);
-}
-
 TEST_F(ExecuteIoctlTest, ExceptionsAreLoggedAndTheWalkGoesOn) {
     a->scripts[512] = answer(1);
     b->scripts[512] = answer(1);
@@ -159,18 +151,6 @@ TEST_F(ExecuteIoctlTest, ExceptionsAreLoggedAndTheWalkGoesOn) {
                 ElementsAre("Pulling data failed for  from the database source \"a\""));
     ASSERT_EQ(g_callbacks.size(), 1u);
     EXPECT_EQ(g_callbacks[0].status, 0);
-}
-
-TEST_F(ExecuteIoctlTest, ARealOperationThroughTheSqlBase) {
-    // Operation 519 dispatched by interface: the rows land in the caller's out.
-    a->rows = {ds::Row()};
-    a->rows[0].Provider = "p";
-    std::vector<ds::Row> rows;
-    ds::ReadParameters request{{"p"}, {}, {}, nullptr};
-    EXPECT_TRUE(ds::execute_ioctl({"a"}, ds::OP_LATEST_COLLECT_ROWS, &request, &rows, nullptr,
-                                  nullptr));
-    ASSERT_EQ(rows.size(), 1u);
-    EXPECT_EQ(rows[0].Provider, "p");
 }
 
 TEST(ExecuteIoctlWithoutController, ReturnsFalseAndLeavesOutAlone) {

@@ -34,20 +34,10 @@ std::vector<int32_t> rowids(const ds::ProviderInfoSet& set) {
 
 class SnapshotStateTest : public RecorderTest {};
 
-TEST_F(SnapshotStateTest, Accessors) {
+TEST_F(SnapshotStateTest, TimestampIsNarrowedAndIdsAccumulate) {
     P::set_unique_timestamp(timeval{1500000000, 999999});
     EXPECT_EQ(P::get_unique_timestamp(), 1500000000);
     EXPECT_EQ(P::unique_timestamp.tv_usec, 999999);
-
-    EXPECT_TRUE(P::set_with_baseline_bool(true));
-    EXPECT_TRUE(P::get_with_baseline_bool());
-    EXPECT_TRUE(P::set_with_baseline_bool(false));
-    EXPECT_FALSE(P::get_with_baseline_bool());
-
-    EXPECT_TRUE(P::set_baseline_str("snap"));
-    EXPECT_EQ(P::get_baseline_str(), "snap");
-    EXPECT_TRUE(P::set_snapshot_remove_str("old"));
-    EXPECT_EQ(P::get_snapshot_remove_str(), "old");
 
     P::set_baseline_vec({"x", "y"});
     P::set_baseline_vec({"x", "y"});
