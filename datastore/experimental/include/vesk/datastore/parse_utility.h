@@ -10,6 +10,11 @@
 // Snapshots: the members below record, list and remove named snapshots of
 // the latest collection run.
 //
+// The controller owns the opened instances and lives only while somebody
+// holds it: keep the result of DataStoreController::createDataStoreController()
+// for as long as the datastores of db_vec are in use, or they close as soon
+// as insert_db_instance returns.
+//
 // All state is process-wide and unguarded: use from one thread at a time.
 
 #include <sys/time.h>

@@ -4,7 +4,9 @@
 // data queries walk every "data" datastore in order and stop at the first
 // successful, non-empty answer; execute_ioctl visits named datastores and
 // stops at the first success. Failures are logged at level 7 and never
-// thrown. Use from one thread at a time.
+// thrown. Every function returns false at once when no caller holds the
+// controller (DataStoreController::createDataStoreController()). Use from one
+// thread at a time.
 
 #include <cstdint>
 #include <map>
