@@ -462,7 +462,8 @@ bool SqliteExtension::configure_connection() {
     if (!wal || sqlite3_step(wal.get()) != SQLITE_ROW)
         return fail_open(std::string("cannot switch to WAL: ") + sqlite3_errmsg(db));
     const auto* mode = reinterpret_cast<const char*>(sqlite3_column_text(wal.get(), 0));
-    if (mode == nullptr || strcasecmp(mode, "wal") != 0)
+    // An in-memory database (":memory:") keeps its journal in memory.
+    if (mode == nullptr || (strcasecmp(mode, "wal") != 0 && strcasecmp(mode, "memory") != 0))
         return fail_open(std::string("cannot switch to WAL, journal mode stays ") +
                          (mode ? mode : "unknown"));
     wal.reset();

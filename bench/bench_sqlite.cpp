@@ -1,0 +1,615 @@
+// The SQLite extension against raw SQLite C API code doing the same work
+// with the same settings (WAL, synchronous=NORMAL, the same schema and
+// indexes) on the same data, side by side in one run:
+//   bulk_insert   200,000 rows of 200 B and 4 KiB output, on disk and in memory
+//   row_insert    autocommit insert of one row at a time (operation 515)
+//   query         a 1,000,000-row datastore (200 providers x 500 hosts x 10 runs)
+//                 through the query functions, raw SQLite on the same SQL,
+//                 and raw SQLite without the extension's indexes
+//   read_memory   peak memory while reading 1,000 rows of 64 KiB output
+// At the end a table gives each library/raw ratio.
+//
+// VESK_BENCH_SCALE divides every row count (the ctest smoke run uses 1000);
+// VESK_BENCH_DIR chooses the folder of the database files (default: /tmp).
+#include <benchmark/benchmark.h>
+#include <malloc.h>
+#include <sqlite3.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <memory>
+#include <new>
+#include <string>
+#include <vector>
+
+#include "vesk/datastore.h"
+#include "vesk/datastore/sqlite_extension.h"
+
+namespace vd = vesk::datastore;
+
+// ---- allocation counting (for read_memory) ----
+
+namespace {
+std::atomic<long long> g_live{0};
+std::atomic<long long> g_peak{0};
+
+void* counted_alloc(size_t size) {
+    void* p = std::malloc(size ? size : 1);
+    if (p == nullptr) throw std::bad_alloc();
+    const long long now = g_live.fetch_add(static_cast<long long>(malloc_usable_size(p)),
+                                           std::memory_order_relaxed) +
+                          static_cast<long long>(malloc_usable_size(p));
+    long long peak = g_peak.load(std::memory_order_relaxed);
+    while (now > peak && !g_peak.compare_exchange_weak(peak, now, std::memory_order_relaxed)) {
+    }
+    return p;
+}
+void counted_free(void* p) {
+    if (p == nullptr) return;
+    g_live.fetch_sub(static_cast<long long>(malloc_usable_size(p)), std::memory_order_relaxed);
+    std::free(p);
+}
+}  // namespace
+
+void* operator new(size_t size) { return counted_alloc(size); }
+void* operator new[](size_t size) { return counted_alloc(size); }
+void operator delete(void* p) noexcept { counted_free(p); }
+void operator delete[](void* p) noexcept { counted_free(p); }
+void operator delete(void* p, size_t) noexcept { counted_free(p); }
+void operator delete[](void* p, size_t) noexcept { counted_free(p); }
+
+namespace {
+
+// ---- set-up ----
+
+long scale() {
+    const char* text = std::getenv("VESK_BENCH_SCALE");
+    const long value = text ? std::atol(text) : 1;
+    return value > 0 ? value : 1;
+}
+size_t scaled(size_t n) { return std::max<size_t>(1, n / static_cast<size_t>(scale())); }
+
+const std::string& bench_dir() {
+    static const std::string dir = [] {
+        const char* text = std::getenv("VESK_BENCH_DIR");
+        std::string base = text ? text : "/tmp";
+        std::string path = base + "/vesk-bench-" + std::to_string(::getpid());
+        std::filesystem::create_directories(path);
+        return path;
+    }();
+    return dir;
+}
+
+void remove_db(const std::string& file) {
+    for (const char* suffix : {"", "-wal", "-shm", "-journal"})
+        std::filesystem::remove(file + suffix);
+}
+
+// The indexes the extension creates, so that raw SQLite holds the same schema.
+const char* const kIndexes[] = {
+    "CREATE INDEX IF NOT EXISTS provider_datastore_latest ON provider_datastore"
+    "(Provider, Hostname, OptionID, Unique_timestamp);",
+    "CREATE INDEX IF NOT EXISTS provider_datastore_run ON provider_datastore"
+    "(Unique_timestamp, Provider);",
+    "CREATE INDEX IF NOT EXISTS baseline_datastore_id ON baseline_datastore"
+    "(baseline_id, datastore_rowid);",
+};
+
+void check(int rc, sqlite3* db, const char* what) {
+    if (rc != SQLITE_OK && rc != SQLITE_DONE && rc != SQLITE_ROW) {
+        std::fprintf(stderr, "%s: %s\n", what, sqlite3_errmsg(db));
+        std::abort();
+    }
+}
+
+void exec(sqlite3* db, const std::string& sql) {
+    check(sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr), db, sql.c_str());
+}
+
+// A raw connection with the extension's settings.
+sqlite3* raw_open(const std::string& file, bool with_indexes = true) {
+    sqlite3* db = nullptr;
+    check(sqlite3_open_v2(file.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE |
+                                                 SQLITE_OPEN_NOMUTEX, nullptr),
+          db, "open");
+    sqlite3_busy_timeout(db, 60000);
+    exec(db, "PRAGMA journal_mode = WAL;");
+    exec(db, "PRAGMA synchronous = NORMAL;");
+    exec(db, vd::default_create_table_query);
+    exec(db, vd::default_create_baseline_query);
+    exec(db, vd::default_create_view_query);
+    if (with_indexes)
+        for (const char* sql : kIndexes) exec(db, sql);
+    return db;
+}
+
+const char* const kInsertSql =
+    "INSERT INTO provider_datastore(Provider, Hostname, num_nodes, node_names, Exit_status, "
+    "Timestamp, Duration, Encoding, STDOUT, STDERR, OptionID, version, Username, "
+    "Unique_timestamp) VALUES(?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, ?10, ?11, ?12, ?13, ?14);";
+
+// Raw insert of one record from its strings, as an application would write it.
+struct RawInserter {
+    sqlite3* db;
+    sqlite3_stmt* stmt = nullptr;
+    std::string nodes;
+    explicit RawInserter(sqlite3* d) : db(d) {
+        check(sqlite3_prepare_v3(db, kInsertSql, -1, SQLITE_PREPARE_PERSISTENT, &stmt, nullptr),
+              db, "prepare insert");
+    }
+    ~RawInserter() { sqlite3_finalize(stmt); }
+    void insert(const vd::InsertRecord& r) {
+        nodes.clear();
+        for (size_t i = 0; i < r.header.node_names.size(); ++i) {
+            if (i) nodes += ", ";
+            nodes += r.header.node_names[i];
+        }
+        auto text = [this](int i, const std::string& s) {
+            sqlite3_bind_text(stmt, i, s.data(), static_cast<int>(s.size()), SQLITE_STATIC);
+        };
+        text(1, r.header.provider);
+        text(2, r.header.hostname);
+        sqlite3_bind_int(stmt, 3, r.header.num_nodes);
+        text(4, nodes);
+        sqlite3_bind_int(stmt, 5, r.header.exit_status);
+        sqlite3_bind_int64(stmt, 6, r.header.timestamp);
+        sqlite3_bind_double(stmt, 7, r.header.duration);
+        sqlite3_bind_int(stmt, 8, r.header.encoding);
+        text(9, r.std_out);
+        text(10, r.std_err);
+        text(11, r.option_id);
+        sqlite3_bind_int(stmt, 12, r.header.version);
+        text(13, r.header.username);
+        sqlite3_bind_int64(stmt, 14, r.header.unique_timestamp);
+        check(sqlite3_step(stmt), db, "insert");
+        sqlite3_reset(stmt);
+    }
+};
+
+vd::InsertRecord make_record(int provider, int host, int run, size_t output) {
+    vd::InsertRecord r;
+    char name[32];
+    std::snprintf(name, sizeof name, "prov%03d", provider);
+    r.header.provider = name;
+    std::snprintf(name, sizeof name, "node%04d", host);
+    r.header.hostname = name;
+    r.header.num_nodes = 1;
+    r.header.node_names = {r.header.hostname};
+    r.header.exit_status = (provider + host) % 3;
+    r.header.timestamp = 1600000000 + run * 600;
+    r.header.duration = 0.5;
+    r.header.version = 2;
+    r.header.username = "collector";
+    r.header.unique_timestamp = INT64_C(1600000000000000) + run * INT64_C(600000000);
+    r.option_id = "default";
+    r.std_out.resize(output);
+    for (size_t i = 0; i < output; ++i)
+        r.std_out[i] = static_cast<char>('a' + (i * 7 + provider + host) % 26);
+    r.std_err = "";
+    return r;
+}
+
+std::vector<vd::InsertRecord> make_records(size_t count, size_t output) {
+    std::vector<vd::InsertRecord> out;
+    out.reserve(count);
+    for (size_t i = 0; i < count; ++i)
+        out.push_back(make_record(static_cast<int>(i % 200), static_cast<int>(i / 200 % 500),
+                                  static_cast<int>(i / 100000), output));
+    return out;
+}
+
+// Opens `parameters` as the only datastore of the process, through the
+// library's own configuration path; returns its instance name.
+std::string open_datastore(const std::string& parameters) {
+    // The controller lives while somebody holds it: the benchmark does.
+    static const auto controller = vd::DataStoreController::createDataStoreController();
+    vd::DataStoreParseUtility::clear_db_vector();
+    vd::DataStoreConfig config;
+    config.type = vd::sqlite3;
+    config.instance_name = "bench";
+    config.source_parameters = parameters;
+    config.source_types.set(vd::data);
+    std::vector<vd::DataStoreConfig> configs{config};
+    vd::DataStoreParseUtility::fillInVacantFields(configs);
+    vd::DataStoreParseUtility::insert_db_instance(configs);
+    return config.instance_name;
+}
+
+// ---- inserts ----
+
+enum class Where { disk, memory };
+
+std::string source_of(Where where) {
+    return where == Where::memory ? ":memory:" : bench_dir() + "/insert.db";
+}
+
+void BM_BulkInsertLibrary(benchmark::State& state, Where where, size_t output) {
+    const auto records = make_records(scaled(200000), output);
+    for (auto _ : state) {
+        state.PauseTiming();
+        vd::DataStoreParseUtility::clear_db_vector();
+        if (where == Where::disk) remove_db(source_of(where));
+        const std::string name = open_datastore("source=" + source_of(where));
+        state.ResumeTiming();
+        if (!vd::execute_ioctl({name}, vd::SQLITE_BULK_INSERT, &records, nullptr, nullptr, nullptr))
+            state.SkipWithError("bulk insert failed");
+    }
+    vd::DataStoreParseUtility::clear_db_vector();
+    state.SetItemsProcessed(state.iterations() * static_cast<int64_t>(records.size()));
+}
+
+void BM_BulkInsertRaw(benchmark::State& state, Where where, size_t output) {
+    const auto records = make_records(scaled(200000), output);
+    for (auto _ : state) {
+        state.PauseTiming();
+        if (where == Where::disk) remove_db(source_of(where));
+        sqlite3* db = raw_open(source_of(where));
+        state.ResumeTiming();
+        {
+            RawInserter inserter(db);
+            exec(db, "BEGIN IMMEDIATE;");
+            for (const auto& r : records) inserter.insert(r);
+            exec(db, "COMMIT;");
+        }
+        state.PauseTiming();
+        sqlite3_close(db);
+        state.ResumeTiming();
+    }
+    state.SetItemsProcessed(state.iterations() * static_cast<int64_t>(records.size()));
+}
+
+void BM_RowInsertLibrary(benchmark::State& state) {
+    const auto records = make_records(scaled(20000), 200);
+    for (auto _ : state) {
+        state.PauseTiming();
+        vd::DataStoreParseUtility::clear_db_vector();
+        remove_db(source_of(Where::disk));
+        const std::vector<std::string> names{open_datastore("source=" + source_of(Where::disk))};
+        state.ResumeTiming();
+        for (const auto& r : records) {
+            if (!vd::execute_ioctl(names, vd::OP_INSERT, nullptr,
+                                   const_cast<vd::InsertRecord*>(&r), nullptr, nullptr)) {
+                state.SkipWithError("insert failed");
+                break;
+            }
+        }
+    }
+    vd::DataStoreParseUtility::clear_db_vector();
+    state.SetItemsProcessed(state.iterations() * static_cast<int64_t>(records.size()));
+}
+
+void BM_RowInsertRaw(benchmark::State& state) {
+    const auto records = make_records(scaled(20000), 200);
+    for (auto _ : state) {
+        state.PauseTiming();
+        remove_db(source_of(Where::disk));
+        sqlite3* db = raw_open(source_of(Where::disk));
+        state.ResumeTiming();
+        {
+            RawInserter inserter(db);
+            for (const auto& r : records) inserter.insert(r);
+        }
+        state.PauseTiming();
+        sqlite3_close(db);
+        state.ResumeTiming();
+    }
+    state.SetItemsProcessed(state.iterations() * static_cast<int64_t>(records.size()));
+}
+
+// ---- queries on a 1,000,000-row datastore ----
+
+struct QueryData {
+    std::string indexed;    // the extension's schema
+    std::string bare;       // the same rows without the extension's indexes
+    std::vector<std::string> ten_providers;
+    std::string one_provider = "prov007";
+};
+
+const QueryData& query_data() {
+    static const QueryData data = [] {
+        QueryData d;
+        d.indexed = bench_dir() + "/query.db";
+        d.bare = bench_dir() + "/query_bare.db";
+        const int hosts = static_cast<int>(std::max<long>(1, 500 / scale()));
+        sqlite3* db = raw_open(d.indexed);
+        {
+            RawInserter inserter(db);
+            exec(db, "BEGIN IMMEDIATE;");
+            for (int run = 0; run < 10; ++run)
+                for (int p = 0; p < 200; ++p)
+                    for (int h = 0; h < hosts; ++h) inserter.insert(make_record(p, h, run, 200));
+            exec(db, "COMMIT;");
+        }
+        exec(db, "PRAGMA journal_mode = DELETE;");
+        sqlite3_close(db);
+        std::filesystem::copy_file(d.indexed, d.bare);
+        db = raw_open(d.bare, false);
+        exec(db, "DROP INDEX provider_datastore_latest; DROP INDEX provider_datastore_run;");
+        exec(db, "PRAGMA journal_mode = DELETE;");
+        sqlite3_close(db);
+        for (int p = 0; p < 10; ++p) {
+            char name[16];
+            std::snprintf(name, sizeof name, "prov%03d", p * 20);
+            d.ten_providers.push_back(name);
+        }
+        return d;
+    }();
+    return data;
+}
+
+std::string in_list(const std::vector<std::string>& values) {
+    std::string out;
+    for (size_t i = 0; i < values.size(); ++i) out += (i ? ",'" : "'") + values[i] + "'";
+    return out;
+}
+
+// The statements the extension's base class builds for the three queries.
+std::string latest_rows_sql(const std::vector<std::string>& providers) {
+    return "SELECT *, MAX(unique_timestamp) FROM vesk_1 WHERE (Provider IN (" + in_list(providers) +
+           ") )GROUP BY OptionID, Hostname, Provider;";
+}
+std::string latest_run_sql(const std::string& provider) {
+    return "SELECT * FROM vesk_1 WHERE (Provider IN ('" + provider +
+           "') )AND Unique_timestamp = (SELECT MAX(unique_timestamp) FROM vesk_1) GROUP BY "
+           "OptionID, Hostname, Provider;";
+}
+std::string provider_sql(const std::string& provider) {
+    return "SELECT * FROM vesk_1 WHERE (Provider IN ('" + provider + "') )";
+}
+
+// Steps `sql` into full Rows, columns in view order, as hand-written code would.
+size_t raw_rows(sqlite3* db, const std::string& sql, std::vector<vd::Row>& rows) {
+    sqlite3_stmt* stmt = nullptr;
+    check(sqlite3_prepare_v2(db, sql.c_str(), -1, &stmt, nullptr), db, "prepare query");
+    auto text = [stmt](int c, std::string& out) {
+        const auto* p = reinterpret_cast<const char*>(sqlite3_column_text(stmt, c));
+        out.assign(p ? p : "", static_cast<size_t>(sqlite3_column_bytes(stmt, c)));
+    };
+    while (sqlite3_step(stmt) == SQLITE_ROW) {
+        vd::Row& r = rows.emplace_back();
+        r.rowid = sqlite3_column_int(stmt, 0);
+        text(1, r.Provider);
+        text(2, r.Hostname);
+        r.num_nodes = sqlite3_column_int(stmt, 3);
+        std::string nodes;
+        text(4, nodes);
+        r.node_names.clear();
+        for (size_t start = 0; start <= nodes.size();) {
+            size_t end = nodes.find(',', start);
+            if (end == std::string::npos) end = nodes.size();
+            std::string piece = nodes.substr(start, end - start);
+            const size_t a = piece.find_first_not_of(' ');
+            if (a != std::string::npos)
+                r.node_names.push_back(piece.substr(a, piece.find_last_not_of(' ') - a + 1));
+            start = end + 1;
+        }
+        r.Exit_status = sqlite3_column_int(stmt, 5);
+        r.Timestamp = sqlite3_column_int64(stmt, 6);
+        r.Duration = sqlite3_column_double(stmt, 7);
+        r.Encoding = sqlite3_column_int(stmt, 8);
+        text(9, r.STDOUT);
+        text(10, r.STDERR);
+        text(11, r.OptionID);
+        r.version = sqlite3_column_int(stmt, 12);
+        text(13, r.Username);
+        r.Unique_timestamp = sqlite3_column_int64(stmt, 14);
+    }
+    sqlite3_finalize(stmt);
+    return rows.size();
+}
+
+enum class Query { latest_rows, latest_run, provider };
+
+std::string sql_of(Query query) {
+    const QueryData& d = query_data();
+    switch (query) {
+        case Query::latest_rows: return latest_rows_sql(d.ten_providers);
+        case Query::latest_run: return latest_run_sql(d.one_provider);
+        case Query::provider: return provider_sql(d.one_provider);
+    }
+    return "";
+}
+
+void BM_QueryLibrary(benchmark::State& state, Query query) {
+    const QueryData& d = query_data();
+    const std::vector<std::string> names{open_datastore("read_only=true|source=" + d.indexed)};
+    size_t count = 0;
+    for (auto _ : state) {
+        std::vector<vd::Row> rows;
+        bool ok = false;
+        switch (query) {
+            case Query::latest_rows:
+                ok = vd::get_latest_rows_provider_hosts_data(d.ten_providers, rows, {}, false);
+                break;
+            case Query::latest_run: {
+                vd::ReadParameters request{{d.one_provider}, {}, {}, nullptr};
+                ok = vd::execute_ioctl(names, vd::OP_LATEST_COLLECT_ROWS, &request, &rows,
+                                       nullptr, nullptr);
+                break;
+            }
+            case Query::provider:
+                ok = vd::select_provider_data({d.one_provider}, rows, "", false);
+                break;
+        }
+        if (!ok || rows.empty()) state.SkipWithError("query failed");
+        count = rows.size();
+        benchmark::DoNotOptimize(rows.data());
+    }
+    vd::DataStoreParseUtility::clear_db_vector();
+    state.counters["rows"] = static_cast<double>(count);
+}
+
+void BM_QueryRaw(benchmark::State& state, Query query, bool indexed) {
+    const QueryData& d = query_data();
+    sqlite3* db = nullptr;
+    sqlite3_open_v2((indexed ? d.indexed : d.bare).c_str(), &db,
+                    SQLITE_OPEN_READONLY | SQLITE_OPEN_NOMUTEX, nullptr);
+    const std::string sql = sql_of(query);
+    size_t count = 0;
+    for (auto _ : state) {
+        std::vector<vd::Row> rows;
+        count = raw_rows(db, sql, rows);
+        if (count == 0) state.SkipWithError("query failed");
+        benchmark::DoNotOptimize(rows.data());
+    }
+    sqlite3_close(db);
+    state.counters["rows"] = static_cast<double>(count);
+}
+
+// ---- memory of a large read ----
+
+long rss_kib(const char* field) {
+    std::ifstream in("/proc/self/status");
+    std::string line;
+    while (std::getline(in, line))
+        if (line.rfind(field, 0) == 0) return std::atol(line.c_str() + std::strlen(field));
+    return 0;
+}
+
+void BM_ReadMemory(benchmark::State& state) {
+    const size_t count = scaled(1000);
+    const size_t output = 64 * 1024;
+    const std::string file = bench_dir() + "/wide.db";
+    remove_db(file);
+    {
+        sqlite3* db = raw_open(file);
+        RawInserter inserter(db);
+        exec(db, "BEGIN IMMEDIATE;");
+        for (size_t i = 0; i < count; ++i)
+            inserter.insert(make_record(1, static_cast<int>(i), 0, output));
+        exec(db, "COMMIT;");
+        exec(db, "PRAGMA journal_mode = DELETE;");
+        sqlite3_finalize(inserter.stmt);
+        inserter.stmt = nullptr;
+        sqlite3_close(db);
+    }
+    open_datastore("read_only=true|source=" + file);
+    const double payload = static_cast<double>(count * output);
+    double peak_ratio = 0, rss_ratio = 0;
+    for (auto _ : state) {
+        state.PauseTiming();
+        malloc_trim(0);
+        std::ofstream("/proc/self/clear_refs") << "5";  // resets VmHWM
+        const long rss_before = rss_kib("VmRSS:");
+        const long long live_before = g_live.load();
+        g_peak.store(live_before);
+        sqlite3_memory_highwater(1);
+        const long long sqlite_before = sqlite3_memory_used();
+        state.ResumeTiming();
+        {
+            std::vector<vd::Row> rows;
+            if (!vd::select_provider_data({"prov001"}, rows, "", false) || rows.size() != count)
+                state.SkipWithError("read failed");
+            state.PauseTiming();
+            const double peak = static_cast<double>(g_peak.load() - live_before) +
+                                static_cast<double>(sqlite3_memory_highwater(0) - sqlite_before);
+            peak_ratio = peak / payload;
+            rss_ratio = static_cast<double>(rss_kib("VmHWM:") - rss_before) * 1024.0 / payload;
+            state.ResumeTiming();
+        }
+    }
+    vd::DataStoreParseUtility::clear_db_vector();
+    state.counters["payload_MiB"] = payload / (1 << 20);
+    state.counters["peak_alloc_per_payload"] = peak_ratio;
+    state.counters["peak_rss_per_payload"] = rss_ratio;
+    state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(payload));
+}
+
+// ---- the ratio table ----
+
+// Prints the usual console output, then one line per library/raw pair with
+// the library's share of raw throughput (inserts) or its time relative to
+// raw (queries), from the median of the repetitions.
+class RatioReporter : public benchmark::ConsoleReporter {
+public:
+    void ReportRuns(const std::vector<Run>& runs) override {
+        ConsoleReporter::ReportRuns(runs);
+        for (const auto& run : runs) {
+            const std::string name = run.run_name.function_name;
+            if (run.run_type == Run::RT_Aggregate && run.aggregate_name != "median") continue;
+            if (run.run_type == Run::RT_Iteration && median_.count(name)) continue;
+            times_[name] = run.GetAdjustedRealTime();
+            if (run.run_type == Run::RT_Aggregate) median_[name] = true;
+        }
+    }
+    void Finalize() override {
+        ConsoleReporter::Finalize();
+        std::printf("\n| benchmark | library | raw | ratio |\n|---|---|---|---|\n");
+        for (const auto& [name, time] : times_) {
+            const auto at = name.find("/library");
+            if (at == std::string::npos) continue;
+            std::string stem = name.substr(0, at);
+            const auto raw = times_.find(stem + "/raw");
+            if (raw == times_.end()) continue;
+            const bool insert = stem.find("insert") != std::string::npos;
+            // Inserts: share of raw throughput; queries: time over raw time.
+            const double ratio = insert ? raw->second / time : time / raw->second;
+            std::printf("| %s | %.1f ms | %.1f ms | %.3f %s |\n", stem.c_str(), time,
+                        raw->second, ratio, insert ? "of raw throughput" : "of raw time");
+            const auto bare = times_.find(stem + "/raw_without_indexes");
+            if (bare != times_.end())
+                std::printf("| %s without the extension's indexes | | %.1f ms | %.1fx faster "
+                            "with them |\n",
+                            stem.c_str(), bare->second, bare->second / time);
+        }
+    }
+
+private:
+    std::map<std::string, double> times_;
+    std::map<std::string, bool> median_;
+};
+
+void register_all() {
+    const int reps = scale() > 1 ? 1 : 3;
+    auto add = [reps](const std::string& name, auto fn, int64_t iterations) {
+        auto* b = benchmark::RegisterBenchmark(name.c_str(), fn);
+        b->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(iterations);
+        if (reps > 1) b->Repetitions(reps)->ReportAggregatesOnly(true);
+    };
+    for (Where where : {Where::memory, Where::disk}) {
+        for (size_t output : {size_t(200), size_t(4096)}) {
+            const std::string stem = std::string("bulk_insert/") +
+                                     (where == Where::disk ? "disk/" : "memory/") +
+                                     (output == 200 ? "200B" : "4KiB");
+            add(stem + "/library", [=](benchmark::State& s) { BM_BulkInsertLibrary(s, where, output); }, 1);
+            add(stem + "/raw", [=](benchmark::State& s) { BM_BulkInsertRaw(s, where, output); }, 1);
+        }
+    }
+    add("row_insert/disk/library", BM_RowInsertLibrary, 1);
+    add("row_insert/disk/raw", BM_RowInsertRaw, 1);
+    const std::pair<Query, const char*> queries[] = {
+        {Query::latest_rows, "query/latest_rows_10_providers"},
+        {Query::latest_run, "query/latest_run_op519"},
+        {Query::provider, "query/select_provider_data"}};
+    for (const auto& [query, stem] : queries) {
+        const Query q = query;
+        const int64_t iterations = scale() > 1 ? 1 : 10;
+        add(std::string(stem) + "/library", [q](benchmark::State& s) { BM_QueryLibrary(s, q); }, iterations);
+        add(std::string(stem) + "/raw", [q](benchmark::State& s) { BM_QueryRaw(s, q, true); }, iterations);
+        add(std::string(stem) + "/raw_without_indexes",
+            [q](benchmark::State& s) { BM_QueryRaw(s, q, false); }, scale() > 1 ? 1 : 3);
+    }
+    auto* memory = benchmark::RegisterBenchmark("read_memory/1000x64KiB/library", BM_ReadMemory);
+    memory->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(1);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    register_all();
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+    RatioReporter reporter;
+    benchmark::RunSpecifiedBenchmarks(&reporter);
+    benchmark::Shutdown();
+    std::error_code ec;
+    std::filesystem::remove_all(bench_dir(), ec);
+    return 0;
+}
