@@ -108,6 +108,30 @@ TEST(JsonLines, ParsesKeysAndDefaults) {
     EXPECT_EQ(r.header.timestamp, 3);
 }
 
+TEST(JsonLines, EscapesAndBothParsingPaths) {
+    vesk::datastore::InsertRecord r;
+    std::string error;
+    // Plain lines take a fast path, others the general one: same results.
+    const std::string expected = "a\"b\\c/\t\xc3\xa9\xf0\x9f\x98\x80\n";
+    for (const char* line : {
+             R"({"Provider":"p","Hostname":"h","STDOUT":"a\"b\\c\/\t\u00e9\ud83d\ude00\n"})",
+             R"( { "Provider" : "p" , "Hostname" : "h" , "STDOUT" : "a\"b\\c/\t\u00E9\uD83D\uDE00\n" } )",
+             R"({"Provider":"p","Hostname":"h","Encoding":"none","STDOUT":"a\"b\\c/\t\u00e9\ud83d\ude00\n"})",
+         }) {
+        ASSERT_TRUE(parse_row_line(line, 0, r, error)) << line << ": " << error;
+        EXPECT_EQ(r.std_out, expected) << line;
+        EXPECT_EQ(r.header.provider, "p");
+    }
+    ASSERT_TRUE(parse_row_line(R"({"Provider":"p","Hostname":"h","Duration":-1.5e-3,"rowid":null})",
+                               0, r, error));
+    EXPECT_DOUBLE_EQ(r.header.duration, -0.0015);
+    // Broken escapes and bytes that are not UTF-8 are refused on both paths.
+    EXPECT_FALSE(parse_row_line(R"({"Provider":"p","Hostname":"h","STDOUT":"\ud800"})", 0, r,
+                                error));
+    EXPECT_FALSE(parse_row_line("{\"Provider\":\"p\xe9\",\"Hostname\":\"h\"}", 0, r, error));
+    EXPECT_FALSE(parse_row_line(R"({"Provider":"p","Hostname":"h","Timestamp":01})", 0, r, error));
+}
+
 TEST(JsonLines, RejectsWithReason) {
     vesk::datastore::InsertRecord r;
     std::string error;

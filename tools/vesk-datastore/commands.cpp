@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <climits>
+#include <filesystem>
 #include <iostream>
 #include <map>
 #include <set>
@@ -44,18 +45,23 @@ std::string source_types_text(const std::bitset<2>& types) {
     return text;
 }
 
+// A path without "..", "." and repeated slashes, for people to read.
+std::string tidy(const std::string& path) {
+    return std::filesystem::path(path).lexically_normal().string();
+}
+
 int print_configs(const GlobalOptions& global, const std::string& path,
                   const std::vector<DataStoreConfig>& configs) {
     Table table{{"instance", "type", "source_types", "library", "source_parameters"}, {}};
     Json list = Json::array();
     for (const auto& c : configs) {
-        const std::string library = c.extension_path + "/" + c.extension_name;
+        const std::string library = tidy(c.extension_path + "/" + c.extension_name);
         table.rows.push_back({c.instance_name, type_name(c.type), source_types_text(c.source_types),
                               library, c.source_parameters});
         list.push_back({{"instance_name", c.instance_name},
                         {"type", type_name(c.type)},
                         {"source_types", source_types_text(c.source_types)},
-                        {"extension_path", c.extension_path},
+                        {"extension_path", tidy(c.extension_path + "/")},
                         {"extension_name", c.extension_name},
                         {"library_found", ::access(library.c_str(), R_OK) == 0},
                         {"source_parameters", c.source_parameters}});
@@ -104,7 +110,7 @@ int cmd_config_show(const GlobalOptions& global) {
 int cmd_config_check(const GlobalOptions& global, const std::string& file) {
     const auto configs = read_config_file(file);
     for (const auto& c : configs) {
-        const std::string library = c.extension_path + "/" + c.extension_name;
+        const std::string library = tidy(c.extension_path + "/" + c.extension_name);
         if (c.type != vesk::datastore::other && ::access(library.c_str(), R_OK) != 0)
             throw ToolError(kExitError, file + ": datastore \"" + c.instance_name +
                                             "\": extension library " + library + " not found");

@@ -1,7 +1,12 @@
 #include "jsonl.h"
 
+#include <cmath>
+#include <cstring>
+#include <string_view>
+
 #include <nlohmann/json.hpp>
 
+#include "codec.h"
 #include "output.h"
 #include "vesk/datastore/vocabulary.h"
 #include "vesk/str.h"
@@ -32,10 +37,268 @@ bool get_int32(const json& value, int32_t& out) {
     return true;
 }
 
-}  // namespace
+// Which optional keys a line carried.
+struct Seen {
+    bool run = false;
+    bool start = false;
+    bool nodes = false;
+};
 
-bool parse_row_line(const std::string& line, int64_t default_run,
-                    vesk::datastore::InsertRecord& record, std::string& error) {
+// The fast path for the common line: one flat object whose keys are the
+// known columns, each once, with values of the expected types. It makes no
+// JSON value tree. Anything else (including every error) makes parse()
+// return false, and the general path parses the line again and says why.
+class FastParser {
+public:
+    FastParser(const std::string& line, vesk::datastore::InsertRecord& record, Seen& seen)
+        : p_(line.data()), end_(line.data() + line.size()), record_(record), seen_(seen) {}
+
+    bool parse() {
+        record_ = vesk::datastore::InsertRecord{};
+        seen_ = Seen{};
+        unsigned done = 0;  // one bit per column, for duplicate keys
+        skip_ws();
+        if (!take('{')) return false;
+        skip_ws();
+        if (take('}')) return at_end();
+        std::string key;
+        for (;;) {
+            skip_ws();
+            if (!string(key)) return false;
+            skip_ws();
+            if (!take(':')) return false;
+            skip_ws();
+            const int column = column_of(key);
+            if (column < 0 || (done & (1u << column))) return false;
+            done |= 1u << column;
+            if (!value(column)) return false;
+            skip_ws();
+            if (take(',')) continue;
+            if (take('}')) return at_end();
+            return false;
+        }
+    }
+
+private:
+    enum Column { kRowid, kProvider, kHostname, kNumNodes, kNodeNames, kExitStatus, kTimestamp,
+                  kDuration, kEncoding, kStdout, kStderr, kOptionId, kVersion, kUsername,
+                  kUniqueTimestamp };
+
+    static int column_of(const std::string& key) {
+        static const std::string_view names[] = {
+            "rowid", "Provider", "Hostname", "num_nodes", "node_names", "Exit_status",
+            "Timestamp", "Duration", "Encoding", "STDOUT", "STDERR", "OptionID", "version",
+            "Username", "Unique_timestamp"};
+        const std::string_view k(key);
+        for (int i = 0; i < 15; ++i)
+            if (names[i].size() == k.size() && names[i][0] == k[0] && names[i] == k) return i;
+        return -1;
+    }
+
+    bool value(int column) {
+        auto& h = record_.header;
+        switch (column) {
+            case kRowid: {
+                if (literal("null")) return true;
+                int64_t ignored;
+                return integer(ignored);
+            }
+            case kProvider: return string(h.provider);
+            case kHostname: return string(h.hostname);
+            case kNumNodes: seen_.nodes = true; return int32(h.num_nodes);
+            case kNodeNames: return node_names(h.node_names);
+            case kExitStatus: return int32(h.exit_status);
+            case kTimestamp: seen_.start = true; return integer(h.timestamp);
+            case kDuration: return number(h.duration);
+            case kEncoding: {
+                int32_t encoding = -1;
+                if (!int32(encoding) || encoding < 0 || encoding > 2) return false;
+                h.encoding = vesk::provider::encoding(encoding);
+                return true;
+            }
+            case kStdout: return string(record_.std_out);
+            case kStderr: return string(record_.std_err);
+            case kOptionId: return string(record_.option_id);
+            case kVersion: return int32(h.version);
+            case kUsername: return string(h.username);
+            case kUniqueTimestamp: seen_.run = true; return integer(h.unique_timestamp);
+        }
+        return false;
+    }
+
+    bool at_end() {
+        skip_ws();
+        return p_ == end_;
+    }
+    void skip_ws() {
+        while (p_ < end_ && (*p_ == ' ' || *p_ == '\t' || *p_ == '\r' || *p_ == '\n')) ++p_;
+    }
+    bool take(char c) {
+        if (p_ < end_ && *p_ == c) {
+            ++p_;
+            return true;
+        }
+        return false;
+    }
+    bool literal(const char* word) {
+        const size_t n = std::strlen(word);
+        if (size_t(end_ - p_) < n || std::memcmp(p_, word, n) != 0) return false;
+        p_ += n;
+        return true;
+    }
+
+    // A JSON string, unescaped; only well-formed UTF-8 passes.
+    bool string(std::string& out) {
+        out.clear();
+        if (!take('"')) return false;
+        const char* run = p_;
+        unsigned char high = 0;  // any byte above ASCII needs a UTF-8 check
+        for (;;) {
+            // Copy plain runs in one go.
+            while (p_ < end_ && *p_ != '"' && *p_ != '\\' &&
+                   static_cast<unsigned char>(*p_) >= 0x20) {
+                high |= static_cast<unsigned char>(*p_);
+                ++p_;
+            }
+            out.append(run, size_t(p_ - run));
+            if (p_ == end_ || static_cast<unsigned char>(*p_) < 0x20) return false;
+            if (*p_ == '"') {
+                ++p_;
+                return (high & 0x80) == 0 || is_valid_utf8(out);
+            }
+            ++p_;  // backslash
+            if (p_ == end_) return false;
+            const char e = *p_++;
+            switch (e) {
+                case '"': out += '"'; break;
+                case '\\': out += '\\'; break;
+                case '/': out += '/'; break;
+                case 'b': out += '\b'; break;
+                case 'f': out += '\f'; break;
+                case 'n': out += '\n'; break;
+                case 'r': out += '\r'; break;
+                case 't': out += '\t'; break;
+                case 'u': {
+                    uint32_t cp = 0;
+                    if (!hex4(cp)) return false;
+                    if (cp >= 0xD800 && cp <= 0xDBFF) {
+                        uint32_t low = 0;
+                        if (!literal("\\u") || !hex4(low) || low < 0xDC00 || low > 0xDFFF)
+                            return false;
+                        cp = 0x10000 + ((cp - 0xD800) << 10) + (low - 0xDC00);
+                    } else if (cp >= 0xDC00 && cp <= 0xDFFF) {
+                        return false;
+                    }
+                    append_utf8(out, cp);
+                    if (cp >= 0x80) high |= 0x80;
+                    break;
+                }
+                default: return false;
+            }
+            run = p_;
+        }
+    }
+    bool hex4(uint32_t& cp) {
+        if (end_ - p_ < 4) return false;
+        cp = 0;
+        for (int i = 0; i < 4; ++i) {
+            const char c = *p_++;
+            cp <<= 4;
+            if (c >= '0' && c <= '9') cp |= uint32_t(c - '0');
+            else if (c >= 'a' && c <= 'f') cp |= uint32_t(c - 'a' + 10);
+            else if (c >= 'A' && c <= 'F') cp |= uint32_t(c - 'A' + 10);
+            else return false;
+        }
+        return true;
+    }
+    static void append_utf8(std::string& out, uint32_t cp) {
+        if (cp < 0x80) {
+            out += char(cp);
+        } else if (cp < 0x800) {
+            out += char(0xC0 | (cp >> 6));
+            out += char(0x80 | (cp & 0x3F));
+        } else if (cp < 0x10000) {
+            out += char(0xE0 | (cp >> 12));
+            out += char(0x80 | ((cp >> 6) & 0x3F));
+            out += char(0x80 | (cp & 0x3F));
+        } else {
+            out += char(0xF0 | (cp >> 18));
+            out += char(0x80 | ((cp >> 12) & 0x3F));
+            out += char(0x80 | ((cp >> 6) & 0x3F));
+            out += char(0x80 | (cp & 0x3F));
+        }
+    }
+
+    // A JSON integer (no fraction, no exponent) that fits 64 bits.
+    bool integer(int64_t& out) {
+        const bool negative = take('-');
+        if (p_ == end_ || *p_ < '0' || *p_ > '9') return false;
+        if (*p_ == '0' && p_ + 1 < end_ && p_[1] >= '0' && p_[1] <= '9') return false;
+        uint64_t value = 0;
+        while (p_ < end_ && *p_ >= '0' && *p_ <= '9') {
+            const uint64_t digit = uint64_t(*p_++ - '0');
+            if (value > (uint64_t(INT64_MAX) - digit) / 10) return false;
+            value = value * 10 + digit;
+        }
+        if (p_ < end_ && (*p_ == '.' || *p_ == 'e' || *p_ == 'E')) return false;
+        out = negative ? -int64_t(value) : int64_t(value);
+        return true;
+    }
+    bool int32(int32_t& out) {
+        int64_t wide = 0;
+        if (!integer(wide) || wide < INT32_MIN || wide > INT32_MAX) return false;
+        out = int32_t(wide);
+        return true;
+    }
+    // Any JSON number, checked against the grammar before strtod reads it.
+    bool number(double& out) {
+        const char* start = p_;
+        take('-');
+        if (p_ == end_ || *p_ < '0' || *p_ > '9') return false;
+        if (*p_ == '0') {
+            ++p_;
+        } else {
+            while (p_ < end_ && *p_ >= '0' && *p_ <= '9') ++p_;
+        }
+        if (take('.')) {
+            if (p_ == end_ || *p_ < '0' || *p_ > '9') return false;
+            while (p_ < end_ && *p_ >= '0' && *p_ <= '9') ++p_;
+        }
+        if (p_ < end_ && (*p_ == 'e' || *p_ == 'E')) {
+            ++p_;
+            if (p_ < end_ && (*p_ == '+' || *p_ == '-')) ++p_;
+            if (p_ == end_ || *p_ < '0' || *p_ > '9') return false;
+            while (p_ < end_ && *p_ >= '0' && *p_ <= '9') ++p_;
+        }
+        const std::string text(start, size_t(p_ - start));
+        out = std::strtod(text.c_str(), nullptr);
+        return std::isfinite(out);
+    }
+    // An array of strings; text joined by "," takes the general path.
+    bool node_names(std::vector<std::string>& out) {
+        if (!take('[')) return false;
+        skip_ws();
+        if (take(']')) return true;
+        std::string name;
+        for (;;) {
+            skip_ws();
+            if (!string(name)) return false;
+            out.push_back(name);
+            skip_ws();
+            if (take(',')) continue;
+            return take(']');
+        }
+    }
+
+    const char* p_;
+    const char* end_;
+    vesk::datastore::InsertRecord& record_;
+    Seen& seen_;
+};
+
+// The general path: any JSON, with precise messages for what is wrong.
+bool parse_with_dom(const std::string& line, vesk::datastore::InsertRecord& record, Seen& seen,
+                    std::string& error) {
     json object = json::parse(line, nullptr, false);
     if (object.is_discarded()) {
         // Parse again to learn where and why: the error path only.
@@ -60,10 +323,8 @@ bool parse_row_line(const std::string& line, int64_t default_run,
     }
 
     record = vesk::datastore::InsertRecord{};
+    seen = Seen{};
     auto& h = record.header;
-    bool have_run = false;
-    bool have_start = false;
-    bool have_nodes = false;
     for (auto& [key, value] : object.items()) {
         auto wrong = [&](const char* expected) {
             error = "\"" + key + "\" must be " + expected;
@@ -80,7 +341,7 @@ bool parse_row_line(const std::string& line, int64_t default_run,
             h.hostname = std::move(value.get_ref<std::string&>());
         } else if (key == "num_nodes") {
             if (!get_int32(value, h.num_nodes)) return wrong("an integer");
-            have_nodes = true;
+            seen.nodes = true;
         } else if (key == "node_names") {
             if (value.is_string()) {
                 for (const auto& piece : vesk::str::split(value.get<std::string>(), ',', true)) {
@@ -99,7 +360,7 @@ bool parse_row_line(const std::string& line, int64_t default_run,
             if (!get_int32(value, h.exit_status)) return wrong("an integer");
         } else if (key == "Timestamp") {
             if (!get_integer(value, h.timestamp)) return wrong("an integer");
-            have_start = true;
+            seen.start = true;
         } else if (key == "Duration") {
             if (!value.is_number()) return wrong("a number");
             h.duration = value.get<double>();
@@ -129,12 +390,23 @@ bool parse_row_line(const std::string& line, int64_t default_run,
             h.username = std::move(value.get_ref<std::string&>());
         } else if (key == "Unique_timestamp") {
             if (!get_integer(value, h.unique_timestamp)) return wrong("an integer");
-            have_run = true;
+            seen.run = true;
         } else {
             error = "unknown key \"" + key + "\"";
             return false;
         }
     }
+    return true;
+}
+
+}  // namespace
+
+bool parse_row_line(const std::string& line, int64_t default_run,
+                    vesk::datastore::InsertRecord& record, std::string& error) {
+    Seen seen;
+    if (!FastParser(line, record, seen).parse() && !parse_with_dom(line, record, seen, error))
+        return false;
+    auto& h = record.header;
     if (h.provider.empty()) {
         error = "\"Provider\" is missing or empty";
         return false;
@@ -153,9 +425,9 @@ bool parse_row_line(const std::string& line, int64_t default_run,
                 std::to_string(vesk::datastore::max_hostname_size) + " bytes";
         return false;
     }
-    if (!have_run) h.unique_timestamp = default_run;
-    if (!have_start) h.timestamp = h.unique_timestamp / 1000000;
-    if (!have_nodes) h.num_nodes = int32_t(h.node_names.size());
+    if (!seen.run) h.unique_timestamp = default_run;
+    if (!seen.start) h.timestamp = h.unique_timestamp / 1000000;
+    if (!seen.nodes) h.num_nodes = int32_t(h.node_names.size());
     return true;
 }
 
