@@ -567,7 +567,7 @@ private:
 };
 
 void register_all() {
-    const int reps = scale() > 1 ? 1 : 3;
+    const int reps = scale() > 1 ? 1 : 5;
     auto add = [reps](const std::string& name, auto fn, int64_t iterations) {
         auto* b = benchmark::RegisterBenchmark(name.c_str(), fn);
         b->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(iterations);
@@ -604,6 +604,13 @@ void register_all() {
 
 int main(int argc, char** argv) {
     register_all();
+    // Repetitions of all benchmarks run in random interleaved order, so that
+    // a library run and its raw twin see the same machine load on average.
+    std::vector<char*> args(argv, argv + argc);
+    std::string interleave = "--benchmark_enable_random_interleaving=true";
+    args.insert(args.begin() + 1, interleave.data());
+    argc = static_cast<int>(args.size());
+    argv = args.data();
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
     RatioReporter reporter;
