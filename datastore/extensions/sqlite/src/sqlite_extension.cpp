@@ -524,7 +524,10 @@ int32_t SqliteExtension::close() {
         // Never wait here: when another connection is still open, it
         // keeps WAL and the last one to close switches back.
         closing_ = true;
-        sqlite3_exec(db_.get(), "PRAGMA optimize;", nullptr, nullptr, nullptr);
+        // Refreshes the planner's statistics where this connection's
+        // queries would profit; analysis_limit keeps that quick on big files.
+        sqlite3_exec(db_.get(), "PRAGMA analysis_limit = 1000; PRAGMA optimize;", nullptr, nullptr,
+                     nullptr);
         sqlite3_exec(db_.get(), "PRAGMA journal_mode = DELETE;", nullptr, nullptr, nullptr);
         closing_ = false;
     }
