@@ -10,19 +10,19 @@
 //
 // VESK_BENCH_SCALE divides the row count (a smoke run uses 1000);
 // VESK_BENCH_DIR chooses the folder of the files (default: /tmp).
-#include <benchmark/benchmark.h>
-#include <fcntl.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <cstdio>
 #include <cstdlib>
+#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <spawn.h>
 #include <string>
+#include <sys/wait.h>
+#include <unistd.h>
 #include <vector>
+
+#include <benchmark/benchmark.h>
 
 #include "vesk/datastore.h"
 #include "vesk/datastore/sqlite_extension.h"
@@ -98,11 +98,11 @@ const std::string& jsonl_file() {
         for (const auto& r : records()) {
             const auto& h = r.header;
             out << R"({"Provider":")" << h.provider << R"(","Hostname":")" << h.hostname
-                << R"(","num_nodes":1,"node_names":[")" << h.node_names[0]
-                << R"("],"Exit_status":)" << h.exit_status << R"(,"Timestamp":)" << h.timestamp
+                << R"(","num_nodes":1,"node_names":[")" << h.node_names[0] << R"("],"Exit_status":)"
+                << h.exit_status << R"(,"Timestamp":)" << h.timestamp
                 << R"(,"Duration":0.5,"Encoding":0,"STDOUT":")" << r.std_out
-                << R"(","STDERR":"","OptionID":")" << r.option_id << R"(","version":)"
-                << h.version << R"(,"Username":")" << h.username << R"(","Unique_timestamp":)"
+                << R"(","STDERR":"","OptionID":")" << r.option_id << R"(","version":)" << h.version
+                << R"(,"Username":")" << h.username << R"(","Unique_timestamp":)"
                 << h.unique_timestamp << "}\n";
         }
         return file;
@@ -173,9 +173,9 @@ public:
 
     void ReportRuns(const std::vector<Run>& runs) override {
         for (const auto& run : runs)
-            if (!run.error_occurred && (run.run_type == Run::RT_Iteration
-                                            ? run.repetitions <= 1
-                                            : run.aggregate_name == "median"))
+            if (!run.error_occurred &&
+                (run.run_type == Run::RT_Iteration ? run.repetitions <= 1
+                                                   : run.aggregate_name == "median"))
                 times_[run.run_name.function_name] = run.GetAdjustedRealTime();
         ConsoleReporter::ReportRuns(runs);
     }

@@ -1,10 +1,9 @@
 // Unit tests of the tool's own helpers: text codecs, the unified diff, the
 // JSON Lines parser and the provider runner (real child processes).
-#include <signal.h>
-#include <unistd.h>
-
 #include <chrono>
+#include <signal.h>
 #include <string>
+#include <unistd.h>
 
 #include <gtest/gtest.h>
 
@@ -20,11 +19,11 @@ TEST(Codec, Utf8Validation) {
     EXPECT_TRUE(is_valid_utf8(""));
     EXPECT_TRUE(is_valid_utf8("plain ascii\n"));
     EXPECT_TRUE(is_valid_utf8("caf\xc3\xa9 \xe2\x82\xac \xf0\x9f\x98\x80"));
-    EXPECT_FALSE(is_valid_utf8("caf\xe9"));            // Latin-1
-    EXPECT_FALSE(is_valid_utf8("\xc0\xaf"));           // overlong "/"
-    EXPECT_FALSE(is_valid_utf8("\xed\xa0\x80"));       // surrogate
-    EXPECT_FALSE(is_valid_utf8("\xf4\x90\x80\x80"));   // beyond U+10FFFF
-    EXPECT_FALSE(is_valid_utf8("\xe2\x82"));           // cut short
+    EXPECT_FALSE(is_valid_utf8("caf\xe9"));           // Latin-1
+    EXPECT_FALSE(is_valid_utf8("\xc0\xaf"));          // overlong "/"
+    EXPECT_FALSE(is_valid_utf8("\xed\xa0\x80"));      // surrogate
+    EXPECT_FALSE(is_valid_utf8("\xf4\x90\x80\x80"));  // beyond U+10FFFF
+    EXPECT_FALSE(is_valid_utf8("\xe2\x82"));          // cut short
     EXPECT_TRUE(is_valid_utf8(std::string("a\0b", 3)));
 }
 
@@ -43,9 +42,9 @@ TEST(Codec, Base64RoundTripAndRejects) {
     std::string out;
     EXPECT_TRUE(base64_decode("Zm9v\nYmFy", out));
     EXPECT_EQ(out, "foobar");
-    EXPECT_FALSE(base64_decode("Zm9", out));     // bad length
-    EXPECT_FALSE(base64_decode("Zm=v", out));    // data after padding
-    EXPECT_FALSE(base64_decode("Zm9*", out));    // not in the alphabet
+    EXPECT_FALSE(base64_decode("Zm9", out));   // bad length
+    EXPECT_FALSE(base64_decode("Zm=v", out));  // data after padding
+    EXPECT_FALSE(base64_decode("Zm9*", out));  // not in the alphabet
     EXPECT_EQ(decode_output("Zm9v", 1), "foo");
     EXPECT_EQ(decode_output("Zm9v", 0), "Zm9v");
     EXPECT_EQ(decode_output("not base64!", 1), "not base64!");
@@ -113,11 +112,12 @@ TEST(JsonLines, EscapesAndBothParsingPaths) {
     std::string error;
     // Plain lines take a fast path, others the general one: same results.
     const std::string expected = "a\"b\\c/\t\xc3\xa9\xf0\x9f\x98\x80\n";
-    for (const char* line : {
-             R"({"Provider":"p","Hostname":"h","STDOUT":"a\"b\\c\/\t\u00e9\ud83d\ude00\n"})",
-             R"( { "Provider" : "p" , "Hostname" : "h" , "STDOUT" : "a\"b\\c/\t\u00E9\uD83D\uDE00\n" } )",
-             R"({"Provider":"p","Hostname":"h","Encoding":"none","STDOUT":"a\"b\\c/\t\u00e9\ud83d\ude00\n"})",
-         }) {
+    for (
+        const char* line : {
+            R"({"Provider":"p","Hostname":"h","STDOUT":"a\"b\\c\/\t\u00e9\ud83d\ude00\n"})",
+            R"( { "Provider" : "p" , "Hostname" : "h" , "STDOUT" : "a\"b\\c/\t\u00E9\uD83D\uDE00\n" } )",
+            R"({"Provider":"p","Hostname":"h","Encoding":"none","STDOUT":"a\"b\\c/\t\u00e9\ud83d\ude00\n"})",
+        }) {
         ASSERT_TRUE(parse_row_line(line, 0, r, error)) << line << ": " << error;
         EXPECT_EQ(r.std_out, expected) << line;
         EXPECT_EQ(r.header.provider, "p");
@@ -126,8 +126,8 @@ TEST(JsonLines, EscapesAndBothParsingPaths) {
                                0, r, error));
     EXPECT_DOUBLE_EQ(r.header.duration, -0.0015);
     // Broken escapes and bytes that are not UTF-8 are refused on both paths.
-    EXPECT_FALSE(parse_row_line(R"({"Provider":"p","Hostname":"h","STDOUT":"\ud800"})", 0, r,
-                                error));
+    EXPECT_FALSE(
+        parse_row_line(R"({"Provider":"p","Hostname":"h","STDOUT":"\ud800"})", 0, r, error));
     EXPECT_FALSE(parse_row_line("{\"Provider\":\"p\xe9\",\"Hostname\":\"h\"}", 0, r, error));
     EXPECT_FALSE(parse_row_line(R"({"Provider":"p","Hostname":"h","Timestamp":01})", 0, r, error));
 }
@@ -150,9 +150,8 @@ TEST(JsonLines, RejectsWithReason) {
         EXPECT_FALSE(parse_row_line(line, 0, r, error)) << line;
         EXPECT_NE(error.find(message), std::string::npos) << line << " -> " << error;
     }
-    EXPECT_FALSE(parse_row_line(R"({"Provider": ")" + std::string(65, 'x') +
-                                    R"(", "Hostname": "h"})",
-                                0, r, error));
+    EXPECT_FALSE(parse_row_line(
+        R"({"Provider": ")" + std::string(65, 'x') + R"(", "Hostname": "h"})", 0, r, error));
 }
 
 ProviderSpec shell(const std::string& name, const std::string& command, double timeout = 10) {
@@ -160,11 +159,11 @@ ProviderSpec shell(const std::string& name, const std::string& command, double t
 }
 
 TEST(Runner, OutcomesOfEveryKind) {
-    const auto results = run_providers(
-        {shell("out", "printf 'a\\nb'; printf e >&2"), shell("code", "exit 7"),
-         shell("signal", "kill -TERM $$"), ProviderSpec{"missing", {"/no/such/cmd"}, "", 10},
-         shell("stdin", "cat")},
-        4, 1 << 20, nullptr);
+    const auto results =
+        run_providers({shell("out", "printf 'a\\nb'; printf e >&2"), shell("code", "exit 7"),
+                       shell("signal", "kill -TERM $$"),
+                       ProviderSpec{"missing", {"/no/such/cmd"}, "", 10}, shell("stdin", "cat")},
+                      4, 1 << 20, nullptr);
     ASSERT_EQ(results.size(), 5u);
     EXPECT_EQ(results[0].std_out, "a\nb");
     EXPECT_EQ(results[0].std_err, "e");
@@ -192,10 +191,9 @@ TEST(Runner, TimeoutKillsTheWholeGroupAndOthersGoOn) {
 
 TEST(Runner, OutputIsCutAtTheLimitAndJobsAreLimited) {
     const auto start = std::chrono::steady_clock::now();
-    const auto results =
-        run_providers({shell("big", "head -c 100000 /dev/zero"), shell("s1", "sleep 0.3"),
-                       shell("s2", "sleep 0.3")},
-                      1, 1000, nullptr);
+    const auto results = run_providers({shell("big", "head -c 100000 /dev/zero"),
+                                        shell("s1", "sleep 0.3"), shell("s2", "sleep 0.3")},
+                                       1, 1000, nullptr);
     EXPECT_EQ(results[0].std_out.size(), 1000u);
     EXPECT_EQ(results[0].exit_status, 0);
     // One at a time: the two sleeps follow each other.

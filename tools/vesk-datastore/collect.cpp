@@ -1,22 +1,22 @@
 #include "collect.h"
 
-#include <fcntl.h>
-#include <poll.h>
-#include <signal.h>
-#include <sys/time.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <fcntl.h>
 #include <fstream>
+#include <poll.h>
+#include <signal.h>
 #include <sstream>
+#include <sys/time.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "vesk/str.h"
 
 #include "errors.h"
-#include "vesk/str.h"
 
 namespace vesk::tool {
 
@@ -147,7 +147,8 @@ Job start(const ProviderSpec& spec, size_t index) {
     const pid_t pid = ::fork();
     if (pid < 0) {
         for (int fd : {out_pipe[0], out_pipe[1], err_pipe[0], err_pipe[1]}) ::close(fd);
-        throw ToolError(kExitError, std::string("cannot start a provider: ") + std::strerror(errno));
+        throw ToolError(kExitError,
+                        std::string("cannot start a provider: ") + std::strerror(errno));
     }
     if (pid == 0) {
         // Child: only async-signal-safe calls from here on.
@@ -233,11 +234,10 @@ std::vector<ProviderResult> run_providers(const std::vector<ProviderSpec>& provi
         } else if (WIFSIGNALED(job.wait_status)) {
             const int sig = WTERMSIG(job.wait_status);
             result.exit_status = 128 + sig;
-            result.std_err += std::string(result.std_err.empty() || result.std_err.back() == '\n'
-                                              ? ""
-                                              : "\n") +
-                              "vesk-datastore: provider killed by signal " + std::to_string(sig) +
-                              " (" + ::strsignal(sig) + ")\n";
+            result.std_err +=
+                std::string(result.std_err.empty() || result.std_err.back() == '\n' ? "" : "\n") +
+                "vesk-datastore: provider killed by signal " + std::to_string(sig) + " (" +
+                ::strsignal(sig) + ")\n";
         }
         ++done;
     };
@@ -269,10 +269,10 @@ std::vector<ProviderResult> run_providers(const std::vector<ProviderSpec>& provi
         }
         // Exits are noticed by polling waitpid: a short wait while a
         // provider has closed its outputs but not exited yet.
-        int wait_ms = int(std::chrono::duration_cast<std::chrono::milliseconds>(
-                              nearest - Clock::now())
-                              .count()) +
-                      1;
+        int wait_ms =
+            int(std::chrono::duration_cast<std::chrono::milliseconds>(nearest - Clock::now())
+                    .count()) +
+            1;
         if (wait_ms < 0) wait_ms = 0;
         const bool outputs_closed = fds.size() < running.size() * 2;
         if (outputs_closed) wait_ms = std::min(wait_ms, 10);
@@ -284,8 +284,8 @@ std::vector<ProviderResult> run_providers(const std::vector<ProviderSpec>& provi
             if (fds[k].revents == 0) continue;
             Job& job = running[owners[k].first];
             auto& result = results[job.index];
-            drain(*owners[k].second, owners[k].second == &job.out_fd ? result.std_out : result.std_err,
-                  max_output);
+            drain(*owners[k].second,
+                  owners[k].second == &job.out_fd ? result.std_out : result.std_err, max_output);
         }
 
         const auto now = Clock::now();

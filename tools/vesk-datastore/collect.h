@@ -28,9 +28,9 @@ struct ProviderResult {
     std::string option_id;
     std::string std_out;
     std::string std_err;
-    int exit_status = 0;     // the exit code; 128 + signal; 124 on timeout
-    int64_t start = 0;       // seconds since the epoch
-    double duration = 0;     // seconds
+    int exit_status = 0;  // the exit code; 128 + signal; 124 on timeout
+    int64_t start = 0;    // seconds since the epoch
+    double duration = 0;  // seconds
     bool timed_out = false;
 };
 

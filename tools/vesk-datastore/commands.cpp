@@ -1,25 +1,25 @@
 // Configuration, SQL files, collection and the reading commands.
 #include "commands.h"
 
-#include <pwd.h>
-#include <sys/stat.h>
-#include <sys/time.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <climits>
 #include <filesystem>
 #include <iostream>
 #include <map>
+#include <pwd.h>
 #include <set>
+#include <sys/stat.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include "vesk/datastore/parse_utility.h"
+#include "vesk/datastore/queries.h"
+#include "vesk/datastore/vocabulary.h"
 
 #include "codec.h"
 #include "collect.h"
 #include "errors.h"
 #include "session.h"
-#include "vesk/datastore/parse_utility.h"
-#include "vesk/datastore/queries.h"
-#include "vesk/datastore/vocabulary.h"
 
 namespace vesk::tool {
 
@@ -32,9 +32,12 @@ namespace {
 
 const char* type_name(vesk::datastore::DatabaseType type) {
     switch (type) {
-        case vesk::datastore::sqlite3: return "sqlite3";
-        case vesk::datastore::odbc: return "odbc";
-        default: return "other";
+        case vesk::datastore::sqlite3:
+            return "sqlite3";
+        case vesk::datastore::odbc:
+            return "odbc";
+        default:
+            return "other";
     }
 }
 
@@ -67,8 +70,12 @@ int print_configs(const GlobalOptions& global, const std::string& path,
                         {"source_parameters", c.source_parameters}});
     }
     switch (global.format) {
-        case Format::json: print_json(std::cout, Json{{"file", path}, {"datastores", list}}); break;
-        case Format::csv: print_csv(std::cout, table); break;
+        case Format::json:
+            print_json(std::cout, Json{{"file", path}, {"datastores", list}});
+            break;
+        case Format::csv:
+            print_csv(std::cout, table);
+            break;
         case Format::table:
             std::cout << "configuration: " << path << "\n";
             print_table(std::cout, table, stdout_style());
@@ -183,8 +190,8 @@ int cmd_collect(const GlobalOptions& global, const CollectOptions& options) {
 
     Progress progress;
     auto show = [&](size_t done, size_t total, const std::vector<std::string>& running) {
-        std::string text = "collect: " + std::to_string(done) + "/" + std::to_string(total) +
-                           " done";
+        std::string text =
+            "collect: " + std::to_string(done) + "/" + std::to_string(total) + " done";
         if (!running.empty()) {
             text += ", running:";
             for (const auto& name : running) text += " " + name;
@@ -228,10 +235,10 @@ int cmd_collect(const GlobalOptions& global, const CollectOptions& options) {
     Table table{{"provider", "option", "exit", "duration", "stdout_bytes", "note"}, {}};
     Json list = Json::array();
     for (const auto& r : results) {
-        const std::string note = r.timed_out                           ? "timed out"
+        const std::string note = r.timed_out                          ? "timed out"
                                  : r.exit_status == kNotStartedStatus ? "not started"
-                                 : r.exit_status > 128                 ? "killed by a signal"
-                                                                       : "";
+                                 : r.exit_status > 128                ? "killed by a signal"
+                                                                      : "";
         table.rows.push_back({r.name, r.option_id, std::to_string(r.exit_status),
                               format_seconds(r.duration), std::to_string(r.std_out.size()), note});
         list.push_back({{"provider", r.name},
@@ -245,7 +252,9 @@ int cmd_collect(const GlobalOptions& global, const CollectOptions& options) {
         case Format::json:
             print_json(std::cout, Json{{"host", host}, {"unique_timestamp", run}, {"rows", list}});
             break;
-        case Format::csv: print_csv(std::cout, table); break;
+        case Format::csv:
+            print_csv(std::cout, table);
+            break;
         case Format::table:
             std::cout << "run " << run << " (" << format_run(run) << ") on " << host << ": "
                       << results.size() << (results.size() == 1 ? " row" : " rows") << " stored\n";
@@ -294,8 +303,8 @@ int print_rows(const GlobalOptions& global, std::vector<Row> rows, bool show_out
     }
     Table table{{"rowid", "provider", "host", "option", "exit", "start", "duration", "run"}, {}};
     if (global.format == Format::csv) {
-        table.columns = {"rowid", "provider", "host", "option", "exit", "start", "duration",
-                         "unique_timestamp"};
+        table.columns = {"rowid", "provider", "host",     "option",
+                         "exit",  "start",    "duration", "unique_timestamp"};
         if (show_output) {
             table.columns.push_back("stdout");
             table.columns.push_back("stderr");
@@ -405,9 +414,15 @@ int print_summary(const GlobalOptions& global, bool by_provider) {
                         {"latest_run", g.latest_run}});
     }
     switch (global.format) {
-        case Format::json: print_json(std::cout, list); break;
-        case Format::csv: print_csv(std::cout, table); break;
-        case Format::table: print_table(std::cout, table, stdout_style()); break;
+        case Format::json:
+            print_json(std::cout, list);
+            break;
+        case Format::csv:
+            print_csv(std::cout, table);
+            break;
+        case Format::table:
+            print_table(std::cout, table, stdout_style());
+            break;
     }
     return kExitOk;
 }

@@ -6,10 +6,11 @@
 
 #include <nlohmann/json.hpp>
 
-#include "codec.h"
-#include "output.h"
 #include "vesk/datastore/vocabulary.h"
 #include "vesk/str.h"
+
+#include "codec.h"
+#include "output.h"
 
 namespace vesk::tool {
 
@@ -80,15 +81,29 @@ public:
     }
 
 private:
-    enum Column { kRowid, kProvider, kHostname, kNumNodes, kNodeNames, kExitStatus, kTimestamp,
-                  kDuration, kEncoding, kStdout, kStderr, kOptionId, kVersion, kUsername,
-                  kUniqueTimestamp };
+    enum Column {
+        kRowid,
+        kProvider,
+        kHostname,
+        kNumNodes,
+        kNodeNames,
+        kExitStatus,
+        kTimestamp,
+        kDuration,
+        kEncoding,
+        kStdout,
+        kStderr,
+        kOptionId,
+        kVersion,
+        kUsername,
+        kUniqueTimestamp
+    };
 
     static int column_of(const std::string& key) {
         static const std::string_view names[] = {
-            "rowid", "Provider", "Hostname", "num_nodes", "node_names", "Exit_status",
-            "Timestamp", "Duration", "Encoding", "STDOUT", "STDERR", "OptionID", "version",
-            "Username", "Unique_timestamp"};
+            "rowid",       "Provider",  "Hostname", "num_nodes", "node_names",
+            "Exit_status", "Timestamp", "Duration", "Encoding",  "STDOUT",
+            "STDERR",      "OptionID",  "version",  "Username",  "Unique_timestamp"};
         const std::string_view k(key);
         for (int i = 0; i < 15; ++i)
             if (names[i].size() == k.size() && names[i][0] == k[0] && names[i] == k) return i;
@@ -103,25 +118,41 @@ private:
                 int64_t ignored;
                 return integer(ignored);
             }
-            case kProvider: return string(h.provider);
-            case kHostname: return string(h.hostname);
-            case kNumNodes: seen_.nodes = true; return int32(h.num_nodes);
-            case kNodeNames: return node_names(h.node_names);
-            case kExitStatus: return int32(h.exit_status);
-            case kTimestamp: seen_.start = true; return integer(h.timestamp);
-            case kDuration: return number(h.duration);
+            case kProvider:
+                return string(h.provider);
+            case kHostname:
+                return string(h.hostname);
+            case kNumNodes:
+                seen_.nodes = true;
+                return int32(h.num_nodes);
+            case kNodeNames:
+                return node_names(h.node_names);
+            case kExitStatus:
+                return int32(h.exit_status);
+            case kTimestamp:
+                seen_.start = true;
+                return integer(h.timestamp);
+            case kDuration:
+                return number(h.duration);
             case kEncoding: {
                 int32_t encoding = -1;
                 if (!int32(encoding) || encoding < 0 || encoding > 2) return false;
                 h.encoding = vesk::provider::encoding(encoding);
                 return true;
             }
-            case kStdout: return string(record_.std_out);
-            case kStderr: return string(record_.std_err);
-            case kOptionId: return string(record_.option_id);
-            case kVersion: return int32(h.version);
-            case kUsername: return string(h.username);
-            case kUniqueTimestamp: seen_.run = true; return integer(h.unique_timestamp);
+            case kStdout:
+                return string(record_.std_out);
+            case kStderr:
+                return string(record_.std_err);
+            case kOptionId:
+                return string(record_.option_id);
+            case kVersion:
+                return int32(h.version);
+            case kUsername:
+                return string(h.username);
+            case kUniqueTimestamp:
+                seen_.run = true;
+                return integer(h.unique_timestamp);
         }
         return false;
     }
@@ -170,14 +201,30 @@ private:
             if (p_ == end_) return false;
             const char e = *p_++;
             switch (e) {
-                case '"': out += '"'; break;
-                case '\\': out += '\\'; break;
-                case '/': out += '/'; break;
-                case 'b': out += '\b'; break;
-                case 'f': out += '\f'; break;
-                case 'n': out += '\n'; break;
-                case 'r': out += '\r'; break;
-                case 't': out += '\t'; break;
+                case '"':
+                    out += '"';
+                    break;
+                case '\\':
+                    out += '\\';
+                    break;
+                case '/':
+                    out += '/';
+                    break;
+                case 'b':
+                    out += '\b';
+                    break;
+                case 'f':
+                    out += '\f';
+                    break;
+                case 'n':
+                    out += '\n';
+                    break;
+                case 'r':
+                    out += '\r';
+                    break;
+                case 't':
+                    out += '\t';
+                    break;
                 case 'u': {
                     uint32_t cp = 0;
                     if (!hex4(cp)) return false;
@@ -193,7 +240,8 @@ private:
                     if (cp >= 0x80) high |= 0x80;
                     break;
                 }
-                default: return false;
+                default:
+                    return false;
             }
             run = p_;
         }
@@ -204,10 +252,14 @@ private:
         for (int i = 0; i < 4; ++i) {
             const char c = *p_++;
             cp <<= 4;
-            if (c >= '0' && c <= '9') cp |= uint32_t(c - '0');
-            else if (c >= 'a' && c <= 'f') cp |= uint32_t(c - 'a' + 10);
-            else if (c >= 'A' && c <= 'F') cp |= uint32_t(c - 'A' + 10);
-            else return false;
+            if (c >= '0' && c <= '9')
+                cp |= uint32_t(c - '0');
+            else if (c >= 'a' && c <= 'f')
+                cp |= uint32_t(c - 'a' + 10);
+            else if (c >= 'A' && c <= 'F')
+                cp |= uint32_t(c - 'A' + 10);
+            else
+                return false;
         }
         return true;
     }
@@ -372,7 +424,8 @@ bool parse_with_dom(const std::string& line, vesk::datastore::InsertRecord& reco
             } else {
                 (void)get_int32(value, encoding);
             }
-            if (encoding < 0 || encoding > 2) return wrong("0, 1, 2, \"none\", \"base64\" or \"raw\"");
+            if (encoding < 0 || encoding > 2)
+                return wrong("0, 1, 2, \"none\", \"base64\" or \"raw\"");
             h.encoding = vesk::provider::encoding(encoding);
         } else if (key == "STDOUT") {
             if (!value.is_string()) return wrong("a string");

@@ -1,16 +1,16 @@
 // vesk-datastore: collect, import, query, snapshot and compare provider
 // results from a shell, through the datastore library.
-#include <unistd.h>
-
 #include <csignal>
 #include <iostream>
 #include <sstream>
+#include <unistd.h>
 
 #include <CLI/CLI.hpp>
 
+#include "vesk/log.h"
+
 #include "commands.h"
 #include "errors.h"
-#include "vesk/log.h"
 
 namespace {
 
@@ -42,8 +42,9 @@ int run(int argc, char** argv) {
 
     // collect
     CollectOptions collect;
-    auto* c = app.add_subcommand("collect", "Run providers on this host as one collection run "
-                                            "and store one row per provider");
+    auto* c = app.add_subcommand("collect",
+                                 "Run providers on this host as one collection run "
+                                 "and store one row per provider");
     c->add_option("--providers-file", collect.provider_file,
                   "Provider file: lines of \"NAME [timeout=S] [option=ID] : COMMAND\"");
     c->add_option("--provider", collect.providers,
@@ -76,8 +77,7 @@ int run(int argc, char** argv) {
     auto* r = app.add_subcommand("rows", "Show stored rows");
     r->add_option("--provider", rows.providers, "Only this provider (repeatable)")
         ->allow_extra_args(false);
-    r->add_option("--host", rows.hosts, "Only this host (repeatable)")
-        ->allow_extra_args(false);
+    r->add_option("--host", rows.hosts, "Only this host (repeatable)")->allow_extra_args(false);
     r->add_flag("--latest", rows.latest, "Only the latest row per provider, option and host");
     r->add_flag("--show-output", rows.show_output, "Print the captured outputs (decoded)");
 
@@ -99,17 +99,19 @@ int run(int argc, char** argv) {
     s_show->add_flag("--show-output", snap_show_output, "Print the captured outputs (decoded)");
     auto* s_remove = snap->add_subcommand("remove", "Remove snapshot NAME");
     s_remove->add_option("name", snap_name, "Snapshot name")->required();
-    auto* s_diff = snap->add_subcommand(
-        "diff", "Compare snapshot NAME with the latest run, or with snapshot OTHER; "
-                "exit status 1 when something differs");
+    auto* s_diff =
+        snap->add_subcommand("diff",
+                             "Compare snapshot NAME with the latest run, or with snapshot OTHER; "
+                             "exit status 1 when something differs");
     s_diff->add_option("name", snap_name, "Snapshot name")->required();
     s_diff->add_option("other", snap_other, "Other snapshot (default: the latest run)");
 
     // sql
     std::string sql_file;
     std::string database_file;
-    auto* sql = app.add_subcommand("sql", "Run an SQL file (one statement per line) into a "
-                                          "database file");
+    auto* sql = app.add_subcommand("sql",
+                                   "Run an SQL file (one statement per line) into a "
+                                   "database file");
     sql->add_option("file", sql_file, "SQL file")->required();
     sql->add_option("database", database_file, "Database file")->required();
 
@@ -152,9 +154,7 @@ int run(int argc, char** argv) {
         return kExitError;
     };
 
-    global.format = format == "json"  ? Format::json
-                    : format == "csv" ? Format::csv
-                                      : Format::table;
+    global.format = format == "json" ? Format::json : format == "csv" ? Format::csv : Format::table;
     if (global.verbose) vesk::log::LOG_LEVEL = kVerboseLogLevel;
 
     // Unless verbose, what the library logs while the command runs is kept

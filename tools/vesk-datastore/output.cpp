@@ -1,12 +1,11 @@
 #include "output.h"
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
 #include <ostream>
+#include <unistd.h>
 
 namespace vesk::tool {
 

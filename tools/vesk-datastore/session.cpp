@@ -1,13 +1,13 @@
 #include "session.h"
 
+#include <algorithm>
+#include <iostream>
 #include <sys/time.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <iostream>
+#include "vesk/str.h"
 
 #include "errors.h"
-#include "vesk/str.h"
 
 namespace vesk::tool {
 
@@ -25,9 +25,9 @@ std::vector<vesk::datastore::DataStoreConfig> selected_configs(const GlobalOptio
     if (global.datastores.empty()) return configs;
     std::vector<vesk::datastore::DataStoreConfig> chosen;
     for (const auto& name : global.datastores) {
-        const auto found =
-            std::find_if(configs.begin(), configs.end(),
-                         [&](const auto& config) { return config.instance_name == name; });
+        const auto found = std::find_if(configs.begin(), configs.end(), [&](const auto& config) {
+            return config.instance_name == name;
+        });
         if (found == configs.end())
             throw ToolError(kExitError, "no datastore named \"" + name + "\" in " + path);
         chosen.push_back(*found);
@@ -40,16 +40,16 @@ std::unique_ptr<Store> open_store(const GlobalOptions& global) {
 }
 
 void check_name(const std::string& what, const std::string& value, size_t max) {
-    if (vesk::str::stripws(value).empty())
-        throw ToolError(kExitError, what + " must not be empty");
+    if (vesk::str::stripws(value).empty()) throw ToolError(kExitError, what + " must not be empty");
     if (value.size() > max)
-        throw ToolError(kExitError,
-                        what + " \"" + value + "\" is longer than " + std::to_string(max) + " bytes");
+        throw ToolError(kExitError, what + " \"" + value + "\" is longer than " +
+                                        std::to_string(max) + " bytes");
     for (unsigned char c : value)
         if (c == '\'' || c == '"' || c == '\\' || c < 0x20 || c == 0x7f)
-            throw ToolError(kExitError, what + " \"" + value + "\" contains a character that is "
-                                                               "not allowed (quote, backslash or "
-                                                               "control character)");
+            throw ToolError(kExitError, what + " \"" + value +
+                                            "\" contains a character that is "
+                                            "not allowed (quote, backslash or "
+                                            "control character)");
 }
 
 Progress::Progress() : tty_(::isatty(STDERR_FILENO) == 1) {}

@@ -5,13 +5,14 @@
 #include <set>
 #include <tuple>
 
+#include "vesk/datastore/parse_utility.h"
+#include "vesk/datastore/queries.h"
+
 #include "codec.h"
 #include "commands.h"
 #include "errors.h"
 #include "session.h"
 #include "textdiff.h"
-#include "vesk/datastore/parse_utility.h"
-#include "vesk/datastore/queries.h"
 
 namespace vesk::tool {
 
@@ -33,8 +34,7 @@ std::vector<Row> snapshot_rows(Store& store, const std::string& name) {
     if (providers.empty()) return rows;
     if (!vesk::datastore::get_snapshot_provider_data(name, rows_by_provider, baselines, providers,
                                                      {}, false))
-        throw ToolError(kExitError, "reading snapshot \"" + name +
-                                        "\" failed", true);
+        throw ToolError(kExitError, "reading snapshot \"" + name + "\" failed", true);
     for (auto& [provider, list] : rows_by_provider)
         for (auto& row : list) rows.push_back(std::move(row));
     return rows;
@@ -64,8 +64,7 @@ int cmd_snapshot_create(const GlobalOptions& global, const std::string& name) {
     DataStoreParseUtility::set_baseline_str(name);
     std::vector<Row> rows;
     if (!DataStoreParseUtility::mark_latest_snapshot_data(providers, rows))
-        throw ToolError(kExitError, "recording snapshot \"" + name +
-                                        "\" failed", true);
+        throw ToolError(kExitError, "recording snapshot \"" + name + "\" failed", true);
     if (rows.empty()) {
         diag() << "vesk-datastore: nothing stored to take a snapshot of\n";
         return kExitNothing;
@@ -105,9 +104,15 @@ int cmd_snapshot_list(const GlobalOptions& global) {
                         {"run", info.latest_unique_timestamp}});
     }
     switch (global.format) {
-        case Format::json: print_json(std::cout, list); break;
-        case Format::csv: print_csv(std::cout, table); break;
-        case Format::table: print_table(std::cout, table, stdout_style()); break;
+        case Format::json:
+            print_json(std::cout, list);
+            break;
+        case Format::csv:
+            print_csv(std::cout, table);
+            break;
+        case Format::table:
+            print_table(std::cout, table, stdout_style());
+            break;
     }
     return kExitOk;
 }
@@ -130,8 +135,7 @@ int cmd_snapshot_remove(const GlobalOptions& global, const std::string& name) {
     require_snapshot(*store, name);
     DataStoreParseUtility::set_snapshot_remove_str(name);
     if (!DataStoreParseUtility::remove_snapshot())
-        throw ToolError(kExitError, "removing snapshot \"" + name +
-                                        "\" failed", true);
+        throw ToolError(kExitError, "removing snapshot \"" + name + "\" failed", true);
     if (global.format == Format::json)
         print_json(std::cout, Json{{"removed", name}});
     else if (global.format == Format::table)
@@ -170,7 +174,8 @@ int cmd_snapshot_diff(const GlobalOptions& global, const std::string& name,
     if (!other.empty()) check_name("snapshot name", other, 256);
     auto store = open_store(global);
     const auto known = store->snapshots();
-    if (!has_snapshot(known, name)) throw ToolError(kExitNothing, "no snapshot named \"" + name + "\"");
+    if (!has_snapshot(known, name))
+        throw ToolError(kExitNothing, "no snapshot named \"" + name + "\"");
     if (!other.empty() && !has_snapshot(known, other))
         throw ToolError(kExitNothing, "no snapshot named \"" + other + "\"");
 
@@ -211,10 +216,12 @@ int cmd_snapshot_diff(const GlobalOptions& global, const std::string& name,
         const std::string b_err = decode_output(b.STDERR, b.Encoding);
         const bool status_changed = a.Exit_status != b.Exit_status;
         const std::string where = provider + "/" + host;
-        const std::string out_diff = unified_diff(a_out, b_out, left_label + "/" + where + "/stdout",
-                                                  right_label + "/" + where + "/stdout");
-        const std::string err_diff = unified_diff(a_err, b_err, left_label + "/" + where + "/stderr",
-                                                  right_label + "/" + where + "/stderr");
+        const std::string out_diff =
+            unified_diff(a_out, b_out, left_label + "/" + where + "/stdout",
+                         right_label + "/" + where + "/stdout");
+        const std::string err_diff =
+            unified_diff(a_err, b_err, left_label + "/" + where + "/stderr",
+                         right_label + "/" + where + "/stderr");
         if (!status_changed && out_diff.empty() && err_diff.empty()) {
             ++same;
             continue;
@@ -236,11 +243,11 @@ int cmd_snapshot_diff(const GlobalOptions& global, const std::string& name,
             detail += std::string(detail.empty() ? "" : "; ") + (is_out ? "stdout" : "stderr");
             for (const auto& line : split_lines(*diff)) {
                 const bool header = line.rfind("---", 0) == 0 || line.rfind("+++", 0) == 0;
-                const std::string colour = header              ? style.bold()
-                                           : line[0] == '-'    ? style.red()
-                                           : line[0] == '+'    ? style.green()
-                                           : line[0] == '@'    ? style.cyan()
-                                                               : "";
+                const std::string colour = header           ? style.bold()
+                                           : line[0] == '-' ? style.red()
+                                           : line[0] == '+' ? style.green()
+                                           : line[0] == '@' ? style.cyan()
+                                                            : "";
                 text += "  " + colour + line + (colour.empty() ? "" : style.reset()) + "\n";
             }
         }
@@ -255,7 +262,9 @@ int cmd_snapshot_diff(const GlobalOptions& global, const std::string& name,
                                        {"identical", same},
                                        {"differences", differences}});
             break;
-        case Format::csv: print_csv(std::cout, table); break;
+        case Format::csv:
+            print_csv(std::cout, table);
+            break;
         case Format::table:
             std::cout << "comparing snapshot \"" << name << "\" with "
                       << (other.empty() ? std::string("the latest run")

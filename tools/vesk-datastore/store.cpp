@@ -1,10 +1,5 @@
 #include "store.h"
 
-#include <libxml/parser.h>
-#include <libxml/tree.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -12,14 +7,20 @@
 #include <iostream>
 #include <map>
 #include <sstream>
+#include <sys/stat.h>
+#include <unistd.h>
 
-#include "errors.h"
+#include <libxml/parser.h>
+#include <libxml/tree.h>
+
 #include "vesk/datastore/interface.h"
 #include "vesk/datastore/parse_utility.h"
 #include "vesk/datastore/queries.h"
 #include "vesk/datastore/sqlite_extension.h"
 #include "vesk/datastore/vocabulary.h"
 #include "vesk/str.h"
+
+#include "errors.h"
 
 namespace vesk::tool {
 
@@ -53,8 +54,8 @@ struct Outcome {
 };
 std::vector<Outcome>* g_outcomes = nullptr;
 
-void record_outcome(int status, uint16_t, std::weak_ptr<DataStoreExtension> instance,
-                    const void*, const void*) {
+void record_outcome(int status, uint16_t, std::weak_ptr<DataStoreExtension> instance, const void*,
+                    const void*) {
     if (g_outcomes == nullptr) return;
     const auto locked = instance.lock();
     g_outcomes->push_back({locked ? locked->instance_name : std::string("?"), status});
@@ -112,8 +113,8 @@ void silent_xml_errors(void*, xmlErrorPtr) {}
 }  // namespace
 
 std::string default_config_path() {
-    const std::filesystem::path path = DataStoreParseUtility::get_default_install_path() +
-                                       "/etc/datastore/default_sqlite.xml";
+    const std::filesystem::path path =
+        DataStoreParseUtility::get_default_install_path() + "/etc/datastore/default_sqlite.xml";
     return path.lexically_normal().string();
 }
 
@@ -266,8 +267,7 @@ vesk::datastore::SnapshotInfoSet Store::snapshots() {
     // False means "none" or "failed": ask again to tell which.
     vesk::datastore::SnapshotInfoSet probe;
     std::vector<Outcome> outcomes;
-    if (!run_ioctl(data_names(), vesk::datastore::OP_QUERY_BASELINE_IDS, nullptr, &probe,
-                   outcomes))
+    if (!run_ioctl(data_names(), vesk::datastore::OP_QUERY_BASELINE_IDS, nullptr, &probe, outcomes))
         throw datastore_error("listing snapshots", outcomes);
     auto known = DataStoreParseUtility::get_snapshot_info_set();
     known.insert(probe.begin(), probe.end());

@@ -9,11 +9,12 @@
 #include <optional>
 #include <thread>
 
+#include "vesk/datastore/queries.h"
+
 #include "commands.h"
 #include "errors.h"
 #include "jsonl.h"
 #include "session.h"
-#include "vesk/datastore/queries.h"
 
 namespace vesk::tool {
 
@@ -221,8 +222,8 @@ int cmd_import(const GlobalOptions& global, const std::string& file, size_t batc
     if (global.format == Format::json) {
         print_json(std::cout, Json{{"rows", stored}, {"seconds", seconds}});
     } else if (global.format == Format::csv) {
-        print_csv(std::cout, Table{{"rows", "seconds"},
-                                   {{std::to_string(stored), format_seconds(seconds)}}});
+        print_csv(std::cout,
+                  Table{{"rows", "seconds"}, {{std::to_string(stored), format_seconds(seconds)}}});
     } else {
         std::cout << "imported " << with_commas(stored) << " rows in " << format_seconds(seconds)
                   << " s (" << with_commas(rate()) << " rows/s)\n";
