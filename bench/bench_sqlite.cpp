@@ -10,12 +10,8 @@
 // At the end a table gives each library/raw ratio.
 //
 // VESK_BENCH_SCALE divides every row count (the ctest smoke run uses 1000);
-// VESK_BENCH_DIR chooses the folder of the database files (default: /tmp).
-#include <benchmark/benchmark.h>
-#include <malloc.h>
-#include <sqlite3.h>
-#include <unistd.h>
-
+// VESK_BENCH_DIR chooses the folder of the database files (default: /tmp);
+// VESK_BENCH_REPS the number of repetitions (default 5, the median counts).
 #include <algorithm>
 #include <atomic>
 #include <cstdio>
@@ -23,11 +19,16 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <malloc.h>
 #include <map>
 #include <memory>
 #include <new>
 #include <string>
+#include <unistd.h>
 #include <vector>
+
+#include <benchmark/benchmark.h>
+#include <sqlite3.h>
 
 #include "vesk/datastore.h"
 #include "vesk/datastore/sqlite_extension.h"
@@ -43,9 +44,9 @@ std::atomic<long long> g_peak{0};
 void* counted_alloc(size_t size) {
     void* p = std::malloc(size ? size : 1);
     if (p == nullptr) throw std::bad_alloc();
-    const long long now = g_live.fetch_add(static_cast<long long>(malloc_usable_size(p)),
-                                           std::memory_order_relaxed) +
-                          static_cast<long long>(malloc_usable_size(p));
+    const long long now =
+        g_live.fetch_add(static_cast<long long>(malloc_usable_size(p)), std::memory_order_relaxed) +
+        static_cast<long long>(malloc_usable_size(p));
     long long peak = g_peak.load(std::memory_order_relaxed);
     while (now > peak && !g_peak.compare_exchange_weak(peak, now, std::memory_order_relaxed)) {
     }
@@ -92,6 +93,10 @@ void remove_db(const std::string& file) {
         std::filesystem::remove(file + suffix);
 }
 
+// Writes back what earlier runs left dirty, so that it does not compete
+// with the run about to be timed.
+void settle() { ::sync(); }
+
 // The indexes the extension creates, so that raw SQLite holds the same schema.
 const char* const kIndexes[] = {
     "CREATE INDEX IF NOT EXISTS provider_datastore_latest ON provider_datastore"
@@ -116,9 +121,10 @@ void exec(sqlite3* db, const std::string& sql) {
 // A raw connection with the extension's settings.
 sqlite3* raw_open(const std::string& file, bool with_indexes = true) {
     sqlite3* db = nullptr;
-    check(sqlite3_open_v2(file.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE |
-                                                 SQLITE_OPEN_NOMUTEX, nullptr),
-          db, "open");
+    check(
+        sqlite3_open_v2(file.c_str(), &db,
+                        SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX, nullptr),
+        db, "open");
     sqlite3_busy_timeout(db, 60000);
     exec(db, "PRAGMA journal_mode = WAL;");
     exec(db, "PRAGMA synchronous = NORMAL;");
@@ -141,8 +147,8 @@ struct RawInserter {
     sqlite3_stmt* stmt = nullptr;
     std::string nodes;
     explicit RawInserter(sqlite3* d) : db(d) {
-        check(sqlite3_prepare_v3(db, kInsertSql, -1, SQLITE_PREPARE_PERSISTENT, &stmt, nullptr),
-              db, "prepare insert");
+        check(sqlite3_prepare_v3(db, kInsertSql, -1, SQLITE_PREPARE_PERSISTENT, &stmt, nullptr), db,
+              "prepare insert");
     }
     ~RawInserter() { sqlite3_finalize(stmt); }
     void insert(const vd::InsertRecord& r) {
@@ -237,6 +243,7 @@ void BM_BulkInsertLibrary(benchmark::State& state, Where where, size_t output) {
         vd::DataStoreParseUtility::clear_db_vector();
         if (where == Where::disk) remove_db(source_of(where));
         const std::string name = open_datastore("source=" + source_of(where));
+        settle();
         state.ResumeTiming();
         if (!vd::execute_ioctl({name}, vd::SQLITE_BULK_INSERT, &records, nullptr, nullptr, nullptr))
             state.SkipWithError("bulk insert failed");
@@ -251,6 +258,7 @@ void BM_BulkInsertRaw(benchmark::State& state, Where where, size_t output) {
         state.PauseTiming();
         if (where == Where::disk) remove_db(source_of(where));
         sqlite3* db = raw_open(source_of(where));
+        settle();
         state.ResumeTiming();
         {
             RawInserter inserter(db);
@@ -272,10 +280,11 @@ void BM_RowInsertLibrary(benchmark::State& state) {
         vd::DataStoreParseUtility::clear_db_vector();
         remove_db(source_of(Where::disk));
         const std::vector<std::string> names{open_datastore("source=" + source_of(Where::disk))};
+        settle();
         state.ResumeTiming();
         for (const auto& r : records) {
-            if (!vd::execute_ioctl(names, vd::OP_INSERT, nullptr,
-                                   const_cast<vd::InsertRecord*>(&r), nullptr, nullptr)) {
+            if (!vd::execute_ioctl(names, vd::OP_INSERT, nullptr, const_cast<vd::InsertRecord*>(&r),
+                                   nullptr, nullptr)) {
                 state.SkipWithError("insert failed");
                 break;
             }
@@ -291,6 +300,7 @@ void BM_RowInsertRaw(benchmark::State& state) {
         state.PauseTiming();
         remove_db(source_of(Where::disk));
         sqlite3* db = raw_open(source_of(Where::disk));
+        settle();
         state.ResumeTiming();
         {
             RawInserter inserter(db);
@@ -306,8 +316,8 @@ void BM_RowInsertRaw(benchmark::State& state) {
 // ---- queries on a 1,000,000-row datastore ----
 
 struct QueryData {
-    std::string indexed;    // the extension's schema
-    std::string bare;       // the same rows without the extension's indexes
+    std::string indexed;  // the extension's schema
+    std::string bare;     // the same rows without the extension's indexes
     std::vector<std::string> ten_providers;
     std::string one_provider = "prov007";
 };
@@ -410,9 +420,12 @@ enum class Query { latest_rows, latest_run, provider };
 std::string sql_of(Query query) {
     const QueryData& d = query_data();
     switch (query) {
-        case Query::latest_rows: return latest_rows_sql(d.ten_providers);
-        case Query::latest_run: return latest_run_sql(d.one_provider);
-        case Query::provider: return provider_sql(d.one_provider);
+        case Query::latest_rows:
+            return latest_rows_sql(d.ten_providers);
+        case Query::latest_run:
+            return latest_run_sql(d.one_provider);
+        case Query::provider:
+            return provider_sql(d.one_provider);
     }
     return "";
 }
@@ -430,8 +443,8 @@ void BM_QueryLibrary(benchmark::State& state, Query query) {
                 break;
             case Query::latest_run: {
                 vd::ReadParameters request{{d.one_provider}, {}, {}, nullptr};
-                ok = vd::execute_ioctl(names, vd::OP_LATEST_COLLECT_ROWS, &request, &rows,
-                                       nullptr, nullptr);
+                ok = vd::execute_ioctl(names, vd::OP_LATEST_COLLECT_ROWS, &request, &rows, nullptr,
+                                       nullptr);
                 break;
             }
             case Query::provider:
@@ -551,13 +564,14 @@ public:
             const bool insert = stem.find("insert") != std::string::npos;
             // Inserts: share of raw throughput; queries: time over raw time.
             const double ratio = insert ? raw->second / time : time / raw->second;
-            std::printf("| %s | %.1f ms | %.1f ms | %.3f %s |\n", stem.c_str(), time,
-                        raw->second, ratio, insert ? "of raw throughput" : "of raw time");
+            std::printf("| %s | %.1f ms | %.1f ms | %.3f %s |\n", stem.c_str(), time, raw->second,
+                        ratio, insert ? "of raw throughput" : "of raw time");
             const auto bare = times_.find(stem + "/raw_without_indexes");
             if (bare != times_.end())
-                std::printf("| %s without the extension's indexes | | %.1f ms | %.1fx faster "
-                            "with them |\n",
-                            stem.c_str(), bare->second, bare->second / time);
+                std::printf(
+                    "| %s without the extension's indexes | | %.1f ms | %.1fx faster "
+                    "with them |\n",
+                    stem.c_str(), bare->second, bare->second / time);
         }
     }
 
@@ -567,7 +581,8 @@ private:
 };
 
 void register_all() {
-    const int reps = scale() > 1 ? 1 : 5;
+    const char* reps_text = std::getenv("VESK_BENCH_REPS");
+    const int reps = scale() > 1 ? 1 : (reps_text ? std::max(1, std::atoi(reps_text)) : 5);
     auto add = [reps](const std::string& name, auto fn, int64_t iterations) {
         auto* b = benchmark::RegisterBenchmark(name.c_str(), fn);
         b->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(iterations);
@@ -578,8 +593,11 @@ void register_all() {
             const std::string stem = std::string("bulk_insert/") +
                                      (where == Where::disk ? "disk/" : "memory/") +
                                      (output == 200 ? "200B" : "4KiB");
-            add(stem + "/library", [=](benchmark::State& s) { BM_BulkInsertLibrary(s, where, output); }, 1);
-            add(stem + "/raw", [=](benchmark::State& s) { BM_BulkInsertRaw(s, where, output); }, 1);
+            add(
+                stem + "/library",
+                [=](benchmark::State& s) { BM_BulkInsertLibrary(s, where, output); }, 1);
+            add(
+                stem + "/raw", [=](benchmark::State& s) { BM_BulkInsertRaw(s, where, output); }, 1);
         }
     }
     add("row_insert/disk/library", BM_RowInsertLibrary, 1);
@@ -591,9 +609,14 @@ void register_all() {
     for (const auto& [query, stem] : queries) {
         const Query q = query;
         const int64_t iterations = scale() > 1 ? 1 : 10;
-        add(std::string(stem) + "/library", [q](benchmark::State& s) { BM_QueryLibrary(s, q); }, iterations);
-        add(std::string(stem) + "/raw", [q](benchmark::State& s) { BM_QueryRaw(s, q, true); }, iterations);
-        add(std::string(stem) + "/raw_without_indexes",
+        add(
+            std::string(stem) + "/library", [q](benchmark::State& s) { BM_QueryLibrary(s, q); },
+            iterations);
+        add(
+            std::string(stem) + "/raw", [q](benchmark::State& s) { BM_QueryRaw(s, q, true); },
+            iterations);
+        add(
+            std::string(stem) + "/raw_without_indexes",
             [q](benchmark::State& s) { BM_QueryRaw(s, q, false); }, scale() > 1 ? 1 : 3);
     }
     auto* memory = benchmark::RegisterBenchmark("read_memory/1000x64KiB/library", BM_ReadMemory);

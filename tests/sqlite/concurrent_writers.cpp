@@ -5,19 +5,19 @@
 // writer gave up and no read failed.
 //
 // Usage: sqlite_concurrent_writers [writers] [rows per writer] [readers]
-#include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "vesk/datastore/vocabulary.h"
 
 #include "sqlite/row_generator.h"
 #include "sqlite/sqlite_test_util.h"
 #include "test_support.h"
-#include "vesk/datastore/vocabulary.h"
 
 namespace {
 
@@ -121,7 +121,8 @@ int main(int argc, char** argv) {
     int32_t status = -1;
     auto ext = vesk::test::open_sqlite(vesk::test::params_for(db, true), &status);
     std::vector<vd::Row> rows;
-    if (status != 0 || !ext->select("SELECT * FROM vesk_1 ORDER BY rowid", rows, vd::row_field_index))
+    if (status != 0 ||
+        !ext->select("SELECT * FROM vesk_1 ORDER BY rowid", rows, vd::row_field_index))
         return std::fprintf(stderr, "cannot read back\n"), 1;
     const size_t expected_total = static_cast<size_t>(writers) * rows_per_writer;
     if (rows.size() != expected_total)
@@ -133,7 +134,8 @@ int main(int argc, char** argv) {
         size_t written = 0;
         for (uint64_t batch = 0; written < rows_per_writer; ++batch) {
             auto expected = vesk::test::make_batch(static_cast<uint64_t>(w), batch, kMaxBatch);
-            if (expected.size() > rows_per_writer - written) expected.resize(rows_per_writer - written);
+            if (expected.size() > rows_per_writer - written)
+                expected.resize(rows_per_writer - written);
             written += expected.size();
             const auto& found = by_batch[vesk::test::batch_tag(static_cast<uint64_t>(w), batch)];
             if (found.size() != expected.size())

@@ -8,18 +8,17 @@
 //     only the batch in flight at the kill may be present unacknowledged.
 //
 // Usage: sqlite_crash_safety [kills] [folder]   (defaults: 200, a temp folder)
-#include <fcntl.h>
-#include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <fcntl.h>
 #include <fstream>
 #include <map>
 #include <set>
+#include <signal.h>
+#include <sys/wait.h>
 #include <thread>
+#include <unistd.h>
 
 #include "sqlite/row_generator.h"
 #include "sqlite/sqlite_test_util.h"
@@ -80,7 +79,8 @@ struct Checker {
         const std::string sql =
             "SELECT OptionID, Provider, Hostname, num_nodes, node_names, Exit_status, Timestamp, "
             "Duration, STDOUT, STDERR, Username, Unique_timestamp FROM provider_datastore "
-            "WHERE Unique_timestamp / 1000000 = " + std::to_string(writer) + " ORDER BY rowid";
+            "WHERE Unique_timestamp / 1000000 = " +
+            std::to_string(writer) + " ORDER BY rowid";
         sqlite3_stmt* stmt = nullptr;
         if (sqlite3_prepare_v2(db, sql.c_str(), -1, &stmt, nullptr) != SQLITE_OK)
             throw std::runtime_error(sqlite3_errmsg(db));
@@ -137,7 +137,8 @@ std::string check(Checker& checker, uint64_t writer, const std::set<uint64_t>& a
     const auto found = checker.rows_of(writer);
     const uint64_t next = acked.empty() ? 0 : *acked.rbegin() + 1;
     for (uint64_t batch : acked)
-        if (!found.count(batch)) return "acknowledged batch " + batch_tag(writer, batch) + " is lost";
+        if (!found.count(batch))
+            return "acknowledged batch " + batch_tag(writer, batch) + " is lost";
     for (const auto& [batch, rows] : found) {
         if (!acked.count(batch) && batch != next)
             return "batch " + batch_tag(writer, batch) + " present but never written";
@@ -209,7 +210,8 @@ int main(int argc, char** argv) {
         }
         for (uint64_t b : acked) rows_checked += make_batch(writer, b, kMaxBatch).size();
         // Keep the file small: drop what has been checked now and then.
-        if (kill_no % 10 == 9 && checker.has_table()) checker.exec("DELETE FROM provider_datastore");
+        if (kill_no % 10 == 9 && checker.has_table())
+            checker.exec("DELETE FROM provider_datastore");
     }
     const double seconds =
         std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();

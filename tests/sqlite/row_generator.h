@@ -69,8 +69,8 @@ inline std::vector<vesk::datastore::InsertRecord> make_batch(uint64_t writer, ui
         r.option_id = batch_tag(writer, batch);
         // Mostly short outputs, now and then one that spans overflow pages;
         // every byte value occurs.
-        const size_t out_size = random.below(64) == 0 ? 8000 + random.below(8000)
-                                                       : random.below(400);
+        const size_t out_size =
+            random.below(64) == 0 ? 8000 + random.below(8000) : random.below(400);
         r.std_out.resize(out_size);
         for (auto& c : r.std_out) c = static_cast<char>(random.next() >> 56);
         r.std_err.resize(random.below(64));

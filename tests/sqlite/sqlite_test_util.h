@@ -4,16 +4,16 @@
 // through its "destroy", sample rows, and a few raw SQLite looks at a file.
 
 #include <dlfcn.h>
-#include <sqlite3.h>
-#include <sys/stat.h>
-
 #include <filesystem>
 #include <functional>
 #include <memory>
 #include <set>
 #include <stdexcept>
 #include <string>
+#include <sys/stat.h>
 #include <vector>
+
+#include <sqlite3.h>
 
 #include "vesk/datastore/interface.h"
 #include "vesk/datastore/records.h"
@@ -40,16 +40,13 @@ private:
         void* handle = ::dlopen(sqlite_plugin_path().c_str(), RTLD_NOW | RTLD_LOCAL);
         if (handle == nullptr) throw std::runtime_error(std::string("dlopen: ") + ::dlerror());
         create = reinterpret_cast<vesk::datastore::CreateExtensionFn>(::dlsym(handle, "create"));
-        destroy =
-            reinterpret_cast<vesk::datastore::DestroyExtensionFn>(::dlsym(handle, "destroy"));
+        destroy = reinterpret_cast<vesk::datastore::DestroyExtensionFn>(::dlsym(handle, "destroy"));
         if (!create || !destroy) throw std::runtime_error("libsqlite.so lacks create/destroy");
     }
 };
 
 struct PluginDeleter {
-    void operator()(vesk::datastore::interface* p) const {
-        SqlitePlugin::get().destroy(p);
-    }
+    void operator()(vesk::datastore::interface* p) const { SqlitePlugin::get().destroy(p); }
 };
 using SqliteInstance = std::unique_ptr<vesk::datastore::interface, PluginDeleter>;
 
@@ -128,7 +125,8 @@ public:
             out.emplace_back(text ? std::string(text, sqlite3_column_bytes(stmt, 0)) : "");
         }
         sqlite3_finalize(stmt);
-        if (rc != SQLITE_DONE) throw std::runtime_error(std::string("raw step: ") + sqlite3_errmsg(db_));
+        if (rc != SQLITE_DONE)
+            throw std::runtime_error(std::string("raw step: ") + sqlite3_errmsg(db_));
         return out;
     }
     long long count(const std::string& table = "provider_datastore") const {

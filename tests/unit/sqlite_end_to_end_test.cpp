@@ -3,14 +3,15 @@
 // datastore lands in $HOME (a temporary folder here), rows of two collection
 // runs go in, every query function reads them back, and a snapshot is
 // recorded, listed, read and removed through DataStoreParseUtility.
+#include <filesystem>
+
 #include <gtest/gtest.h>
 #include <libxml/parser.h>
 
-#include <filesystem>
+#include "vesk/datastore.h"
 
 #include "sqlite/sqlite_test_util.h"
 #include "test_support.h"
-#include "vesk/datastore.h"
 
 namespace vd = vesk::datastore;
 using vesk::test::sample_record;
@@ -39,8 +40,9 @@ protected:
 
 std::vector<std::string> providers_of(const std::vector<vd::Row>& rows) {
     std::vector<std::string> out;
-    for (const auto& r : rows) out.push_back(r.Provider + "@" + r.Hostname + "#" +
-                                             std::to_string(r.Unique_timestamp == kRun2 ? 2 : 1));
+    for (const auto& r : rows)
+        out.push_back(r.Provider + "@" + r.Hostname + "#" +
+                      std::to_string(r.Unique_timestamp == kRun2 ? 2 : 1));
     std::sort(out.begin(), out.end());
     return out;
 }
@@ -50,8 +52,8 @@ TEST_F(SqliteEndToEndTest, DefaultConfigurationStoresQueriesAndSnapshots) {
     const std::string group = vesk::test::kStageDir + "/etc/datastore/datastore_group.xml";
     xmlDoc* doc = xmlReadFile(group.c_str(), nullptr, 0);
     ASSERT_NE(doc, nullptr) << group;
-    std::vector<vd::DataStoreConfig> configs =
-        vd::DataStoreParseUtility::parse_db_configs(xmlDocGetRootElement(doc), vd::DataStoreConfig{});
+    std::vector<vd::DataStoreConfig> configs = vd::DataStoreParseUtility::parse_db_configs(
+        xmlDocGetRootElement(doc), vd::DataStoreConfig{});
     xmlFreeDoc(doc);
     ASSERT_EQ(configs.size(), 1u);
     EXPECT_EQ(configs[0].instance_name, vd::DEFAULT_DATASTORE_NAME);
@@ -80,16 +82,16 @@ TEST_F(SqliteEndToEndTest, DefaultConfigurationStoresQueriesAndSnapshots) {
 
     std::vector<vd::Row> rows;
     ASSERT_TRUE(vd::select_provider_data({"cpu"}, rows, "", false));
-    EXPECT_EQ(providers_of(rows), (std::vector<std::string>{"cpu@n1#1", "cpu@n1#2", "cpu@n2#1",
-                                                           "cpu@n2#2"}));
+    EXPECT_EQ(providers_of(rows),
+              (std::vector<std::string>{"cpu@n1#1", "cpu@n1#2", "cpu@n2#1", "cpu@n2#2"}));
     rows.clear();
     ASSERT_TRUE(vd::select_provider_data({"cpu", "uname"}, rows, "Hostname = 'n2'", false));
     EXPECT_EQ(rows.size(), 3u);
 
     rows.clear();
     ASSERT_TRUE(vd::get_latest_rows_provider_hosts_data({"cpu", "uname"}, rows, {}, false));
-    EXPECT_EQ(providers_of(rows), (std::vector<std::string>{"cpu@n1#2", "cpu@n2#2", "uname@n1#2",
-                                                           "uname@n2#1"}));
+    EXPECT_EQ(providers_of(rows),
+              (std::vector<std::string>{"cpu@n1#2", "cpu@n2#2", "uname@n1#2", "uname@n2#1"}));
     rows.clear();
     ASSERT_TRUE(vd::get_latest_rows_provider_data({"uname"}, rows, "n2", false));
     EXPECT_EQ(providers_of(rows), (std::vector<std::string>{"uname@n2#1"}));

@@ -1,13 +1,14 @@
 // The SQLite extension through its real plugin: open and close, round trips,
 // size limits, bulk insert, read-only use, bad files, injection, snapshots.
-#include <gtest/gtest.h>
-
 #include <chrono>
 #include <fstream>
 
+#include <gtest/gtest.h>
+
+#include "vesk/datastore/vocabulary.h"
+
 #include "sqlite/sqlite_test_util.h"
 #include "test_support.h"
-#include "vesk/datastore/vocabulary.h"
 
 namespace vd = vesk::datastore;
 using vesk::test::CerrCapture;
@@ -53,8 +54,8 @@ void expect_same(const vd::InsertRecord& in, const vd::Row& out) {
     EXPECT_EQ(out.Timestamp, in.header.timestamp);
     EXPECT_DOUBLE_EQ(out.Duration, in.header.duration);
     EXPECT_EQ(out.Encoding, static_cast<int32_t>(in.header.encoding));
-    EXPECT_TRUE(out.STDOUT == in.std_out) << "STDOUT differs, sizes " << out.STDOUT.size() << " "
-                                          << in.std_out.size();
+    EXPECT_TRUE(out.STDOUT == in.std_out)
+        << "STDOUT differs, sizes " << out.STDOUT.size() << " " << in.std_out.size();
     EXPECT_TRUE(out.STDERR == in.std_err);
     EXPECT_EQ(out.OptionID, in.option_id);
     EXPECT_EQ(out.version, in.header.version);
@@ -73,9 +74,9 @@ TEST_F(SqliteExtensionTest, OpenExpandsQuotedHomeAndCreatesFolderSchemaAndIndexe
     {
         RawDb raw(file);
         const auto names = raw.column("SELECT name FROM sqlite_master ORDER BY name");
-        for (const char* name : {"provider_datastore", "baseline_datastore", "vesk_1",
-                                 "provider_datastore_latest", "provider_datastore_run",
-                                 "baseline_datastore_id"})
+        for (const char* name :
+             {"provider_datastore", "baseline_datastore", "vesk_1", "provider_datastore_latest",
+              "provider_datastore_run", "baseline_datastore_id"})
             EXPECT_NE(std::find(names.begin(), names.end(), name), names.end()) << name;
         EXPECT_EQ(raw.column("PRAGMA journal_mode").at(0), "wal");
     }
@@ -122,8 +123,9 @@ TEST_F(SqliteExtensionTest, SelectMapsColumnsByNameAndIgnoresUnknownOnes) {
     std::vector<vd::Row> rows;
     // "Version" is matched to "version" regardless of case; extra columns
     // and unknown map entries are ignored; the first "rowid" wins.
-    ASSERT_TRUE(ext->select("SELECT 99 AS extra, Version, rowid, 12345 AS rowid, Hostname FROM vesk_1",
-                            rows, {{"version", 12}, {"rowid", 0}, {"Hostname", 2}, {"nope", 3}}));
+    ASSERT_TRUE(
+        ext->select("SELECT 99 AS extra, Version, rowid, 12345 AS rowid, Hostname FROM vesk_1",
+                    rows, {{"version", 12}, {"rowid", 0}, {"Hostname", 2}, {"nope", 3}}));
     ASSERT_EQ(rows.size(), 1u);
     EXPECT_EQ(rows[0].version, 3);
     EXPECT_EQ(rows[0].rowid, 1);
@@ -144,11 +146,16 @@ TEST_F(SqliteExtensionTest, SizeLimitsAtMaximumRoundTripAndOneMoreIsRefused) {
         std::function<void(vd::InsertRecord&, int extra)> set;
     };
     const std::vector<Case> cases = {
-        {"provider", [](vd::InsertRecord& r, int e) { r.header.provider.assign(vd::max_provider_size + e, 'p'); }},
-        {"hostname", [](vd::InsertRecord& r, int e) { r.header.hostname.assign(vd::max_hostname_size + e, 'h'); }},
-        {"option_id", [](vd::InsertRecord& r, int e) { r.option_id.assign(vd::max_option_id_size + e, 'o'); }},
-        {"username", [](vd::InsertRecord& r, int e) { r.header.username.assign(vd::max_username_size + e, 'u'); }},
-        {"num_nodes", [](vd::InsertRecord& r, int e) { r.header.num_nodes = vd::max_num_nodes + e; }},
+        {"provider", [](vd::InsertRecord& r,
+                        int e) { r.header.provider.assign(vd::max_provider_size + e, 'p'); }},
+        {"hostname", [](vd::InsertRecord& r,
+                        int e) { r.header.hostname.assign(vd::max_hostname_size + e, 'h'); }},
+        {"option_id",
+         [](vd::InsertRecord& r, int e) { r.option_id.assign(vd::max_option_id_size + e, 'o'); }},
+        {"username", [](vd::InsertRecord& r,
+                        int e) { r.header.username.assign(vd::max_username_size + e, 'u'); }},
+        {"num_nodes",
+         [](vd::InsertRecord& r, int e) { r.header.num_nodes = vd::max_num_nodes + e; }},
         {"node_names",
          [](vd::InsertRecord& r, int e) {
              // 2^18 names joined by ", ": exactly max_node_names_size bytes.
@@ -164,8 +171,9 @@ TEST_F(SqliteExtensionTest, SizeLimitsAtMaximumRoundTripAndOneMoreIsRefused) {
         ASSERT_EQ(vesk::test::insert_record(*ext, at_max), kOk);
         ASSERT_EQ(raw.count(), before + 1);
         std::vector<vd::Row> rows;
-        ASSERT_TRUE(ext->select("SELECT * FROM vesk_1 WHERE rowid = (SELECT MAX(rowid) FROM vesk_1)",
-                                rows, vd::row_field_index));
+        ASSERT_TRUE(
+            ext->select("SELECT * FROM vesk_1 WHERE rowid = (SELECT MAX(rowid) FROM vesk_1)", rows,
+                        vd::row_field_index));
         ASSERT_EQ(rows.size(), 1u);
         expect_same(at_max, rows[0]);
 
@@ -222,7 +230,8 @@ TEST_F(SqliteExtensionTest, StreamOfMaxStdStreamSizeExceedsSqliteAndOneMoreExcee
 TEST_F(SqliteExtensionTest, BulkInsertWritesAllRowsOrNone) {
     auto ext = open_rw();
     std::vector<vd::InsertRecord> batch;
-    for (int i = 0; i < 500; ++i) batch.push_back(sample_record("bulk", "h" + std::to_string(i % 7), 9, i));
+    for (int i = 0; i < 500; ++i)
+        batch.push_back(sample_record("bulk", "h" + std::to_string(i % 7), 9, i));
     ASSERT_EQ(vesk::test::bulk_insert(*ext, batch), kOk);
     auto rows = rows_of(*ext, {"bulk"});
     ASSERT_EQ(rows.size(), batch.size());
@@ -243,9 +252,9 @@ TEST_F(SqliteExtensionTest, LatestRowsLatestRunAndHosts) {
     auto ext = open_rw();
     // Two runs; in the second, host h2 has no "p" row.
     std::vector<vd::InsertRecord> batch = {
-        sample_record("p", "h1", 100, 1), sample_record("p", "h2", 100, 2),
+        sample_record("p", "h1", 100, 1),     sample_record("p", "h2", 100, 2),
         sample_record("uname", "h1", 100, 3), sample_record("uname", "h2", 100, 4),
-        sample_record("p", "h1", 200, 5), sample_record("uname", "h1", 200, 7)};
+        sample_record("p", "h1", 200, 5),     sample_record("uname", "h1", 200, 7)};
     for (auto& r : batch) r.option_id = "o";
     ASSERT_EQ(vesk::test::bulk_insert(*ext, batch), kOk);
 
@@ -253,8 +262,7 @@ TEST_F(SqliteExtensionTest, LatestRowsLatestRunAndHosts) {
     vd::ReadParameters latest{{"p"}, {}, {}, nullptr};
     ASSERT_EQ(ext->control(vd::OP_LATEST_ROWS_PROVIDER, &latest, &rows, nullptr), kOk);
     ASSERT_EQ(rows.size(), 2u);
-    for (const auto& row : rows)
-        EXPECT_EQ(row.Unique_timestamp, row.Hostname == "h1" ? 200 : 100);
+    for (const auto& row : rows) EXPECT_EQ(row.Unique_timestamp, row.Hostname == "h1" ? 200 : 100);
 
     vd::ReadParameters on_h2{{"p"}, {"h2"}, {}, nullptr};
     ASSERT_EQ(ext->control(vd::OP_LATEST_ROWS_PROVIDER, &on_h2, &rows, nullptr), kOk);
@@ -308,15 +316,16 @@ TEST_F(SqliteExtensionTest, QueriesOfTheBaseClassUseTheIndexes) {
     EXPECT_NE(provider.find("USING INDEX"), std::string::npos) << provider;
     const std::string snapshot = details(
         "SELECT * FROM vesk_1 ds INNER JOIN baseline_datastore ON ds.rowid = "
-        "baseline_datastore.datastore_rowid AND ds.Provider = 'p' WHERE  (baseline_id IN ('s1') );");
+        "baseline_datastore.datastore_rowid AND ds.Provider = 'p' WHERE  (baseline_id IN ('s1') "
+        ");");
     EXPECT_NE(snapshot.find("baseline_datastore_id"), std::string::npos) << snapshot;
 }
 
 TEST_F(SqliteExtensionTest, SnapshotsAreRecordedListedReadAndRemoved) {
     auto ext = open_rw();
-    ASSERT_EQ(vesk::test::bulk_insert(*ext, {sample_record("p", "h1", 100, 1),
-                                             sample_record("p", "h2", 300, 2),
-                                             sample_record("q", "h1", 200, 3)}),
+    ASSERT_EQ(vesk::test::bulk_insert(
+                  *ext, {sample_record("p", "h1", 100, 1), sample_record("p", "h2", 300, 2),
+                         sample_record("q", "h1", 200, 3)}),
               kOk);
     auto config = std::make_shared<vesk::provider_config>(
         vesk::provider_config{"p", "fwd-p", "sum-p", "cmd-p"});
@@ -375,7 +384,9 @@ TEST_F(SqliteExtensionTest, SnapshotsAreRecordedListedReadAndRemoved) {
 TEST_F(SqliteExtensionTest, ReadOnlyDatastoreRefusesWritesAndChangesNothing) {
     {
         auto ext = open_rw();
-        ASSERT_EQ(vesk::test::bulk_insert(*ext, {sample_record("p", "h", 1), sample_record("p", "h", 2)}), kOk);
+        ASSERT_EQ(
+            vesk::test::bulk_insert(*ext, {sample_record("p", "h", 1), sample_record("p", "h", 2)}),
+            kOk);
         std::map<std::string, vd::ProviderInfoSet> snap{{"s", {vd::ProviderInfo{1, "p", nullptr}}}};
         const auto* ptr = &snap;
         ASSERT_EQ(ext->control(vd::OP_UPDATE_SNAPSHOT, nullptr, &ptr, nullptr), kOk);
@@ -432,14 +443,34 @@ TEST_F(SqliteExtensionTest, BadFilesFailClearlyAndCreateNothing) {
     };
     const std::vector<Case> cases = {
         {"random bytes", [&](const TempDir& d) { return d.write("x.db", random_bytes); }, false},
-        {"random bytes, read-only", [&](const TempDir& d) { return d.write("x.db", random_bytes); }, true},
-        {"truncated", [&](const TempDir& d) { return d.write("x.db", valid.substr(0, valid.size() / 2)); }, false},
-        {"truncated, read-only", [&](const TempDir& d) { return d.write("x.db", valid.substr(0, 4096)); }, true},
-        {"short header", [&](const TempDir& d) { return d.write("x.db", "SQLite format 3"); }, false},
-        {"folder", [](const TempDir& d) { std::filesystem::create_directory(d.file("x.db")); return d.file("x.db"); }, false},
-        {"folder, read-only", [](const TempDir& d) { std::filesystem::create_directory(d.file("x.db")); return d.file("x.db"); }, true},
+        {"random bytes, read-only", [&](const TempDir& d) { return d.write("x.db", random_bytes); },
+         true},
+        {"truncated",
+         [&](const TempDir& d) { return d.write("x.db", valid.substr(0, valid.size() / 2)); },
+         false},
+        {"truncated, read-only",
+         [&](const TempDir& d) { return d.write("x.db", valid.substr(0, 4096)); }, true},
+        {"short header", [&](const TempDir& d) { return d.write("x.db", "SQLite format 3"); },
+         false},
+        {"folder",
+         [](const TempDir& d) {
+             std::filesystem::create_directory(d.file("x.db"));
+             return d.file("x.db");
+         },
+         false},
+        {"folder, read-only",
+         [](const TempDir& d) {
+             std::filesystem::create_directory(d.file("x.db"));
+             return d.file("x.db");
+         },
+         true},
         {"missing, read-only", [](const TempDir& d) { return d.file("x.db"); }, true},
-        {"folder under a file", [](const TempDir& d) { d.write("plain", "text"); return d.file("plain/sub/x.db"); }, false},
+        {"folder under a file",
+         [](const TempDir& d) {
+             d.write("plain", "text");
+             return d.file("plain/sub/x.db");
+         },
+         false},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
@@ -466,7 +497,9 @@ TEST_F(SqliteExtensionTest, BadFilesFailClearlyAndCreateNothing) {
 TEST_F(SqliteExtensionTest, InjectionThroughNamesIsRefusedAndChangesNothing) {
     {
         auto ext = open_rw();
-        ASSERT_EQ(vesk::test::bulk_insert(*ext, {sample_record("p", "h", 1, 1), sample_record("secret", "h", 1, 2)}), kOk);
+        ASSERT_EQ(vesk::test::bulk_insert(
+                      *ext, {sample_record("p", "h", 1, 1), sample_record("secret", "h", 1, 2)}),
+                  kOk);
     }
     int32_t status = -1;
     auto ext = open_sqlite(params_for(db()), &status);
@@ -544,16 +577,18 @@ TEST_F(SqliteExtensionTest, SelectRunsOneReadOnlyStatementOnly) {
     // A read that runs too long is stopped, with its rows taken back.
     const auto start = std::chrono::steady_clock::now();
     std::vector<vd::Row> rows;
-    EXPECT_FALSE(ext->select("SELECT a.rowid AS rowid FROM provider_datastore a, provider_datastore b, "
-                             "provider_datastore c ORDER BY a.STDOUT || b.STDOUT || c.STDOUT",
-                             rows, vd::row_field_index));
+    EXPECT_FALSE(
+        ext->select("SELECT a.rowid AS rowid FROM provider_datastore a, provider_datastore b, "
+                    "provider_datastore c ORDER BY a.STDOUT || b.STDOUT || c.STDOUT",
+                    rows, vd::row_field_index));
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
     EXPECT_TRUE(rows.empty());
     EXPECT_NE(log.text().find("query_timeout_ms"), std::string::npos);
     EXPECT_EQ(RawDb(db()).count(), 300);
     EXPECT_EQ(files_in(dir_.path()), files);
     // Trailing blanks and a closing semicolon are fine.
-    EXPECT_TRUE(ext->select("SELECT * FROM vesk_1 WHERE rowid < 3;  \n", rows, vd::row_field_index));
+    EXPECT_TRUE(
+        ext->select("SELECT * FROM vesk_1 WHERE rowid < 3;  \n", rows, vd::row_field_index));
     EXPECT_EQ(rows.size(), 2u);
 }
 
@@ -561,14 +596,16 @@ TEST_F(SqliteExtensionTest, MalformedParametersAndClosedInstancesFail) {
     CerrCapture log;
     int32_t status = -1;
     EXPECT_EQ((open_sqlite("source=a=b", &status), status), kFailed);
-    EXPECT_EQ((open_sqlite(params_for(db(), false, "|busy_timeout_ms=soon"), &status), status), kFailed);
+    EXPECT_EQ((open_sqlite(params_for(db(), false, "|busy_timeout_ms=soon"), &status), status),
+              kFailed);
     EXPECT_FALSE(std::filesystem::exists(db()));
     auto ext = open_rw();
     ASSERT_EQ(ext->close(), kOk);
     std::vector<vd::Row> rows;
     EXPECT_NE(vesk::test::insert_record(*ext, sample_record("p", "h", 1)), kOk);
     EXPECT_FALSE(ext->select("SELECT 1", rows, vd::row_field_index));
-    EXPECT_EQ(ext->control(1023, nullptr, nullptr, nullptr), vd::DataStoreExtension::UNSUPPORTED_OPERATION);
+    EXPECT_EQ(ext->control(1023, nullptr, nullptr, nullptr),
+              vd::DataStoreExtension::UNSUPPORTED_OPERATION);
     EXPECT_EQ(ext->close(), kOk);
 }
 

@@ -60,22 +60,53 @@ void read_row(sqlite3_stmt* stmt, const std::vector<int>& columns, Row& row) {
     for (size_t i = 0; i < columns.size(); ++i) {
         const int c = static_cast<int>(i);
         switch (columns[i]) {
-            case 0: row.rowid = sqlite3_column_int(stmt, c); break;
-            case 1: read_text(stmt, c, row.Provider); break;
-            case 2: read_text(stmt, c, row.Hostname); break;
-            case 3: row.num_nodes = sqlite3_column_int(stmt, c); break;
-            case 4: read_node_names(stmt, c, row.node_names); break;
-            case 5: row.Exit_status = sqlite3_column_int(stmt, c); break;
-            case 6: row.Timestamp = sqlite3_column_int64(stmt, c); break;
-            case 7: row.Duration = sqlite3_column_double(stmt, c); break;
-            case 8: row.Encoding = sqlite3_column_int(stmt, c); break;
-            case 9: read_text(stmt, c, row.STDOUT); break;
-            case 10: read_text(stmt, c, row.STDERR); break;
-            case 11: read_text(stmt, c, row.OptionID); break;
-            case 12: row.version = sqlite3_column_int(stmt, c); break;
-            case 13: read_text(stmt, c, row.Username); break;
-            case 14: row.Unique_timestamp = sqlite3_column_int64(stmt, c); break;
-            default: break;
+            case 0:
+                row.rowid = sqlite3_column_int(stmt, c);
+                break;
+            case 1:
+                read_text(stmt, c, row.Provider);
+                break;
+            case 2:
+                read_text(stmt, c, row.Hostname);
+                break;
+            case 3:
+                row.num_nodes = sqlite3_column_int(stmt, c);
+                break;
+            case 4:
+                read_node_names(stmt, c, row.node_names);
+                break;
+            case 5:
+                row.Exit_status = sqlite3_column_int(stmt, c);
+                break;
+            case 6:
+                row.Timestamp = sqlite3_column_int64(stmt, c);
+                break;
+            case 7:
+                row.Duration = sqlite3_column_double(stmt, c);
+                break;
+            case 8:
+                row.Encoding = sqlite3_column_int(stmt, c);
+                break;
+            case 9:
+                read_text(stmt, c, row.STDOUT);
+                break;
+            case 10:
+                read_text(stmt, c, row.STDERR);
+                break;
+            case 11:
+                read_text(stmt, c, row.OptionID);
+                break;
+            case 12:
+                row.version = sqlite3_column_int(stmt, c);
+                break;
+            case 13:
+                read_text(stmt, c, row.Username);
+                break;
+            case 14:
+                row.Unique_timestamp = sqlite3_column_int64(stmt, c);
+                break;
+            default:
+                break;
         }
     }
 }
@@ -84,13 +115,26 @@ void read_row(sqlite3_stmt* stmt, const std::vector<int>& columns, Row_baseline&
     for (size_t i = 0; i < columns.size(); ++i) {
         const int c = static_cast<int>(i);
         switch (columns[i]) {
-            case 0: row.rowid = sqlite3_column_int(stmt, c); break;
-            case 1: read_text(stmt, c, row.baseline_id); break;
-            case 2: row.datastore_rowid = sqlite3_column_int(stmt, c); break;
-            case 3: read_text(stmt, c, row.fwd_name); break;
-            case 4: read_text(stmt, c, row.provider_checksum); break;
-            case 5: read_text(stmt, c, row.command_checksum); break;
-            default: break;
+            case 0:
+                row.rowid = sqlite3_column_int(stmt, c);
+                break;
+            case 1:
+                read_text(stmt, c, row.baseline_id);
+                break;
+            case 2:
+                row.datastore_rowid = sqlite3_column_int(stmt, c);
+                break;
+            case 3:
+                read_text(stmt, c, row.fwd_name);
+                break;
+            case 4:
+                read_text(stmt, c, row.provider_checksum);
+                break;
+            case 5:
+                read_text(stmt, c, row.command_checksum);
+                break;
+            default:
+                break;
         }
     }
 }

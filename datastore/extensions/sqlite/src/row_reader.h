@@ -6,11 +6,11 @@
 // tables that both have "rowid"), the first column wins; unknown names and
 // positions out of range are ignored.
 
-#include <sqlite3.h>
-
 #include <map>
 #include <string>
 #include <vector>
+
+#include <sqlite3.h>
 
 #include "vesk/datastore/records.h"
 

@@ -19,12 +19,6 @@
 // snapshot ids) are refused when they contain a quote.
 #include "vesk/datastore/sqlite_extension.h"
 
-#include <sqlite3.h>
-#include <strings.h>
-#include <sys/stat.h>
-#include <time.h>
-#include <unistd.h>
-
 #include <cctype>
 #include <chrono>
 #include <cstring>
@@ -32,14 +26,21 @@
 #include <fstream>
 #include <memory>
 #include <string>
+#include <strings.h>
+#include <sys/stat.h>
+#include <time.h>
+#include <unistd.h>
 #include <vector>
 
-#include "row_reader.h"
+#include <sqlite3.h>
+
 #include "vesk/datastore/interface.h"
 #include "vesk/datastore/parameter_pack.h"
 #include "vesk/datastore/vocabulary.h"
 #include "vesk/log.h"
 #include "vesk/str.h"
+
+#include "row_reader.h"
 
 namespace vesk::datastore {
 namespace {
@@ -216,8 +217,8 @@ public:
         if (!literal_safe({baseline_id}, "snapshot") || !literal_safe(providers, "provider") ||
             !literal_safe(hosts, "host"))
             return false;
-        return interface::get_snapshot_provider(std::move(baseline_id), rows_by_provider,
-                                                baselines, std::move(providers), std::move(hosts));
+        return interface::get_snapshot_provider(std::move(baseline_id), rows_by_provider, baselines,
+                                                std::move(providers), std::move(hosts));
     }
 
 private:
@@ -282,8 +283,8 @@ private:
         const int rc = sqlite3_step(stmt);
         sqlite3_reset(stmt);
         if (rc == SQLITE_DONE || rc == SQLITE_ROW) return true;
-        VESK_SQLITE_LOG(kErrorLevel) << where() << what << " failed: " << sqlite3_errstr(rc)
-                                     << " (" << sqlite3_errmsg(db_.get()) << ")";
+        VESK_SQLITE_LOG(kErrorLevel) << where() << what << " failed: " << sqlite3_errstr(rc) << " ("
+                                     << sqlite3_errmsg(db_.get()) << ")";
         return false;
     }
 
@@ -291,8 +292,8 @@ private:
         char* error = nullptr;
         if (sqlite3_exec(db_.get(), sql.c_str(), nullptr, nullptr, &error) == SQLITE_OK)
             return true;
-        VESK_SQLITE_LOG(kErrorLevel) << where() << "\"" << sql
-                                     << "\" failed: " << (error ? error : "unknown error");
+        VESK_SQLITE_LOG(kErrorLevel)
+            << where() << "\"" << sql << "\" failed: " << (error ? error : "unknown error");
         sqlite3_free(error);
         return false;
     }
@@ -409,9 +410,9 @@ bool SqliteExtension::open_database(const std::string& parameters) {
 
     random_ = static_cast<unsigned>(::getpid()) * 2654435761u ^
               static_cast<unsigned>(reinterpret_cast<uintptr_t>(this));
-    const int flags = (read_only_ ? SQLITE_OPEN_READONLY
-                                  : SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE) |
-                      SQLITE_OPEN_NOMUTEX;
+    const int flags =
+        (read_only_ ? SQLITE_OPEN_READONLY : SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE) |
+        SQLITE_OPEN_NOMUTEX;
     ::sqlite3* raw = nullptr;
     const int rc = sqlite3_open_v2(path_.c_str(), &raw, flags, nullptr);
     db_.reset(raw);
@@ -419,12 +420,13 @@ bool SqliteExtension::open_database(const std::string& parameters) {
         const std::string reason = raw ? sqlite3_errmsg(raw) : sqlite3_errstr(rc);
         return fail_open(reason);
     }
-    if (max_length > 0) sqlite3_limit(db_.get(), SQLITE_LIMIT_LENGTH, static_cast<int>(
-                                          std::min<long long>(max_length, 0x7fffffff)));
+    if (max_length > 0)
+        sqlite3_limit(db_.get(), SQLITE_LIMIT_LENGTH,
+                      static_cast<int>(std::min<long long>(max_length, 0x7fffffff)));
     length_limit_ = sqlite3_limit(db_.get(), SQLITE_LIMIT_LENGTH, -1);
 
-    const bool ok = configure_connection() && (read_only_ || create_schema()) &&
-                    prepare_statements();
+    const bool ok =
+        configure_connection() && (read_only_ || create_schema()) && prepare_statements();
     if (!ok) {
         // A file that this call created and left empty goes away again.
         if (!existed && !read_only_) {
@@ -558,8 +560,8 @@ std::string SqliteExtension::check_row(const vesk::provider::header& header,
                                        const std::string& option_id, const std::string& std_out,
                                        const std::string& std_err) {
     auto too_long = [](const char* what, size_t size, int limit, const char* name) {
-        return std::string(what) + " of " + std::to_string(size) + " bytes exceeds " + name +
-               " (" + std::to_string(limit) + ")";
+        return std::string(what) + " of " + std::to_string(size) + " bytes exceeds " + name + " (" +
+               std::to_string(limit) + ")";
     };
     if (header.provider.size() > static_cast<size_t>(max_provider_size))
         return too_long("provider name", header.provider.size(), max_provider_size,
@@ -596,9 +598,10 @@ std::string SqliteExtension::check_row(const vesk::provider::header& header,
     if (std_err.size() > static_cast<size_t>(max_std_stream_size))
         return too_long("STDERR", std_err.size(), max_std_stream_size, "max_std_stream_size");
     node_bytes_ = node_bytes;
-    const long long total = static_cast<long long>(
-        header.provider.size() + header.hostname.size() + node_bytes + std_out.size() +
-        std_err.size() + option_id.size() + header.username.size()) + kRowOverhead;
+    const long long total = static_cast<long long>(header.provider.size() + header.hostname.size() +
+                                                   node_bytes + std_out.size() + std_err.size() +
+                                                   option_id.size() + header.username.size()) +
+                            kRowOverhead;
     if (total > length_limit_)
         return "row of about " + std::to_string(total) +
                " bytes exceeds SQLite's length limit of " + std::to_string(length_limit_) +
@@ -615,8 +618,7 @@ int SqliteExtension::write_row(const vesk::provider::header& header, const std::
         node_text_ += header.node_names[i];
     }
     auto text = [stmt](int index, const std::string& value) {
-        sqlite3_bind_text(stmt, index, value.data(), static_cast<int>(value.size()),
-                          SQLITE_STATIC);
+        sqlite3_bind_text(stmt, index, value.data(), static_cast<int>(value.size()), SQLITE_STATIC);
     };
     text(1, header.provider);
     text(2, header.hostname);
@@ -641,8 +643,8 @@ bool SqliteExtension::insert(const vesk::provider::header& header, const std::st
                              const std::string& std_out, const std::string& std_err) {
     if (!writable("insert")) return false;
     if (const std::string why = check_row(header, option_id, std_out, std_err); !why.empty()) {
-        VESK_SQLITE_LOG(kErrorLevel) << where() << "refused row of provider \"" << header.provider
-                                     << "\": " << why;
+        VESK_SQLITE_LOG(kErrorLevel)
+            << where() << "refused row of provider \"" << header.provider << "\": " << why;
         return false;
     }
     // One autocommit statement: it takes the write lock before it reads.
@@ -671,9 +673,9 @@ bool SqliteExtension::bulk_insert(const std::vector<InsertRecord>& records) {
     for (const auto& r : records) {
         const int rc = write_row(r.header, r.option_id, r.std_out, r.std_err);
         if (rc != SQLITE_DONE) {
-            VESK_SQLITE_LOG(kErrorLevel) << where() << "bulk insert failed, nothing written: "
-                                         << sqlite3_errstr(rc) << " ("
-                                         << sqlite3_errmsg(db_.get()) << ")";
+            VESK_SQLITE_LOG(kErrorLevel)
+                << where() << "bulk insert failed, nothing written: " << sqlite3_errstr(rc) << " ("
+                << sqlite3_errmsg(db_.get()) << ")";
             return false;
         }
     }
@@ -686,8 +688,8 @@ bool SqliteExtension::update_snapshot(const std::map<std::string, ProviderInfoSe
     if (!writable("snapshot update")) return false;
     for (const auto& [id, entries] : snapshots) {
         if (vesk::str::stripws(id).empty() || !literal_safe({id}, "snapshot")) {
-            VESK_SQLITE_LOG(kErrorLevel) << where() << "refused snapshot update: bad id \"" << id
-                                         << "\"";
+            VESK_SQLITE_LOG(kErrorLevel)
+                << where() << "refused snapshot update: bad id \"" << id << "\"";
             return false;
         }
     }
@@ -761,8 +763,8 @@ bool SqliteExtension::query_baseline_ids(SnapshotInfoSet& ids) {
                                 sqlite3_column_int64(list.get(), 1)});
     }
     if (rc == SQLITE_DONE) return true;
-    VESK_SQLITE_LOG(kErrorLevel) << where() << "listing snapshots failed: "
-                                 << sqlite3_errmsg(db_.get());
+    VESK_SQLITE_LOG(kErrorLevel) << where()
+                                 << "listing snapshots failed: " << sqlite3_errmsg(db_.get());
     return false;
 }
 
@@ -789,11 +791,12 @@ bool SqliteExtension::run_select(const std::string& sql, std::vector<Record>& ou
 
     sqlite3_stmt* raw = nullptr;
     const char* tail = nullptr;
-    const int rc = sqlite3_prepare_v3(db, sql.c_str(), static_cast<int>(sql.size()), 0, &raw, &tail);
+    const int rc =
+        sqlite3_prepare_v3(db, sql.c_str(), static_cast<int>(sql.size()), 0, &raw, &tail);
     StmtPtr stmt(raw);
     if (rc != SQLITE_OK) {
-        VESK_SQLITE_LOG(kErrorLevel) << where() << "refused statement: " << sqlite3_errmsg(db)
-                                     << ": " << sql;
+        VESK_SQLITE_LOG(kErrorLevel)
+            << where() << "refused statement: " << sqlite3_errmsg(db) << ": " << sql;
         return false;
     }
     if (!stmt) {
@@ -801,9 +804,8 @@ bool SqliteExtension::run_select(const std::string& sql, std::vector<Record>& ou
         return false;
     }
     if (!is_blank(tail)) {
-        VESK_SQLITE_LOG(kErrorLevel) << where()
-                                     << "refused statement: text after the first statement: "
-                                     << sql;
+        VESK_SQLITE_LOG(kErrorLevel)
+            << where() << "refused statement: text after the first statement: " << sql;
         return false;
     }
     if (!sqlite3_stmt_readonly(stmt.get())) {
@@ -826,8 +828,8 @@ bool SqliteExtension::run_select(const std::string& sql, std::vector<Record>& ou
         VESK_SQLITE_LOG(kErrorLevel) << where() << "statement stopped after query_timeout_ms ("
                                      << query_timeout_ms_ << " ms): " << sql;
     else
-        VESK_SQLITE_LOG(kErrorLevel) << where() << "select failed: " << sqlite3_errmsg(db) << ": "
-                                     << sql;
+        VESK_SQLITE_LOG(kErrorLevel)
+            << where() << "select failed: " << sqlite3_errmsg(db) << ": " << sql;
     return false;
 }
 
@@ -842,6 +844,7 @@ extern "C" VESK_EXTENSION_ENTRY vesk::datastore::DataStoreExtension* create() no
     }
 }
 
-extern "C" VESK_EXTENSION_ENTRY void destroy(vesk::datastore::DataStoreExtension* instance) noexcept {
+extern "C" VESK_EXTENSION_ENTRY void destroy(
+    vesk::datastore::DataStoreExtension* instance) noexcept {
     delete instance;
 }
