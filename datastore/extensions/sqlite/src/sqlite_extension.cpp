@@ -150,6 +150,7 @@ std::string precheck_file(const std::string& path) {
 class SqliteExtension final : public interface {
 public:
     SqliteExtension() {
+        // Operation 512: the latest "uname" row of every host.
         hosts_query = "SELECT *, MAX(Unique_timestamp) FROM " + table_view +
                       " WHERE Provider = 'uname' GROUP BY Hostname;";
     }
@@ -179,6 +180,7 @@ public:
 
     bool insert(const vesk::provider::header& header, const std::string& option_id,
                 const std::string& std_out, const std::string& std_err) override;
+    // An empty field map stands for the standard one of the record.
     bool select(std::string sql, std::vector<Row>& rows,
                 const std::map<std::string, int>& fields) override {
         return run_select(sql, rows, fields.empty() ? row_field_index : fields, kRowFields);
