@@ -13,13 +13,15 @@
 // VESK_BENCH_DIR chooses the folder of the database files (default: /tmp);
 // VESK_BENCH_REPS the number of repetitions (default 5, the median counts).
 #include <algorithm>
-#include <climits>
 #include <atomic>
+#include <chrono>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <malloc.h>
 #include <map>
 #include <memory>
@@ -231,87 +233,114 @@ std::string open_datastore(const std::string& parameters) {
 
 // ---- inserts ----
 
+using Seconds = std::chrono::duration<double>;
+using BenchClock = std::chrono::steady_clock;
+
 enum class Where { disk, memory };
 
 std::string source_of(Where where) {
     return where == Where::memory ? ":memory:" : bench_dir() + "/insert.db";
 }
 
-void BM_BulkInsertLibrary(benchmark::State& state, Where where, size_t output) {
-    const auto records = make_records(scaled(200000), output);
-    for (auto _ : state) {
-        state.PauseTiming();
-        vd::DataStoreParseUtility::clear_db_vector();
-        if (where == Where::disk) remove_db(source_of(where));
-        const std::string name = open_datastore("source=" + source_of(where));
-        settle();
-        state.ResumeTiming();
-        if (!vd::execute_ioctl({name}, vd::SQLITE_BULK_INSERT, &records, nullptr, nullptr, nullptr))
-            state.SkipWithError("bulk insert failed");
-    }
+// Each insert run starts from a new, empty database; only the writing is timed.
+double bulk_insert_library(Where where, const std::vector<vd::InsertRecord>& records) {
     vd::DataStoreParseUtility::clear_db_vector();
-    state.SetItemsProcessed(state.iterations() * static_cast<int64_t>(records.size()));
-}
-
-void BM_BulkInsertRaw(benchmark::State& state, Where where, size_t output) {
-    const auto records = make_records(scaled(200000), output);
-    for (auto _ : state) {
-        state.PauseTiming();
-        if (where == Where::disk) remove_db(source_of(where));
-        sqlite3* db = raw_open(source_of(where));
-        settle();
-        state.ResumeTiming();
-        {
-            RawInserter inserter(db);
-            exec(db, "BEGIN IMMEDIATE;");
-            for (const auto& r : records) inserter.insert(r);
-            exec(db, "COMMIT;");
-        }
-        state.PauseTiming();
-        sqlite3_close(db);
-        state.ResumeTiming();
-    }
-    state.SetItemsProcessed(state.iterations() * static_cast<int64_t>(records.size()));
-}
-
-void BM_RowInsertLibrary(benchmark::State& state) {
-    const auto records = make_records(scaled(20000), 200);
-    for (auto _ : state) {
-        state.PauseTiming();
-        vd::DataStoreParseUtility::clear_db_vector();
-        remove_db(source_of(Where::disk));
-        const std::vector<std::string> names{open_datastore("source=" + source_of(Where::disk))};
-        settle();
-        state.ResumeTiming();
-        for (const auto& r : records) {
-            if (!vd::execute_ioctl(names, vd::OP_INSERT, nullptr, const_cast<vd::InsertRecord*>(&r),
-                                   nullptr, nullptr)) {
-                state.SkipWithError("insert failed");
-                break;
-            }
-        }
-    }
+    if (where == Where::disk) remove_db(source_of(where));
+    const std::string name = open_datastore("source=" + source_of(where));
+    settle();
+    const auto start = BenchClock::now();
+    if (!vd::execute_ioctl({name}, vd::SQLITE_BULK_INSERT, &records, nullptr, nullptr, nullptr))
+        std::abort();
+    const double seconds = Seconds(BenchClock::now() - start).count();
     vd::DataStoreParseUtility::clear_db_vector();
-    state.SetItemsProcessed(state.iterations() * static_cast<int64_t>(records.size()));
+    return seconds;
 }
 
-void BM_RowInsertRaw(benchmark::State& state) {
-    const auto records = make_records(scaled(20000), 200);
-    for (auto _ : state) {
-        state.PauseTiming();
-        remove_db(source_of(Where::disk));
-        sqlite3* db = raw_open(source_of(Where::disk));
-        settle();
-        state.ResumeTiming();
-        {
-            RawInserter inserter(db);
-            for (const auto& r : records) inserter.insert(r);
-        }
-        state.PauseTiming();
-        sqlite3_close(db);
-        state.ResumeTiming();
+double bulk_insert_raw(Where where, const std::vector<vd::InsertRecord>& records) {
+    if (where == Where::disk) remove_db(source_of(where));
+    sqlite3* db = raw_open(source_of(where));
+    settle();
+    const auto start = BenchClock::now();
+    {
+        RawInserter inserter(db);
+        exec(db, "BEGIN IMMEDIATE;");
+        for (const auto& r : records) inserter.insert(r);
+        exec(db, "COMMIT;");
     }
-    state.SetItemsProcessed(state.iterations() * static_cast<int64_t>(records.size()));
+    const double seconds = Seconds(BenchClock::now() - start).count();
+    sqlite3_close(db);
+    return seconds;
+}
+
+double row_insert_library(const std::vector<vd::InsertRecord>& records) {
+    vd::DataStoreParseUtility::clear_db_vector();
+    remove_db(source_of(Where::disk));
+    const std::vector<std::string> names{open_datastore("source=" + source_of(Where::disk))};
+    settle();
+    const auto start = BenchClock::now();
+    for (const auto& r : records)
+        if (!vd::execute_ioctl(names, vd::OP_INSERT, nullptr, const_cast<vd::InsertRecord*>(&r),
+                               nullptr, nullptr))
+            std::abort();
+    const double seconds = Seconds(BenchClock::now() - start).count();
+    vd::DataStoreParseUtility::clear_db_vector();
+    return seconds;
+}
+
+double row_insert_raw(const std::vector<vd::InsertRecord>& records) {
+    remove_db(source_of(Where::disk));
+    sqlite3* db = raw_open(source_of(Where::disk));
+    settle();
+    const auto start = BenchClock::now();
+    {
+        RawInserter inserter(db);
+        for (const auto& r : records) inserter.insert(r);
+    }
+    const double seconds = Seconds(BenchClock::now() - start).count();
+    sqlite3_close(db);
+    return seconds;
+}
+
+// Runs the library path and its raw twin once each per iteration, in
+// alternating order, so that both see the same machine at the same time;
+// reports each one's mean time and the library's ratio to raw.
+void run_pair(benchmark::State& state, const std::function<double()>& library,
+              const std::function<double()>& raw, size_t items) {
+    static uint64_t turn = 0;  // alternates across repetitions too
+    double library_total = 0, raw_total = 0;
+    int64_t n = 0;
+    for (auto _ : state) {
+        double l, r;
+        if (turn++ % 2 == 0) {
+            l = library();
+            r = raw();
+        } else {
+            r = raw();
+            l = library();
+        }
+        library_total += l;
+        raw_total += r;
+        ++n;
+        state.SetIterationTime(l + r);
+    }
+    state.counters["library_ms"] = library_total / static_cast<double>(n) * 1e3;
+    state.counters["raw_ms"] = raw_total / static_cast<double>(n) * 1e3;
+    state.counters["library_over_raw_time"] = library_total / raw_total;
+    state.SetItemsProcessed(n * static_cast<int64_t>(items));
+}
+
+void BM_BulkInsert(benchmark::State& state, Where where, size_t output) {
+    const auto records = make_records(scaled(200000), output);
+    run_pair(
+        state, [&] { return bulk_insert_library(where, records); },
+        [&] { return bulk_insert_raw(where, records); }, records.size());
+}
+
+void BM_RowInsert(benchmark::State& state) {
+    const auto records = make_records(scaled(20000), 200);
+    run_pair(
+        state, [&] { return row_insert_library(records); }, [&] { return row_insert_raw(records); },
+        records.size());
 }
 
 // ---- queries on a 1,000,000-row datastore ----
@@ -431,40 +460,63 @@ std::string sql_of(Query query) {
     return "";
 }
 
-void BM_QueryLibrary(benchmark::State& state, Query query) {
+// One query through the library's query functions into full Rows.
+size_t query_library(Query query, const std::vector<std::string>& names) {
     const QueryData& d = query_data();
-    const std::vector<std::string> names{open_datastore("read_only=true|source=" + d.indexed)};
-    size_t count = 0;
-    for (auto _ : state) {
-        std::vector<vd::Row> rows;
-        bool ok = false;
-        switch (query) {
-            case Query::latest_rows:
-                ok = vd::get_latest_rows_provider_hosts_data(d.ten_providers, rows, {}, false);
-                break;
-            case Query::latest_run: {
-                vd::ReadParameters request{{d.one_provider}, {}, {}, nullptr};
-                ok = vd::execute_ioctl(names, vd::OP_LATEST_COLLECT_ROWS, &request, &rows, nullptr,
-                                       nullptr);
-                break;
-            }
-            case Query::provider:
-                ok = vd::select_provider_data({d.one_provider}, rows, "", false);
-                break;
+    std::vector<vd::Row> rows;
+    bool ok = false;
+    switch (query) {
+        case Query::latest_rows:
+            ok = vd::get_latest_rows_provider_hosts_data(d.ten_providers, rows, {}, false);
+            break;
+        case Query::latest_run: {
+            vd::ReadParameters request{{d.one_provider}, {}, {}, nullptr};
+            ok = vd::execute_ioctl(names, vd::OP_LATEST_COLLECT_ROWS, &request, &rows, nullptr,
+                                   nullptr);
+            break;
         }
-        if (!ok || rows.empty()) state.SkipWithError("query failed");
-        count = rows.size();
-        benchmark::DoNotOptimize(rows.data());
+        case Query::provider:
+            ok = vd::select_provider_data({d.one_provider}, rows, "", false);
+            break;
     }
-    vd::DataStoreParseUtility::clear_db_vector();
-    state.counters["rows"] = static_cast<double>(count);
+    if (!ok || rows.empty()) std::abort();
+    benchmark::DoNotOptimize(rows.data());
+    return rows.size();
 }
 
-void BM_QueryRaw(benchmark::State& state, Query query, bool indexed) {
+void BM_Query(benchmark::State& state, Query query) {
+    const QueryData& d = query_data();
+    const std::vector<std::string> names{open_datastore("read_only=true|source=" + d.indexed)};
+    sqlite3* db = nullptr;
+    sqlite3_open_v2(d.indexed.c_str(), &db, SQLITE_OPEN_READONLY | SQLITE_OPEN_NOMUTEX, nullptr);
+    const std::string sql = sql_of(query);
+    size_t library_rows = 0, raw_rows_seen = 0;
+    run_pair(
+        state,
+        [&] {
+            const auto start = BenchClock::now();
+            library_rows = query_library(query, names);
+            return Seconds(BenchClock::now() - start).count();
+        },
+        [&] {
+            const auto start = BenchClock::now();
+            std::vector<vd::Row> rows;
+            raw_rows_seen = raw_rows(db, sql, rows);
+            benchmark::DoNotOptimize(rows.data());
+            return Seconds(BenchClock::now() - start).count();
+        },
+        1);
+    sqlite3_close(db);
+    vd::DataStoreParseUtility::clear_db_vector();
+    if (library_rows != raw_rows_seen) state.SkipWithError("library and raw rows differ");
+    state.counters["rows"] = static_cast<double>(library_rows);
+}
+
+// The same SQL with raw SQLite on the same rows without the extension's indexes.
+void BM_QueryWithoutIndexes(benchmark::State& state, Query query) {
     const QueryData& d = query_data();
     sqlite3* db = nullptr;
-    sqlite3_open_v2((indexed ? d.indexed : d.bare).c_str(), &db,
-                    SQLITE_OPEN_READONLY | SQLITE_OPEN_NOMUTEX, nullptr);
+    sqlite3_open_v2(d.bare.c_str(), &db, SQLITE_OPEN_READONLY | SQLITE_OPEN_NOMUTEX, nullptr);
     const std::string sql = sql_of(query);
     size_t count = 0;
     for (auto _ : state) {
@@ -538,9 +590,9 @@ void BM_ReadMemory(benchmark::State& state) {
 
 // ---- the ratio table ----
 
-// Prints the usual console output, then one line per library/raw pair with
-// the library's share of raw throughput (inserts) or its time relative to
-// raw (queries), from the median of the repetitions.
+// Prints the usual console output, then a table of the paired runs from the
+// median of the repetitions: the library's time, raw time, and the ratio
+// (share of raw throughput for inserts, time over raw time for queries).
 class RatioReporter : public benchmark::ConsoleReporter {
 public:
     void ReportRuns(const std::vector<Run>& runs) override {
@@ -549,76 +601,84 @@ public:
             const std::string name = run.run_name.function_name;
             if (run.run_type == Run::RT_Aggregate && run.aggregate_name != "median") continue;
             if (run.run_type == Run::RT_Iteration && median_.count(name)) continue;
-            times_[name] = run.GetAdjustedRealTime();
             if (run.run_type == Run::RT_Aggregate) median_[name] = true;
+            Result& result = results_[name];
+            result.time_ms = run.GetAdjustedRealTime();
+            for (const char* key : {"library_ms", "raw_ms", "library_over_raw_time"}) {
+                const auto found = run.counters.find(key);
+                if (found != run.counters.end()) result.counters[key] = found->second.value;
+            }
         }
     }
     void Finalize() override {
         ConsoleReporter::Finalize();
         std::printf("\n| benchmark | library | raw | ratio |\n|---|---|---|---|\n");
-        for (const auto& [name, time] : times_) {
-            const auto at = name.find("/library");
-            if (at == std::string::npos) continue;
-            std::string stem = name.substr(0, at);
-            const auto raw = times_.find(stem + "/raw");
-            if (raw == times_.end()) continue;
-            const bool insert = stem.find("insert") != std::string::npos;
-            // Inserts: share of raw throughput; queries: time over raw time.
-            const double ratio = insert ? raw->second / time : time / raw->second;
-            std::printf("| %s | %.1f ms | %.1f ms | %.3f %s |\n", stem.c_str(), time, raw->second,
-                        ratio, insert ? "of raw throughput" : "of raw time");
-            const auto bare = times_.find(stem + "/raw_without_indexes");
-            if (bare != times_.end())
+        for (const auto& [name, result] : results_) {
+            if (!result.counters.count("library_over_raw_time")) continue;
+            const double library = result.counters.at("library_ms");
+            const double raw = result.counters.at("raw_ms");
+            const double over = result.counters.at("library_over_raw_time");
+            const bool insert = name.find("insert") != std::string::npos;
+            std::printf("| %s | %.2f ms | %.2f ms | %.3f %s |\n", name.c_str(), library, raw,
+                        insert ? 1.0 / over : over, insert ? "of raw throughput" : "of raw time");
+            const auto bare = results_.find(name + "/raw_without_indexes");
+            if (bare != results_.end())
                 std::printf(
-                    "| %s without the extension's indexes | | %.1f ms | %.1fx faster "
-                    "with them |\n",
-                    stem.c_str(), bare->second, bare->second / time);
+                    "| %s, raw without the extension's indexes | | %.2f ms | "
+                    "%.1fx slower than the library |\n",
+                    name.c_str(), bare->second.time_ms, bare->second.time_ms / library);
         }
     }
 
 private:
-    std::map<std::string, double> times_;
+    struct Result {
+        double time_ms = 0;
+        std::map<std::string, double> counters;
+    };
+    std::map<std::string, Result> results_;
     std::map<std::string, bool> median_;
 };
 
 void register_all() {
     const char* reps_text = std::getenv("VESK_BENCH_REPS");
     const int reps = scale() > 1 ? 1 : (reps_text ? std::max(1, std::atoi(reps_text)) : 5);
-    auto add = [reps](const std::string& name, auto fn, int64_t iterations) {
+    // Paired runs time themselves; an iteration count of 0 lets a repetition
+    // run for at least half a second.
+    auto add = [reps](const std::string& name, auto fn, int64_t iterations, bool manual) {
         auto* b = benchmark::RegisterBenchmark(name.c_str(), fn);
-        b->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(iterations);
+        b->Unit(benchmark::kMillisecond);
+        if (manual)
+            b->UseManualTime();
+        else
+            b->UseRealTime();
+        if (iterations > 0)
+            b->Iterations(iterations);
+        else
+            b->MinTime(0.5);
         if (reps > 1) b->Repetitions(reps)->ReportAggregatesOnly(true);
     };
+    const bool smoke = scale() > 1;
     for (Where where : {Where::memory, Where::disk}) {
         for (size_t output : {size_t(200), size_t(4096)}) {
-            const std::string stem = std::string("bulk_insert/") +
+            const std::string name = std::string("bulk_insert/") +
                                      (where == Where::disk ? "disk/" : "memory/") +
                                      (output == 200 ? "200B" : "4KiB");
             add(
-                stem + "/library",
-                [=](benchmark::State& s) { BM_BulkInsertLibrary(s, where, output); }, 1);
-            add(
-                stem + "/raw", [=](benchmark::State& s) { BM_BulkInsertRaw(s, where, output); }, 1);
+                name, [=](benchmark::State& s) { BM_BulkInsert(s, where, output); }, 1, true);
         }
     }
-    add("row_insert/disk/library", BM_RowInsertLibrary, 1);
-    add("row_insert/disk/raw", BM_RowInsertRaw, 1);
+    add("row_insert/disk", BM_RowInsert, 1, true);
     const std::pair<Query, const char*> queries[] = {
         {Query::latest_rows, "query/latest_rows_10_providers"},
         {Query::latest_run, "query/latest_run_op519"},
         {Query::provider, "query/select_provider_data"}};
-    for (const auto& [query, stem] : queries) {
+    for (const auto& [query, name] : queries) {
         const Query q = query;
-        const int64_t iterations = scale() > 1 ? 1 : 10;
         add(
-            std::string(stem) + "/library", [q](benchmark::State& s) { BM_QueryLibrary(s, q); },
-            iterations);
+            name, [q](benchmark::State& s) { BM_Query(s, q); }, smoke ? 1 : 0, true);
         add(
-            std::string(stem) + "/raw", [q](benchmark::State& s) { BM_QueryRaw(s, q, true); },
-            iterations);
-        add(
-            std::string(stem) + "/raw_without_indexes",
-            [q](benchmark::State& s) { BM_QueryRaw(s, q, false); }, scale() > 1 ? 1 : 3);
+            std::string(name) + "/raw_without_indexes",
+            [q](benchmark::State& s) { BM_QueryWithoutIndexes(s, q); }, smoke ? 1 : 3, false);
     }
     auto* memory = benchmark::RegisterBenchmark("read_memory/1000x64KiB/library", BM_ReadMemory);
     memory->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(1);

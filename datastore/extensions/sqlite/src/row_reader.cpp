@@ -1,9 +1,9 @@
 // Column-to-field mapping of result rows.
 #include "row_reader.h"
 
+#include <algorithm>
+#include <cctype>
 #include <strings.h>
-
-#include "vesk/str.h"
 
 namespace vesk::datastore::sqlite_ext {
 namespace {
@@ -21,16 +21,22 @@ void read_text(sqlite3_stmt* stmt, int column, std::string& out) {
         out.assign(reinterpret_cast<const char*>(text), static_cast<size_t>(size));
 }
 
-// The stored node list is joined by ", "; split at "," and strip blanks.
+// The stored node list is joined by ", "; split at "," and strip blanks,
+// straight from SQLite's buffer.
 void read_node_names(sqlite3_stmt* stmt, int column, std::vector<std::string>& out) {
     out.clear();
-    const unsigned char* text = sqlite3_column_text(stmt, column);
+    const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(stmt, column));
     if (text == nullptr) return;
-    const std::string joined(reinterpret_cast<const char*>(text),
-                             static_cast<size_t>(sqlite3_column_bytes(stmt, column)));
-    for (auto& piece : vesk::str::split(joined, ',', true)) {
-        std::string name = vesk::str::stripws(std::move(piece));
-        if (!name.empty()) out.push_back(std::move(name));
+    const char* const end = text + sqlite3_column_bytes(stmt, column);
+    auto blank = [](char c) { return std::isspace(static_cast<unsigned char>(c)) != 0; };
+    for (const char* piece = text; piece <= end;) {
+        const char* stop = std::find(piece, end, ',');
+        const char* first = piece;
+        const char* last = stop;
+        while (first < last && blank(*first)) ++first;
+        while (last > first && blank(last[-1])) --last;
+        if (first < last) out.emplace_back(first, static_cast<size_t>(last - first));
+        piece = stop + 1;
     }
 }
 
