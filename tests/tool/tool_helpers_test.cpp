@@ -154,15 +154,15 @@ TEST(JsonLines, RejectsWithReason) {
         R"({"Provider": ")" + std::string(65, 'x') + R"(", "Hostname": "h"})", 0, r, error));
 }
 
-ProviderSpec shell(const std::string& name, const std::string& command, double timeout = 10) {
-    return ProviderSpec{name, {"/bin/sh", "-c", command}, "", timeout};
+ProviderCommand shell(const std::string& name, const std::string& command, double timeout = 10) {
+    return ProviderCommand{name, {"/bin/sh", "-c", command}, "", timeout};
 }
 
 TEST(Runner, OutcomesOfEveryKind) {
     const auto results =
         run_providers({shell("out", "printf 'a\\nb'; printf e >&2"), shell("code", "exit 7"),
                        shell("signal", "kill -TERM $$"),
-                       ProviderSpec{"missing", {"/no/such/cmd"}, "", 10}, shell("stdin", "cat")},
+                       ProviderCommand{"missing", {"/no/such/cmd"}, "", 10}, shell("stdin", "cat")},
                       4, 1 << 20, nullptr);
     ASSERT_EQ(results.size(), 5u);
     EXPECT_EQ(results[0].std_out, "a\nb");

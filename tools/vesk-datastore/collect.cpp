@@ -29,17 +29,17 @@ bool valid_provider_name(const std::string& name) {
 
 namespace {
 
-ProviderSpec shell_provider(std::string name, std::string command, double timeout = 10) {
-    ProviderSpec spec;
-    spec.name = std::move(name);
-    spec.argv = {"/bin/sh", "-c", std::move(command)};
-    spec.timeout = timeout;
-    return spec;
+ProviderCommand shell_provider(std::string name, std::string command, double timeout = 10) {
+    ProviderCommand provider;
+    provider.name = std::move(name);
+    provider.argv = {"/bin/sh", "-c", std::move(command)};
+    provider.timeout = timeout;
+    return provider;
 }
 
 }  // namespace
 
-std::vector<ProviderSpec> default_providers() {
+std::vector<ProviderCommand> default_providers() {
     return {
         shell_provider("uname", "uname -a"),
         shell_provider("kernel", "cat /proc/version"),
@@ -52,12 +52,12 @@ std::vector<ProviderSpec> default_providers() {
     };
 }
 
-std::vector<ProviderSpec> read_provider_file(const std::string& path) {
+std::vector<ProviderCommand> read_provider_file(const std::string& path) {
     std::ifstream in(path);
     if (!in)
         throw ToolError(kExitError,
                         "cannot read provider file " + path + ": " + std::strerror(errno));
-    std::vector<ProviderSpec> providers;
+    std::vector<ProviderCommand> providers;
     size_t number = 0;
     for (std::string line; std::getline(in, line);) {
         ++number;
@@ -71,33 +71,32 @@ std::vector<ProviderSpec> read_provider_file(const std::string& path) {
         if (split == std::string::npos) throw bad("expected \"NAME [key=value ...] : COMMAND\"");
         const std::string command = vesk::str::stripws(text.substr(split + 1));
         std::istringstream head(text.substr(0, split));
-        ProviderSpec spec;
         std::string name;
         head >> name;
         if (!valid_provider_name(name)) throw bad("invalid provider name \"" + name + "\"");
         if (command.empty()) throw bad("provider " + name + " has no command");
-        spec = shell_provider(name, command);
+        ProviderCommand provider = shell_provider(name, command);
         for (std::string item; head >> item;) {
             const size_t eq = item.find('=');
             const std::string key = item.substr(0, eq);
             const std::string value = eq == std::string::npos ? "" : item.substr(eq + 1);
             if (key == "timeout") {
                 char* end = nullptr;
-                spec.timeout = std::strtod(value.c_str(), &end);
-                if (value.empty() || *end != '\0' || !(spec.timeout > 0))
+                provider.timeout = std::strtod(value.c_str(), &end);
+                if (value.empty() || *end != '\0' || !(provider.timeout > 0))
                     throw bad("invalid timeout \"" + value + "\"");
             } else if (key == "option") {
                 if (value.empty() || value.size() > 64 || value.find('\'') != std::string::npos)
                     throw bad("invalid option id \"" + value + "\"");
-                spec.option_id = value;
+                provider.option_id = value;
             } else {
                 throw bad("unknown setting \"" + item + "\"");
             }
         }
         for (const auto& other : providers)
-            if (other.name == name && other.option_id == spec.option_id)
+            if (other.name == name && other.option_id == provider.option_id)
                 throw bad("provider " + name + " is listed twice");
-        providers.push_back(std::move(spec));
+        providers.push_back(std::move(provider));
     }
     return providers;
 }
@@ -123,9 +122,9 @@ void close_fd(int& fd) {
     fd = -1;
 }
 
-// Starts `spec` with its outputs on two pipes. A command that cannot be
+// Starts `provider` with its outputs on two pipes. A command that cannot be
 // executed reports why on its standard error and exits with 127.
-Job start(const ProviderSpec& spec, size_t index) {
+Job start(const ProviderCommand& provider, size_t index) {
     int out_pipe[2];
     int err_pipe[2];
     if (::pipe2(out_pipe, O_CLOEXEC) != 0)
@@ -136,14 +135,14 @@ Job start(const ProviderSpec& spec, size_t index) {
         throw ToolError(kExitError, std::string("cannot create a pipe: ") + std::strerror(errno));
     }
     std::vector<char*> argv;
-    for (const auto& arg : spec.argv) argv.push_back(const_cast<char*>(arg.c_str()));
+    for (const auto& arg : provider.argv) argv.push_back(const_cast<char*>(arg.c_str()));
     argv.push_back(nullptr);
 
     Job job;
     job.index = index;
     job.started = Clock::now();
     job.deadline = job.started + std::chrono::duration_cast<Clock::duration>(
-                                     std::chrono::duration<double>(spec.timeout));
+                                     std::chrono::duration<double>(provider.timeout));
     const pid_t pid = ::fork();
     if (pid < 0) {
         for (int fd : {out_pipe[0], out_pipe[1], err_pipe[0], err_pipe[1]}) ::close(fd);
@@ -205,7 +204,7 @@ int64_t now_seconds() {
 
 }  // namespace
 
-std::vector<ProviderResult> run_providers(const std::vector<ProviderSpec>& providers, size_t jobs,
+std::vector<ProviderResult> run_providers(const std::vector<ProviderCommand>& providers, size_t jobs,
                                           size_t max_output, const ProgressFn& progress) {
     std::vector<ProviderResult> results(providers.size());
     std::vector<Job> running;

@@ -16,7 +16,7 @@
 
 namespace vesk::tool {
 
-struct ProviderSpec {
+struct ProviderCommand {
     std::string name;
     std::vector<std::string> argv;  // run as it stands (execvp)
     std::string option_id;
@@ -44,10 +44,10 @@ bool valid_provider_name(const std::string& name);
 
 // The built-in set that describes this host: uname, kernel, os, cpu,
 // memory, disks, network, uptime.
-std::vector<ProviderSpec> default_providers();
+std::vector<ProviderCommand> default_providers();
 
 // Reads a provider file. Throws ToolError (exit 2) naming the file and line.
-std::vector<ProviderSpec> read_provider_file(const std::string& path);
+std::vector<ProviderCommand> read_provider_file(const std::string& path);
 
 // Called when a provider starts or ends: providers done, total, names running.
 using ProgressFn = std::function<void(size_t done, size_t total, const std::vector<std::string>&)>;
@@ -56,7 +56,7 @@ using ProgressFn = std::function<void(size_t done, size_t total, const std::vect
 // group with standard input from /dev/null, and kills a provider (and its
 // group) at its timeout. Results follow the order of `providers`. Outputs
 // beyond `max_output` bytes per stream are cut.
-std::vector<ProviderResult> run_providers(const std::vector<ProviderSpec>& providers, size_t jobs,
+std::vector<ProviderResult> run_providers(const std::vector<ProviderCommand>& providers, size_t jobs,
                                           size_t max_output, const ProgressFn& progress);
 
 }  // namespace vesk::tool

@@ -145,25 +145,25 @@ int cmd_sql(const std::string& sql_file, const std::string& database_file) {
 
 int cmd_collect(const GlobalOptions& global, const CollectOptions& options) {
     // Choose the providers before touching the datastore.
-    std::vector<ProviderSpec> providers;
+    std::vector<ProviderCommand> providers;
     if (!options.command.empty()) {
         if (options.providers.size() != 1)
             throw ToolError(kExitError, "a command after \"--\" needs exactly one --provider NAME");
         if (!valid_provider_name(options.providers[0]))
             throw ToolError(kExitError, "invalid provider name \"" + options.providers[0] + "\"");
-        ProviderSpec spec;
-        spec.name = options.providers[0];
-        spec.argv = options.command;
-        spec.option_id = options.option_id;
-        providers.push_back(spec);
+        ProviderCommand provider;
+        provider.name = options.providers[0];
+        provider.argv = options.command;
+        provider.option_id = options.option_id;
+        providers.push_back(provider);
     } else {
         const auto all = options.provider_file.empty() ? default_providers()
                                                        : read_provider_file(options.provider_file);
         for (const auto& name : options.providers) {
             bool found = false;
-            for (const auto& spec : all)
-                if (spec.name == name) {
-                    providers.push_back(spec);
+            for (const auto& provider : all)
+                if (provider.name == name) {
+                    providers.push_back(provider);
                     found = true;
                 }
             if (!found)
@@ -178,7 +178,7 @@ int cmd_collect(const GlobalOptions& global, const CollectOptions& options) {
     if (!options.option_id.empty()) check_name("option id", options.option_id, 64);
     if (providers.empty()) throw ToolError(kExitError, "no provider to run");
     if (options.timeout > 0)
-        for (auto& spec : providers) spec.timeout = options.timeout;
+        for (auto& provider : providers) provider.timeout = options.timeout;
 
     auto store = open_store(global);
     // One time stamp for the whole run, later than every run stored.
