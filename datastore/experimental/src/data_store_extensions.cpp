@@ -50,42 +50,68 @@ void log_pulling_failed(const char* function, unsigned line, const std::string& 
         << '"';
 }
 
-// How one data query names itself in its messages.
-struct QueryWording {
+// How one operation names itself in its messages.
+struct Wording {
     const char* function;
     const char* unsupported;  // each text ends in the quote opening the instance name
     const char* failed;
 };
 
-// Walks the "data" datastores in order and stops at the first one that
-// answers success with rows; failures are logged and the walk goes on.
-bool query_data_stores(const QueryWording& wording, uint16_t op, const ReadParameters& request,
-                       std::vector<Row>& rows) {
+// Logs the answer `status` of a datastore that did not succeed: a refusal
+// (512) as `unsupported`, anything else as `failed`, with the error code
+// when it is not the plain failure 1.
+void log_refusal(const Wording& wording, const std::string& instance, int32_t status) {
+    vesk::log::ErrorLog log(kSource, wording.function, __LINE__, kLevel);
+    if (status == DataStoreExtension::UNSUPPORTED_OPERATION) {
+        log.stream() << wording.unsupported << instance << '"';
+        return;
+    }
+    log.stream() << wording.failed << instance << '"';
+    if (status != DataStoreExtension::OPERATION_UNSUCCESSFULL)
+        log.stream() << " with error code " << status;
+}
+
+// What a walk over the "data" datastores does after one datastore's answer.
+enum class Step { Next, Succeed, Fail };
+
+// Walks the "data" datastores in order: `ask(controller, entry)` sends the
+// operation to one of them and says whether the walk goes on. A datastore
+// that throws is logged and counts as `on_throw`. Returns `exhausted` when
+// every datastore said Next, and false without a live controller.
+template <typename Ask>
+bool walk_data_stores(const Wording& wording, unsigned throw_line, Step on_throw, bool exhausted,
+                      Ask&& ask) {
     auto controller = live_controller();
     if (!controller) return false;
 
     for (const auto& entry : DataStoreParseUtility::get_datastore_vector()) {
         if (!serves_data(entry)) continue;
-        const std::string& instance = entry.first.instance_name;
+        Step step = on_throw;
         try {
-            const int32_t status = controller->control(entry.second, op, &request, &rows, nullptr);
-            if (status == DataStoreExtension::OPERATION_SUCCESSFULL) {
-                if (!rows.empty()) return true;
-                continue;  // an empty answer is not a success
-            }
-            vesk::log::ErrorLog log(kSource, wording.function, __LINE__, kLevel);
-            if (status == DataStoreExtension::UNSUPPORTED_OPERATION) {
-                log.stream() << wording.unsupported << instance << '"';
-            } else {
-                log.stream() << wording.failed << instance << '"';
-                if (status != DataStoreExtension::OPERATION_UNSUCCESSFULL)
-                    log.stream() << " with error code " << status;
-            }
+            step = ask(*controller, entry);
         } catch (...) {
-            log_pulling_failed(wording.function, __LINE__, instance);
+            log_pulling_failed(wording.function, throw_line, entry.first.instance_name);
         }
+        if (step != Step::Next) return step == Step::Succeed;
     }
-    return false;
+    return exhausted;
+}
+
+// Sends one data query to the "data" datastores in order and stops at the
+// first that answers success with rows; failures are logged and the walk
+// goes on.
+bool query_data_stores(const Wording& wording, uint16_t op, const ReadParameters& request,
+                       std::vector<Row>& rows) {
+    return walk_data_stores(wording, __LINE__, Step::Next, false,
+                            [&](DataStoreController& controller, const DataStoreHandle& entry) {
+                                const int32_t status =
+                                    controller.control(entry.second, op, &request, &rows, nullptr);
+                                // An empty answer is not a success.
+                                if (status == DataStoreExtension::OPERATION_SUCCESSFULL)
+                                    return rows.empty() ? Step::Next : Step::Succeed;
+                                log_refusal(wording, entry.first.instance_name, status);
+                                return Step::Next;
+                            });
 }
 
 }  // namespace
@@ -140,9 +166,9 @@ bool select_data(std::string table, std::vector<Row>& rows,
     SQLParameters sql{table, "", where};
     ReadParameters request;
     request.sql = &sql;
-    static const QueryWording wording{"select_data",
-                                      "Generic querying of data not supported for \"",
-                                      "Generic querying of data failed for \""};
+    static const Wording wording{"select_data",
+                                 "Generic querying of data not supported for \"",
+                                 "Generic querying of data failed for \""};
     return query_data_stores(wording, OP_SELECT_PROVIDER, request, rows);
 }
 
@@ -156,9 +182,9 @@ bool select_provider_data(std::vector<std::string> providers, std::vector<Row>& 
     ReadParameters request;
     request.first = providers;
     request.sql = &sql;
-    static const QueryWording wording{"select_provider_data",
-                                      "Querying of provider data not supported for \"",
-                                      "Querying of provider data failed for \""};
+    static const Wording wording{"select_provider_data",
+                                 "Querying of provider data not supported for \"",
+                                 "Querying of provider data failed for \""};
     return query_data_stores(wording, OP_SELECT_PROVIDER, request, rows);
 }
 
@@ -173,9 +199,9 @@ bool get_latest_rows_provider_hosts_data(const std::vector<std::string>& provide
     request.first = providers;
     request.second = hosts;
     // "unsupported for", unlike the other queries' "not supported for".
-    static const QueryWording wording{"get_latest_rows_provider_hosts_data",
-                                      "Querying of latest timestamp unsupported for \"",
-                                      "Querying of latest timestamp failed for \""};
+    static const Wording wording{"get_latest_rows_provider_hosts_data",
+                                 "Querying of latest timestamp unsupported for \"",
+                                 "Querying of latest timestamp failed for \""};
     return query_data_stores(wording, OP_LATEST_ROWS_PROVIDER, request, rows);
 }
 
@@ -192,9 +218,9 @@ bool get_hosts_data(std::vector<Row>& rows, const std::map<std::string, int>& wh
     ReadParameters request;
     request.first = {"uname"};
     request.sql = &sql;
-    static const QueryWording wording{"get_hosts_data",
-                                      "Host(s) data querying not supported for \"",
-                                      "Host(s) data querying failed for \""};
+    static const Wording wording{"get_hosts_data",
+                                 "Host(s) data querying not supported for \"",
+                                 "Host(s) data querying failed for \""};
     return query_data_stores(wording, OP_SELECT_HOSTS, request, rows);
 }
 
@@ -203,9 +229,6 @@ bool get_snapshot_provider_data(const std::string& baseline_id,
                                 std::map<std::string, std::vector<Row_baseline>>& baselines_by_provider,
                                 const std::vector<std::string>& providers,
                                 const std::vector<std::string>& hosts, bool /*flag*/) {
-    auto controller = live_controller();
-    if (!controller) return false;
-
     ReadParameters request;
     request.first = {baseline_id};
     request.second = providers;
@@ -214,26 +237,18 @@ bool get_snapshot_provider_data(const std::string& baseline_id,
 
     // A snapshot lives in one datastore: the first that answers success
     // (even with no rows for these providers) ends the walk.
-    for (const auto& entry : DataStoreParseUtility::get_datastore_vector()) {
-        if (!serves_data(entry)) continue;
-        const std::string& instance = entry.first.instance_name;
-        try {
-            const int32_t status =
-                controller->control(entry.second, OP_SNAPSHOT_PROVIDER, &request, maps, nullptr);
-            if (status == DataStoreExtension::OPERATION_SUCCESSFULL) return true;
-            vesk::log::ErrorLog log(kSource, "get_snapshot_provider_data", __LINE__, kLevel);
-            if (status == DataStoreExtension::UNSUPPORTED_OPERATION) {
-                log.stream() << "Querying of snapshot data not supported for \"" << instance << '"';
-            } else {
-                log.stream() << "Querying of snapshot data failed for \"" << instance << '"';
-                if (status != DataStoreExtension::OPERATION_UNSUCCESSFULL)
-                    log.stream() << " with error code " << status;
-            }
-        } catch (...) {
-            log_pulling_failed("get_snapshot_provider_data", __LINE__, instance);
-        }
-    }
-    return false;
+    static const Wording wording{"get_snapshot_provider_data",
+                                 "Querying of snapshot data not supported for \"",
+                                 "Querying of snapshot data failed for \""};
+    return walk_data_stores(wording, __LINE__, Step::Next, false,
+                            [&](DataStoreController& controller, const DataStoreHandle& entry) {
+                                const int32_t status = controller.control(
+                                    entry.second, OP_SNAPSHOT_PROVIDER, &request, maps, nullptr);
+                                if (status == DataStoreExtension::OPERATION_SUCCESSFULL)
+                                    return Step::Succeed;
+                                log_refusal(wording, entry.first.instance_name, status);
+                                return Step::Next;
+                            });
 }
 
 // ---- Snapshot state ----
@@ -284,62 +299,43 @@ bool DataStoreParseUtility::update_snapshot_info(SnapshotInfoSet infos) {
 // ---- Snapshot operations ----
 
 bool DataStoreParseUtility::query_available_baselines() {
-    auto controller = live_controller();
-    if (!controller) return false;
-
     // Unlike the data queries, the first datastore that refuses or fails
     // ends the whole operation.
-    for (const auto& entry : get_datastore_vector()) {
-        if (!serves_data(entry)) continue;
-        const std::string& instance = entry.first.instance_name;
-        try {
+    static const Wording wording{"query_available_baselines",
+                                 "Querying available snapshots not supported for \"",
+                                 "Querying available snapshots failed for \""};
+    return walk_data_stores(
+        wording, kQueryBaselinesLine, Step::Fail, false,
+        [](DataStoreController& controller, const DataStoreHandle& entry) {
             SnapshotInfoSet found;
             const int32_t status =
-                controller->control(entry.second, OP_QUERY_BASELINE_IDS, nullptr, &found, nullptr);
+                controller.control(entry.second, OP_QUERY_BASELINE_IDS, nullptr, &found, nullptr);
             if (status == DataStoreExtension::OPERATION_SUCCESSFULL) {
-                if (found.empty()) continue;
-                return update_snapshot_info(found);
+                if (found.empty()) return Step::Next;
+                return update_snapshot_info(found) ? Step::Succeed : Step::Fail;
             }
-            vesk::log::ErrorLog log(kSource, "query_available_baselines", __LINE__, kLevel);
-            // A failure is worded as "not supported" too.
-            if (status == DataStoreExtension::OPERATION_UNSUCCESSFULL ||
-                status == DataStoreExtension::UNSUPPORTED_OPERATION)
-                log.stream() << "Querying available snapshots not supported for \"" << instance
-                             << '"';
-            else
-                log.stream() << "Querying available snapshots failed for \"" << instance << '"'
-                             << " with error code " << status;
-            return false;
-        } catch (...) {
-            log_pulling_failed("query_available_baselines", kQueryBaselinesLine, instance);
-            return false;
-        }
-    }
-    return false;
+            // A plain failure is worded as "not supported" too.
+            log_refusal(wording, entry.first.instance_name,
+                        status == DataStoreExtension::OPERATION_UNSUCCESSFULL
+                            ? DataStoreExtension::UNSUPPORTED_OPERATION
+                            : status);
+            return Step::Fail;
+        });
 }
 
 namespace {
 
-// The line of a snapshot update that a datastore refused or failed.
-void log_snapshot_update_failure(const char* function, const std::string& instance,
-                                 int32_t status) {
-    vesk::log::ErrorLog log(kSource, function, __LINE__, kLevel);
-    if (status == DataStoreExtension::UNSUPPORTED_OPERATION) {
-        log.stream() << "Snapshot updates not supported for \"" << instance << '"';
-    } else {
-        log.stream() << "Snapshot updates failed for \"" << instance << '"';
-        if (status != DataStoreExtension::OPERATION_UNSUCCESSFULL)
-            log.stream() << " with error code " << status;
-    }
-}
+// Recording the latest run and committing it both report as snapshot updates.
+const Wording kMarkLatestWording{"mark_latest_snapshot_data",
+                                 "Snapshot updates not supported for \"",
+                                 "Snapshot updates failed for \""};
+const Wording kCommitWording{"commit_snapshot_updates", kMarkLatestWording.unsupported,
+                             kMarkLatestWording.failed};
 
 }  // namespace
 
 bool DataStoreParseUtility::mark_latest_snapshot_data(std::map<std::string, ProviderInfo>& providers,
                                                       std::vector<Row>& rows) {
-    auto controller = live_controller();
-    if (!controller) return false;
-
     // The request names the providers to record (the keys of `providers`).
     // An empty map sends an empty list; what that means is the extension's
     // call: the SQL base refuses it, so nothing is recorded and the result
@@ -347,26 +343,22 @@ bool DataStoreParseUtility::mark_latest_snapshot_data(std::map<std::string, Prov
     ReadParameters request;
     for (const auto& provider : providers) request.first.push_back(provider.first);
 
-    // The first failure ends the walk, an empty answer does not.
-    for (const auto& entry : get_datastore_vector()) {
-        if (!serves_data(entry)) continue;
-        const std::string& instance = entry.first.instance_name;
-        try {
-            const int32_t status = controller->control(entry.second, OP_LATEST_COLLECT_ROWS,
-                                                       &request, &rows, nullptr);
+    // The first failure ends the walk, an empty answer does not; no "data"
+    // datastore at all is not a failure.
+    return walk_data_stores(
+        kMarkLatestWording, __LINE__, Step::Fail, true,
+        [&](DataStoreController& controller, const DataStoreHandle& entry) {
+            const std::string& instance = entry.first.instance_name;
+            const int32_t status =
+                controller.control(entry.second, OP_LATEST_COLLECT_ROWS, &request, &rows, nullptr);
             if (status != DataStoreExtension::OPERATION_SUCCESSFULL) {
-                log_snapshot_update_failure("mark_latest_snapshot_data", instance, status);
-                return false;
+                log_refusal(kMarkLatestWording, instance, status);
+                return Step::Fail;
             }
-            if (rows.empty()) continue;
+            if (rows.empty()) return Step::Next;
             update_snapshot_dictionary(get_baseline_str(), instance, rows, providers);
-            return commit_snapshot_updates();
-        } catch (...) {
-            log_pulling_failed("mark_latest_snapshot_data", __LINE__, instance);
-            return false;
-        }
-    }
-    return true;
+            return commit_snapshot_updates() ? Step::Succeed : Step::Fail;
+        });
 }
 
 void DataStoreParseUtility::update_snapshot_dictionary(std::string snapshot, std::string instance,
@@ -383,57 +375,38 @@ void DataStoreParseUtility::update_snapshot_dictionary(std::string snapshot, std
 }
 
 bool DataStoreParseUtility::commit_snapshot_updates() {
-    auto controller = live_controller();
-    if (!controller) return false;
-
-    for (const auto& entry : get_datastore_vector()) {
-        if (!serves_data(entry)) continue;
-        // Only the first "data" datastore is asked, whatever it answers.
-        const std::string& instance = entry.first.instance_name;
-        try {
+    // Only the first "data" datastore is asked, whatever it answers; with
+    // none there is nothing to record.
+    return walk_data_stores(
+        kCommitWording, __LINE__, Step::Fail, true,
+        [](DataStoreController& controller, const DataStoreHandle& entry) {
+            const std::string& instance = entry.first.instance_name;
             const std::map<std::string, ProviderInfoSet>* snapshots = &snapshot_dict[instance];
             // The map travels in the output slot, with no input.
             const int32_t status =
-                controller->control(entry.second, OP_UPDATE_SNAPSHOT, nullptr, &snapshots, nullptr);
-            if (status == DataStoreExtension::OPERATION_SUCCESSFULL) return true;
-            log_snapshot_update_failure("commit_snapshot_updates", instance, status);
-        } catch (...) {
-            log_pulling_failed("commit_snapshot_updates", __LINE__, instance);
-        }
-        return false;
-    }
-    return true;  // no "data" datastore: nothing to record
+                controller.control(entry.second, OP_UPDATE_SNAPSHOT, nullptr, &snapshots, nullptr);
+            if (status == DataStoreExtension::OPERATION_SUCCESSFULL) return Step::Succeed;
+            log_refusal(kCommitWording, instance, status);
+            return Step::Fail;
+        });
 }
 
 bool DataStoreParseUtility::remove_snapshot() {
-    auto controller = live_controller();
-    if (!controller) return false;
-
-    const DataStoreHandles datastores = get_datastore_vector();
+    // Only the first "data" datastore is asked, whatever it answers; with
+    // none there is nothing to remove.
+    static const Wording wording{"remove_snapshot", "Snapshot removal not supported for \"",
+                                 "Snapshot removal failed for \""};
     std::string baseline_id = snapshot_remove_str;
-    for (const auto& entry : datastores) {
-        if (!serves_data(entry)) continue;
-        // Only the first "data" datastore is asked, whatever it answers.
-        const std::string& instance = entry.first.instance_name;
-        try {
+    return walk_data_stores(
+        wording, kRemoveSnapshotLine, Step::Fail, true,
+        [&](DataStoreController& controller, const DataStoreHandle& entry) {
             // The id travels in the output slot, with no input.
-            const int32_t status =
-                controller->control(entry.second, OP_REMOVE_SNAPSHOT, nullptr, &baseline_id, nullptr);
-            if (status == DataStoreExtension::OPERATION_SUCCESSFULL) return true;
-            vesk::log::ErrorLog log(kSource, "remove_snapshot", __LINE__, kLevel);
-            if (status == DataStoreExtension::UNSUPPORTED_OPERATION) {
-                log.stream() << "Snapshot removal not supported for \"" << instance << '"';
-            } else {
-                log.stream() << "Snapshot removal failed for \"" << instance << '"';
-                if (status != DataStoreExtension::OPERATION_UNSUCCESSFULL)
-                    log.stream() << " with error code " << status;
-            }
-        } catch (...) {
-            log_pulling_failed("remove_snapshot", kRemoveSnapshotLine, instance);
-        }
-        return false;
-    }
-    return true;  // no "data" datastore: nothing to remove
+            const int32_t status = controller.control(entry.second, OP_REMOVE_SNAPSHOT, nullptr,
+                                                      &baseline_id, nullptr);
+            if (status == DataStoreExtension::OPERATION_SUCCESSFULL) return Step::Succeed;
+            log_refusal(wording, entry.first.instance_name, status);
+            return Step::Fail;
+        });
 }
 
 }  // namespace vesk::datastore
