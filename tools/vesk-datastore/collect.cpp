@@ -204,8 +204,9 @@ int64_t now_seconds() {
 
 }  // namespace
 
-std::vector<ProviderResult> run_providers(const std::vector<ProviderCommand>& providers, size_t jobs,
-                                          size_t max_output, const ProgressFn& progress) {
+std::vector<ProviderResult> run_providers(const std::vector<ProviderCommand>& providers,
+                                          size_t jobs, size_t max_output,
+                                          const ProgressFn& progress) {
     std::vector<ProviderResult> results(providers.size());
     std::vector<Job> running;
     size_t next = 0;

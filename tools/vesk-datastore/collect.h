@@ -56,7 +56,8 @@ using ProgressFn = std::function<void(size_t done, size_t total, const std::vect
 // group with standard input from /dev/null, and kills a provider (and its
 // group) at its timeout. Results follow the order of `providers`. Outputs
 // beyond `max_output` bytes per stream are cut.
-std::vector<ProviderResult> run_providers(const std::vector<ProviderCommand>& providers, size_t jobs,
-                                          size_t max_output, const ProgressFn& progress);
+std::vector<ProviderResult> run_providers(const std::vector<ProviderCommand>& providers,
+                                          size_t jobs, size_t max_output,
+                                          const ProgressFn& progress);
 
 }  // namespace vesk::tool

@@ -69,18 +69,8 @@ int print_configs(const GlobalOptions& global, const std::string& path,
                         {"library_found", ::access(library.c_str(), R_OK) == 0},
                         {"source_parameters", c.source_parameters}});
     }
-    switch (global.format) {
-        case Format::json:
-            print_json(std::cout, Json{{"file", path}, {"datastores", list}});
-            break;
-        case Format::csv:
-            print_csv(std::cout, table);
-            break;
-        case Format::table:
-            std::cout << "configuration: " << path << "\n";
-            print_table(std::cout, table, stdout_style());
-            break;
-    }
+    print_result(global.format, Json{{"file", path}, {"datastores", list}}, table,
+                 "configuration: " + path + "\n");
     return kExitOk;
 }
 
@@ -248,19 +238,11 @@ int cmd_collect(const GlobalOptions& global, const CollectOptions& options) {
                         {"stdout_bytes", r.std_out.size()},
                         {"timed_out", r.timed_out}});
     }
-    switch (global.format) {
-        case Format::json:
-            print_json(std::cout, Json{{"host", host}, {"unique_timestamp", run}, {"rows", list}});
-            break;
-        case Format::csv:
-            print_csv(std::cout, table);
-            break;
-        case Format::table:
-            std::cout << "run " << run << " (" << format_run(run) << ") on " << host << ": "
-                      << results.size() << (results.size() == 1 ? " row" : " rows") << " stored\n";
-            print_table(std::cout, table, stdout_style(), "exit");
-            break;
-    }
+    const std::string heading = "run " + std::to_string(run) + " (" + format_run(run) + ") on " +
+                                host + ": " + std::to_string(results.size()) +
+                                (results.size() == 1 ? " row" : " rows") + " stored\n";
+    print_result(global.format, Json{{"host", host}, {"unique_timestamp", run}, {"rows", list}},
+                 table, heading, "exit");
     return kExitOk;
 }
 
@@ -361,14 +343,7 @@ int cmd_rows(const GlobalOptions& global, const RowsOptions& options) {
     if (options.latest) {
         vesk::datastore::get_latest_rows_provider_hosts_data(providers, rows, options.hosts, false);
     } else {
-        std::string filter;
-        if (!options.hosts.empty()) {
-            filter = "Hostname IN (";
-            for (size_t i = 0; i < options.hosts.size(); ++i)
-                filter += (i ? ",'" : "'") + options.hosts[i] + "'";
-            filter += ")";
-        }
-        vesk::datastore::select_provider_data(providers, rows, filter, false);
+        vesk::datastore::select_provider_data(providers, rows, hosts_filter(options.hosts), false);
     }
     if (rows.empty()) {
         diag() << "vesk-datastore: no rows found\n";
@@ -413,17 +388,7 @@ int print_summary(const GlobalOptions& global, bool by_provider) {
                         {"rows", g.rows},
                         {"latest_run", g.latest_run}});
     }
-    switch (global.format) {
-        case Format::json:
-            print_json(std::cout, list);
-            break;
-        case Format::csv:
-            print_csv(std::cout, table);
-            break;
-        case Format::table:
-            print_table(std::cout, table, stdout_style());
-            break;
-    }
+    print_result(global.format, list, table);
     return kExitOk;
 }
 

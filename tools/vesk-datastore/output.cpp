@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
+#include <iostream>
 #include <ostream>
 #include <unistd.h>
 
@@ -66,6 +67,22 @@ void print_csv(std::ostream& out, const Table& table) {
 
 void print_json(std::ostream& out, const Json& value) {
     out << value.dump(2, ' ', false, Json::error_handler_t::replace) << "\n";
+}
+
+void print_result(Format format, const Json& json, const Table& table, const std::string& heading,
+                  const std::string& red_when_nonzero) {
+    switch (format) {
+        case Format::json:
+            print_json(std::cout, json);
+            break;
+        case Format::csv:
+            print_csv(std::cout, table);
+            break;
+        case Format::table:
+            std::cout << heading;
+            print_table(std::cout, table, stdout_style(), red_when_nonzero);
+            break;
+    }
 }
 
 std::string format_time(int64_t seconds) {

@@ -45,6 +45,10 @@ void print_table(std::ostream& out, const Table& table, const Style& style,
 void print_csv(std::ostream& out, const Table& table);
 // One JSON document followed by a line break (invalid UTF-8 replaced).
 void print_json(std::ostream& out, const Json& value);
+// A command's result on standard output: `json`, or `table` as CSV, or
+// `heading` and then `table` for people (see print_table).
+void print_result(Format format, const Json& json, const Table& table,
+                  const std::string& heading = "", const std::string& red_when_nonzero = "");
 
 // "YYYY-MM-DD HH:MM:SS" in local time, for seconds since the epoch.
 std::string format_time(int64_t seconds);

@@ -52,6 +52,13 @@ void check_name(const std::string& what, const std::string& value, size_t max) {
                                             "control character)");
 }
 
+std::string hosts_filter(const std::vector<std::string>& hosts) {
+    if (hosts.empty()) return "";
+    std::string filter = "Hostname IN (";
+    for (size_t i = 0; i < hosts.size(); ++i) filter += (i ? ",'" : "'") + hosts[i] + "'";
+    return filter + ")";
+}
+
 Progress::Progress() : tty_(::isatty(STDERR_FILENO) == 1) {}
 
 Progress::~Progress() { clear(); }

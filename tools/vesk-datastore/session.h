@@ -25,6 +25,10 @@ std::unique_ptr<Store> open_store(const GlobalOptions& global);
 // bytes. The datastore places such names into SQL text as they stand.
 void check_name(const std::string& what, const std::string& value, size_t max);
 
+// An SQL condition that keeps the rows of `hosts` (names that passed
+// check_name), or "" (every row) when `hosts` is empty.
+std::string hosts_filter(const std::vector<std::string>& hosts);
+
 // One line of progress on standard error, redrawn in place; silent unless
 // standard error is a terminal.
 class Progress {

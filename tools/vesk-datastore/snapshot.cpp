@@ -103,17 +103,7 @@ int cmd_snapshot_list(const GlobalOptions& global) {
                         {"rows", rows},
                         {"run", info.latest_unique_timestamp}});
     }
-    switch (global.format) {
-        case Format::json:
-            print_json(std::cout, list);
-            break;
-        case Format::csv:
-            print_csv(std::cout, table);
-            break;
-        case Format::table:
-            print_table(std::cout, table, stdout_style());
-            break;
-    }
+    print_result(global.format, list, table);
     return kExitOk;
 }
 

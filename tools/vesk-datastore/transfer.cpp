@@ -238,13 +238,7 @@ int cmd_export(const GlobalOptions& global, const RowsOptions& options) {
     std::vector<std::string> providers = options.providers;
     if (providers.empty()) providers = store->provider_names();
 
-    std::string filter;
-    if (!options.hosts.empty()) {
-        filter = "Hostname IN (";
-        for (size_t i = 0; i < options.hosts.size(); ++i)
-            filter += (i ? ",'" : "'") + options.hosts[i] + "'";
-        filter += ")";
-    }
+    const std::string filter = hosts_filter(options.hosts);
     // One provider at a time keeps memory bounded by the largest provider.
     uint64_t written = 0;
     std::string out;
