@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <iterator>
 #include <strings.h>
 
 namespace vesk::datastore::sqlite_ext {
@@ -10,7 +11,7 @@ namespace {
 
 // Copies a text column straight into `out`: one copy from SQLite's buffer,
 // byte-exact (embedded NULs and any byte value survive). NULL gives "".
-void read_text(sqlite3_stmt* stmt, int column, std::string& out) {
+void read_column(sqlite3_stmt* stmt, int column, std::string& out) {
     // sqlite3_column_text before sqlite3_column_bytes: the documented order
     // that keeps the pointer valid.
     const unsigned char* text = sqlite3_column_text(stmt, column);
@@ -23,7 +24,7 @@ void read_text(sqlite3_stmt* stmt, int column, std::string& out) {
 
 // The stored node list is joined by ", "; split at "," and strip blanks,
 // straight from SQLite's buffer.
-void read_node_names(sqlite3_stmt* stmt, int column, std::vector<std::string>& out) {
+void read_column(sqlite3_stmt* stmt, int column, std::vector<std::string>& out) {
     out.clear();
     const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(stmt, column));
     if (text == nullptr) return;
@@ -38,6 +39,63 @@ void read_node_names(sqlite3_stmt* stmt, int column, std::vector<std::string>& o
         if (first < last) out.emplace_back(first, static_cast<size_t>(last - first));
         piece = stop + 1;
     }
+}
+
+// Numbers, as SQLite converts them.
+void read_column(sqlite3_stmt* stmt, int column, int32_t& out) {
+    out = sqlite3_column_int(stmt, column);
+}
+void read_column(sqlite3_stmt* stmt, int column, int64_t& out) {
+    out = sqlite3_column_int64(stmt, column);
+}
+void read_column(sqlite3_stmt* stmt, int column, double& out) {
+    out = sqlite3_column_double(stmt, column);
+}
+
+// The record type of a pointer to one of its fields.
+template <typename>
+struct MemberOf;
+template <typename Record, typename Field>
+struct MemberOf<Field Record::*> {
+    using type = Record;
+};
+
+// Reads a column into the field `member` of a record.
+template <auto member>
+void read_member(sqlite3_stmt* stmt, int column, typename MemberOf<decltype(member)>::type& row) {
+    read_column(stmt, column, row.*member);
+}
+
+template <typename Record>
+using FieldReader = void (*)(sqlite3_stmt*, int, Record&);
+
+// The readers of each record by field position (the fields' declared order).
+constexpr FieldReader<Row> kRowReaders[] = {
+    read_member<&Row::rowid>,           read_member<&Row::Provider>,
+    read_member<&Row::Hostname>,        read_member<&Row::num_nodes>,
+    read_member<&Row::node_names>,      read_member<&Row::Exit_status>,
+    read_member<&Row::Timestamp>,       read_member<&Row::Duration>,
+    read_member<&Row::Encoding>,        read_member<&Row::STDOUT>,
+    read_member<&Row::STDERR>,          read_member<&Row::OptionID>,
+    read_member<&Row::version>,         read_member<&Row::Username>,
+    read_member<&Row::Unique_timestamp>};
+constexpr FieldReader<Row_baseline> kBaselineReaders[] = {
+    read_member<&Row_baseline::rowid>,
+    read_member<&Row_baseline::baseline_id>,
+    read_member<&Row_baseline::datastore_rowid>,
+    read_member<&Row_baseline::fwd_name>,
+    read_member<&Row_baseline::provider_checksum>,
+    read_member<&Row_baseline::command_checksum>};
+static_assert(std::size(kRowReaders) == kRowFields &&
+              std::size(kBaselineReaders) == kBaselineFields);
+
+// Fills the fields that `columns` maps, column by column.
+template <typename Record, size_t N>
+void read_fields(sqlite3_stmt* stmt, const std::vector<int>& columns, Record& row,
+                 const FieldReader<Record> (&readers)[N]) {
+    for (size_t i = 0; i < columns.size(); ++i)
+        if (columns[i] >= 0 && static_cast<size_t>(columns[i]) < N)
+            readers[columns[i]](stmt, static_cast<int>(i), row);
 }
 
 }  // namespace
@@ -63,86 +121,11 @@ std::vector<int> map_columns(sqlite3_stmt* stmt, const std::map<std::string, int
 }
 
 void read_row(sqlite3_stmt* stmt, const std::vector<int>& columns, Row& row) {
-    for (size_t i = 0; i < columns.size(); ++i) {
-        const int c = static_cast<int>(i);
-        switch (columns[i]) {
-            case 0:
-                row.rowid = sqlite3_column_int(stmt, c);
-                break;
-            case 1:
-                read_text(stmt, c, row.Provider);
-                break;
-            case 2:
-                read_text(stmt, c, row.Hostname);
-                break;
-            case 3:
-                row.num_nodes = sqlite3_column_int(stmt, c);
-                break;
-            case 4:
-                read_node_names(stmt, c, row.node_names);
-                break;
-            case 5:
-                row.Exit_status = sqlite3_column_int(stmt, c);
-                break;
-            case 6:
-                row.Timestamp = sqlite3_column_int64(stmt, c);
-                break;
-            case 7:
-                row.Duration = sqlite3_column_double(stmt, c);
-                break;
-            case 8:
-                row.Encoding = sqlite3_column_int(stmt, c);
-                break;
-            case 9:
-                read_text(stmt, c, row.STDOUT);
-                break;
-            case 10:
-                read_text(stmt, c, row.STDERR);
-                break;
-            case 11:
-                read_text(stmt, c, row.OptionID);
-                break;
-            case 12:
-                row.version = sqlite3_column_int(stmt, c);
-                break;
-            case 13:
-                read_text(stmt, c, row.Username);
-                break;
-            case 14:
-                row.Unique_timestamp = sqlite3_column_int64(stmt, c);
-                break;
-            default:
-                break;
-        }
-    }
+    read_fields(stmt, columns, row, kRowReaders);
 }
 
 void read_row(sqlite3_stmt* stmt, const std::vector<int>& columns, Row_baseline& row) {
-    for (size_t i = 0; i < columns.size(); ++i) {
-        const int c = static_cast<int>(i);
-        switch (columns[i]) {
-            case 0:
-                row.rowid = sqlite3_column_int(stmt, c);
-                break;
-            case 1:
-                read_text(stmt, c, row.baseline_id);
-                break;
-            case 2:
-                row.datastore_rowid = sqlite3_column_int(stmt, c);
-                break;
-            case 3:
-                read_text(stmt, c, row.fwd_name);
-                break;
-            case 4:
-                read_text(stmt, c, row.provider_checksum);
-                break;
-            case 5:
-                read_text(stmt, c, row.command_checksum);
-                break;
-            default:
-                break;
-        }
-    }
+    read_fields(stmt, columns, row, kBaselineReaders);
 }
 
 }  // namespace vesk::datastore::sqlite_ext
