@@ -8,8 +8,7 @@
 // Rows: 200-byte outputs, 200 providers x 500 hosts, ten runs. At the end
 // the import/bulk ratio is printed (the goal is at most 1.5).
 //
-// VESK_BENCH_SCALE divides the row count (a smoke run uses 1000);
-// VESK_BENCH_DIR chooses the folder of the files (default: /tmp).
+// VESK_BENCH_SCALE and VESK_BENCH_DIR: see bench_support.h.
 #include <cstdio>
 #include <cstdlib>
 #include <fcntl.h>
@@ -27,73 +26,27 @@
 #include "vesk/datastore.h"
 #include "vesk/datastore/sqlite_extension.h"
 
+#include "bench_support.h"
+
 extern char** environ;
 
 namespace vd = vesk::datastore;
 namespace fs = std::filesystem;
+using namespace vesk::bench;
 
 namespace {
 
 constexpr size_t kRows = 1000000;
 
-size_t scaled(size_t rows) {
-    const char* scale = std::getenv("VESK_BENCH_SCALE");
-    const long divisor = scale != nullptr ? std::atol(scale) : 1;
-    return divisor > 1 ? rows / size_t(divisor) : rows;
-}
-
-const std::string& work_dir() {
-    static const std::string dir = [] {
-        const char* base = std::getenv("VESK_BENCH_DIR");
-        std::string pattern = std::string(base != nullptr ? base : "/tmp") + "/vesk-import-XXXXXX";
-        if (::mkdtemp(pattern.data()) == nullptr) {
-            std::perror("mkdtemp");
-            std::exit(1);
-        }
-        return pattern;
-    }();
-    return dir;
-}
-
-vd::InsertRecord make_record(size_t i) {
-    const int provider = int(i % 200);
-    const int host = int(i / 200 % 500);
-    const int64_t run = int64_t(i / 100000);
-    vd::InsertRecord r;
-    char name[32];
-    std::snprintf(name, sizeof name, "provider%03d", provider);
-    r.header.provider = name;
-    std::snprintf(name, sizeof name, "node%04d", host);
-    r.header.hostname = name;
-    r.header.num_nodes = 1;
-    r.header.node_names = {r.header.hostname};
-    r.header.exit_status = (provider + host) % 3;
-    r.header.timestamp = 1600000000 + run * 600;
-    r.header.duration = 0.5;
-    r.header.version = 2;
-    r.header.username = "collector";
-    r.header.unique_timestamp = INT64_C(1600000000000000) + run * INT64_C(600000000);
-    r.option_id = "default";
-    r.std_out.resize(200);
-    for (size_t k = 0; k < r.std_out.size(); ++k)
-        r.std_out[k] = char('a' + (k * 7 + size_t(provider + host)) % 26);
-    return r;
-}
-
 const std::vector<vd::InsertRecord>& records() {
-    static const std::vector<vd::InsertRecord> rows = [] {
-        std::vector<vd::InsertRecord> out;
-        out.reserve(scaled(kRows));
-        for (size_t i = 0; i < scaled(kRows); ++i) out.push_back(make_record(i));
-        return out;
-    }();
+    static const std::vector<vd::InsertRecord> rows = make_records(scaled(kRows), 200);
     return rows;
 }
 
 // The same rows as JSON Lines (every text is plain letters: no escaping).
 const std::string& jsonl_file() {
     static const std::string path = [] {
-        const std::string file = work_dir() + "/rows.jsonl";
+        const std::string file = bench_dir() + "/rows.jsonl";
         std::ofstream out(file);
         for (const auto& r : records()) {
             const auto& h = r.header;
@@ -111,22 +64,15 @@ const std::string& jsonl_file() {
 }
 
 void BM_BulkInsert(benchmark::State& state) {
-    static const auto controller = vd::DataStoreController::createDataStoreController();
     const auto& rows = records();
-    const std::string db = work_dir() + "/bulk.db";
+    const std::string db = bench_dir() + "/bulk.db";
     for (auto _ : state) {
         state.PauseTiming();
         vd::DataStoreParseUtility::clear_db_vector();
-        for (const char* suffix : {"", "-wal", "-shm", "-journal"}) fs::remove(db + suffix);
-        vd::DataStoreConfig config;
-        config.instance_name = "bulk";
-        config.source_parameters = "source=" + db;
-        config.source_types.set(vd::data);
-        std::vector<vd::DataStoreConfig> configs{config};
-        vd::DataStoreParseUtility::fillInVacantFields(configs);
-        vd::DataStoreParseUtility::insert_db_instance(configs);
+        remove_db(db);
+        const std::string name = open_datastore("source=" + db);
         state.ResumeTiming();
-        if (!vd::execute_ioctl({"bulk"}, vd::SQLITE_BULK_INSERT, &rows, nullptr, nullptr, nullptr))
+        if (!vd::execute_ioctl({name}, vd::SQLITE_BULK_INSERT, &rows, nullptr, nullptr, nullptr))
             state.SkipWithError("bulk insert failed");
     }
     vd::DataStoreParseUtility::clear_db_vector();
@@ -135,7 +81,7 @@ void BM_BulkInsert(benchmark::State& state) {
 
 void BM_ToolImport(benchmark::State& state) {
     const std::string file = jsonl_file();
-    const std::string home = work_dir() + "/home";
+    const std::string home = bench_dir() + "/home";
     const std::string tool = VESK_TOOL_PATH;
     for (auto _ : state) {
         state.PauseTiming();
@@ -209,6 +155,6 @@ int main(int argc, char** argv) {
     benchmark::RunSpecifiedBenchmarks(&reporter);
     benchmark::Shutdown();
     std::error_code ec;
-    fs::remove_all(work_dir(), ec);
+    fs::remove_all(bench_dir(), ec);
     return 0;
 }

@@ -1,0 +1,103 @@
+#pragma once
+// What the benchmark programs share: their environment variables, a work
+// folder, a datastore opened through the library's configuration path, and
+// the rows they write.
+//   VESK_BENCH_SCALE  divides every row count (a smoke run uses 1000)
+//   VESK_BENCH_DIR    the folder in which the work folder is made (default /tmp)
+#include <algorithm>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <memory>
+#include <stdlib.h>
+#include <string>
+#include <vector>
+
+#include "vesk/datastore.h"
+
+namespace vesk::bench {
+
+// VESK_BENCH_SCALE, 1 when unset or not a positive number.
+inline long scale() {
+    const char* text = std::getenv("VESK_BENCH_SCALE");
+    const long value = text ? std::atol(text) : 1;
+    return value > 0 ? value : 1;
+}
+// `n` divided by the scale, at least 1.
+inline size_t scaled(size_t n) { return std::max<size_t>(1, n / static_cast<size_t>(scale())); }
+
+// A new folder for this run's files, made on first use; the caller removes it.
+inline const std::string& bench_dir() {
+    static const std::string dir = [] {
+        const char* base = std::getenv("VESK_BENCH_DIR");
+        std::string pattern = std::string(base ? base : "/tmp") + "/vesk-bench-XXXXXX";
+        if (::mkdtemp(pattern.data()) == nullptr) {
+            std::perror("mkdtemp");
+            std::exit(1);
+        }
+        return pattern;
+    }();
+    return dir;
+}
+
+// Removes a database file and the side files SQLite may have left.
+inline void remove_db(const std::string& file) {
+    for (const char* suffix : {"", "-wal", "-shm", "-journal"})
+        std::filesystem::remove(file + suffix);
+}
+
+// Opens `parameters` with the SQLite extension as the only datastore of the
+// process, through the library's own configuration path; returns its
+// instance name.
+inline std::string open_datastore(const std::string& parameters) {
+    // The controller lives while somebody holds it: the benchmark does.
+    static const auto controller = datastore::DataStoreController::createDataStoreController();
+    datastore::DataStoreParseUtility::clear_db_vector();
+    datastore::DataStoreConfig config;
+    config.type = datastore::sqlite3;
+    config.instance_name = "bench";
+    config.source_parameters = parameters;
+    config.source_types.set(datastore::data);
+    std::vector<datastore::DataStoreConfig> configs{config};
+    datastore::DataStoreParseUtility::fillInVacantFields(configs);
+    datastore::DataStoreParseUtility::insert_db_instance(configs);
+    return config.instance_name;
+}
+
+// The row of provider `provider` ("prov007") on host `host` ("node0042") in
+// collection run `run`, with `output` bytes of lower-case letters as STDOUT.
+inline datastore::InsertRecord make_record(int provider, int host, int run, size_t output) {
+    datastore::InsertRecord r;
+    char name[32];
+    std::snprintf(name, sizeof name, "prov%03d", provider);
+    r.header.provider = name;
+    std::snprintf(name, sizeof name, "node%04d", host);
+    r.header.hostname = name;
+    r.header.num_nodes = 1;
+    r.header.node_names = {r.header.hostname};
+    r.header.exit_status = (provider + host) % 3;
+    r.header.timestamp = 1600000000 + run * 600;
+    r.header.duration = 0.5;
+    r.header.version = 2;
+    r.header.username = "collector";
+    r.header.unique_timestamp = INT64_C(1600000000000000) + run * INT64_C(600000000);
+    r.option_id = "default";
+    r.std_out.resize(output);
+    for (size_t i = 0; i < output; ++i)
+        r.std_out[i] = static_cast<char>('a' + (i * 7 + static_cast<size_t>(provider + host)) % 26);
+    return r;
+}
+
+// The first `count` rows of the sequence that walks 200 providers, then 500
+// hosts, then the runs (100,000 rows a run).
+inline std::vector<datastore::InsertRecord> make_records(size_t count, size_t output) {
+    std::vector<datastore::InsertRecord> out;
+    out.reserve(count);
+    for (size_t i = 0; i < count; ++i)
+        out.push_back(make_record(static_cast<int>(i % 200), static_cast<int>(i / 200 % 500),
+                                  static_cast<int>(i / 100000), output));
+    return out;
+}
+
+}  // namespace vesk::bench
