@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "plugins/recording_plugin.h"
@@ -21,89 +22,80 @@
 namespace vesk::test {
 
 namespace ds = vesk::datastore;
+using P = ds::DataStoreParseUtility;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
 
 constexpr unsigned long kDataOnly = 0b01;
 constexpr unsigned long kStreamOnly = 0b10;
 
-// The configuration of a recorder instance `name` serving `types`.
-inline ds::DataStoreConfig recorder_config(const std::string& name,
-                                           unsigned long types = kDataOnly) {
-    ds::DataStoreConfig config;
-    config.type = ds::other;
-    config.instance_name = name;
-    config.extension_name = "librecording_plugin.so";
-    config.extension_path = kPluginDir;
-    config.source_parameters = "recorder";
-    config.source_types = std::bitset<2>(types);
-    return config;
+// A control script answering `status` (appending `rows`), or throwing.
+inline ControlScript answer(int32_t status, std::vector<ds::Row> rows = {}) {
+    return ControlScript{status, false, std::move(rows), {}};
 }
+inline ControlScript throws() { return ControlScript{0, true, {}, {}}; }
 
 class RecorderTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        saved_level_ = vesk::log::LOG_LEVEL;
-        saved_output_ = vesk::log::LOG_OUTPUT;
         vesk::log::LOG_LEVEL = 7;
         vesk::log::LOG_OUTPUT = 0;
-        controller_ = ds::DataStoreController::createDataStoreController();
         reset_state();
     }
 
     void TearDown() override {
         reset_state();
-        controller_->close({});
-        controller_.reset();
+        if (controller_) controller_->close({});
         vesk::log::LOG_LEVEL = saved_level_;
         vesk::log::LOG_OUTPUT = saved_output_;
     }
 
     static void reset_state() {
-        using P = ds::DataStoreParseUtility;
         P::db_vec.clear();
         P::snapshot_dict.clear();
         P::snapshot_info_set.clear();
         P::baseline_str.clear();
         P::snapshot_remove_str.clear();
-        P::baseline_str_vec.clear();
     }
 
-    // Opens a recorder instance `name` serving `types` and appends it to
-    // db_vec; returns its state.
+    // Opens a recorder instance `name` serving `types`, appends it to
+    // db_vec and returns its state.
     RecorderState* add(const std::string& name, unsigned long types = kDataOnly) {
-        std::vector<ds::DataStoreConfig> configs{recorder_config(name, types)};
+        ds::DataStoreConfig config;
+        config.type = ds::other;
+        config.instance_name = name;
+        config.extension_name = "librecording_plugin.so";
+        config.extension_path = kPluginDir;
+        config.source_parameters = "recorder";
+        config.source_types = std::bitset<2>(types);
+        std::vector<ds::DataStoreConfig> configs{config};
         ds::DataStoreHandles handles;
         controller_->open(configs, handles);
         if (handles.size() != 1) throw std::runtime_error("recorder " + name + " did not open");
-        ds::DataStoreParseUtility::db_vec.push_back(handles.front());
-        handles_.insert({name, handles.front().second});
-
+        P::db_vec.push_back(handles.front());
+        handles_[name] = handles.front().second;
         RecorderState* state = nullptr;
-        if (controller_->control(handles.front().second, kRecorderStateCode, nullptr, &state,
-                                 nullptr) != 0 ||
-            state == nullptr)
+        if (control(name, kRecorderStateCode, nullptr, &state) != 0 || state == nullptr)
             throw std::runtime_error("recorder " + name + " gave no state");
         return state;
     }
 
-    std::weak_ptr<ds::DataStoreExtension> handle(const std::string& name) const {
-        return handles_.at(name);
-    }
-
-    // The instance itself, as the interface it derives from.
-    ds::interface* instance(const std::string& name) const {
-        return dynamic_cast<ds::interface*>(handles_.at(name).lock().get());
+    ds::DataStoreExtension* handle(const std::string& name) const {
+        return handles_.at(name).lock().get();
     }
 
     int32_t control(const std::string& name, uint16_t op, const void* in, void* out) {
-        return controller_->control(handle(name), op, in, out, nullptr);
+        return controller_->control(handles_.at(name), op, in, out, nullptr);
     }
 
-    std::shared_ptr<ds::DataStoreController> controller_;
+    // Held here, and nowhere else: resetting it closes every recorder.
+    std::shared_ptr<ds::DataStoreController> controller_ =
+        ds::DataStoreController::createDataStoreController();
 
 private:
     std::map<std::string, std::weak_ptr<ds::DataStoreExtension>> handles_;
-    int saved_level_ = 4;
-    int saved_output_ = 0;
+    int saved_level_ = vesk::log::LOG_LEVEL;
+    int saved_output_ = vesk::log::LOG_OUTPUT;
 };
 
 // A row that names its provider, host and rowid.

@@ -7,7 +7,6 @@
 #include <string>
 #include <vector>
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "tessdb/tessdb.h"
@@ -18,113 +17,51 @@ namespace {
 
 namespace ds = vesk::datastore;
 
-struct SqliteClose {
-    void operator()(sqlite3* db) const { sqlite3_close(db); }
-};
-using Database = std::unique_ptr<sqlite3, SqliteClose>;
-
-Database open_database(const std::string& path) {
-    sqlite3* db = nullptr;
-    if (sqlite3_open(path.c_str(), &db) != SQLITE_OK) {
-        sqlite3_close(db);
-        return nullptr;
-    }
-    return Database(db);
-}
-
-// The column names of `table` in declaration order.
-std::vector<std::string> columns(sqlite3* db, const std::string& table) {
+// Column `column` of every row that `sql` answers, as text.
+std::vector<std::string> texts(sqlite3* db, const std::string& sql, int column = 0) {
     std::vector<std::string> out;
     sqlite3_stmt* stmt = nullptr;
-    const std::string sql = "PRAGMA table_info(" + table + ")";
     if (sqlite3_prepare_v2(db, sql.c_str(), -1, &stmt, nullptr) != SQLITE_OK) return out;
     while (sqlite3_step(stmt) == SQLITE_ROW)
-        out.emplace_back(reinterpret_cast<const char*>(sqlite3_column_text(stmt, 1)));
+        if (const unsigned char* text = sqlite3_column_text(stmt, column))
+            out.emplace_back(reinterpret_cast<const char*>(text));
     sqlite3_finalize(stmt);
     return out;
 }
 
-class SchemaTest : public ::testing::Test {
-protected:
-    void SetUp() override {
-        path = dir.file("schema.db");
-        tessdb1::Connection* raw = nullptr;
-        ASSERT_EQ(tessdb1::newConnection(path.c_str(), 0, &raw), 0);
-        connection.reset(raw);
-    }
-
-    void create_schema() {
-        for (const std::string* statement : {&ds::default_create_table_query,
-                                             &ds::default_create_baseline_query,
-                                             &ds::default_create_view_query}) {
-            EXPECT_EQ(connection->issueCommand(statement->c_str()), 0)
-                << *statement << ": " << connection->lastError();
-        }
-    }
-
+TEST(SchemaTest, StatementsRunTwiceAndTheViewReadsTheVersionColumn) {
     vesk::test::TempDir dir;
-    std::string path;
-    std::unique_ptr<tessdb1::Connection> connection;
-};
+    const std::string path = dir.file("schema.db");
+    tessdb1::Connection* raw = nullptr;
+    ASSERT_EQ(tessdb1::newConnection(path.c_str(), 0, &raw), 0);
+    std::unique_ptr<tessdb1::Connection> connection(raw);
+    const std::string insert = "INSERT INTO " + ds::table_name +
+                               " (Provider, Hostname, version, Unique_timestamp) VALUES "
+                               "('uname', 'node1', 42, 7);";
+    for (const std::string* statement :
+         {&ds::default_create_table_query, &ds::default_create_baseline_query,
+          &ds::default_create_view_query, &ds::default_create_table_query,
+          &ds::default_create_baseline_query, &ds::default_create_view_query, &insert})
+        EXPECT_EQ(connection->issueCommand(statement->c_str()), 0)
+            << *statement << ": " << connection->lastError();
 
-TEST_F(SchemaTest, StatementsRunTwiceOnOneDatabase) {
-    create_schema();
-    create_schema();
-    Database db = open_database(path);
-    ASSERT_NE(db, nullptr);
-    EXPECT_EQ(columns(db.get(), ds::table_name).size(), 15u);
-    EXPECT_EQ(columns(db.get(), ds::table_baseline).size(), 6u);
-    EXPECT_EQ(columns(db.get(), ds::table_view).size(), 15u);
-}
-
-TEST_F(SchemaTest, ColumnsSitWhereTheFieldMapsExpectThem) {
-    create_schema();
-    Database db = open_database(path);
-    ASSERT_NE(db, nullptr);
-
-    const auto table = columns(db.get(), ds::table_name);
+    sqlite3* db = nullptr;
+    ASSERT_EQ(sqlite3_open(path.c_str(), &db), SQLITE_OK);
+    std::unique_ptr<sqlite3, int (*)(sqlite3*)> owner(db, sqlite3_close);
+    // Columns sit where the field maps expect them.
+    const auto table = texts(db, "PRAGMA table_info(" + ds::table_name + ")", 1);
     ASSERT_EQ(table.size(), ds::row_field_index.size());
     for (const auto& [name, position] : ds::row_field_index) EXPECT_EQ(table[position], name);
-
-    const auto baseline = columns(db.get(), ds::table_baseline);
+    const auto baseline = texts(db, "PRAGMA table_info(" + ds::table_baseline + ")", 1);
     ASSERT_EQ(baseline.size(), ds::baseline_field_index.size());
     for (const auto& [name, position] : ds::baseline_field_index)
         EXPECT_EQ(baseline[position], name);
-
     // The view writes "Version", but SQL matches names without regard to
     // case: it exposes the table's columns, in the table's order.
-    EXPECT_EQ(columns(db.get(), ds::table_view), table);
-}
-
-TEST_F(SchemaTest, TheViewReadsTheTablesVersionColumn) {
-    create_schema();
-    ASSERT_EQ(connection->issueCommand(("INSERT INTO " + ds::table_name +
-                                        " (Provider, Hostname, version, Unique_timestamp) VALUES "
-                                        "('uname', 'node1', 42, 7);")
-                                           .c_str()),
-              0)
-        << connection->lastError();
-    Database db = open_database(path);
-    ASSERT_NE(db, nullptr);
-    sqlite3_stmt* stmt = nullptr;
-    ASSERT_EQ(sqlite3_prepare_v2(db.get(), "SELECT Version, Provider FROM vesk_1", -1, &stmt,
-                                 nullptr),
-              SQLITE_OK);
-    ASSERT_EQ(sqlite3_step(stmt), SQLITE_ROW);
-    EXPECT_EQ(sqlite3_column_int(stmt, 0), 42);
-    EXPECT_STREQ(reinterpret_cast<const char*>(sqlite3_column_text(stmt, 1)), "uname");
-    EXPECT_EQ(sqlite3_step(stmt), SQLITE_DONE);
-    sqlite3_finalize(stmt);
-}
-
-TEST(SchemaStatements, LengthsAndNames) {
-    EXPECT_EQ(ds::default_create_table_query.size(), 311u);
-    EXPECT_EQ(ds::default_create_baseline_query.size(), 178u);
-    EXPECT_EQ(ds::default_create_view_query.size(), 211u);
-    // The table names run straight into the column list.
-    EXPECT_EQ(ds::default_create_table_query.find("provider_datastore(rowid"), 27u);
-    EXPECT_EQ(ds::default_create_baseline_query.find("baseline_datastore(rowid"), 27u);
-    EXPECT_NE(ds::default_create_view_query.find(" from provider_datastore;"), std::string::npos);
+    EXPECT_EQ(texts(db, "PRAGMA table_info(" + ds::table_view + ")", 1), table);
+    EXPECT_EQ(texts(db, "SELECT Version, Provider FROM vesk_1"), std::vector<std::string>{"42"});
+    EXPECT_EQ(texts(db, "SELECT Version, Provider FROM vesk_1", 1),
+              std::vector<std::string>{"uname"});
 }
 
 }  // namespace
