@@ -1,56 +1,57 @@
 // A test extension whose answers are scripted and whose calls are recorded.
 //
-// Parameter string (the configuration's source_parameters, handed to open):
-// "key=value" items joined by "|"; unknown keys are ignored.
-//   trace=<file>   append one line per call received to <file>:
-//                    create
-//                    open <instance name> <whole parameter string>
-//                    control <instance name> <op>
-//                    close <instance name>
-//                    destroy <instance name>
-//                  The trace file is only known once open arrives, so the
-//                  "create" line is written then, just before the "open" line.
+// Parameter string (handed to open): "key=value" items joined by "|"; the
+// last of a repeated key counts, unknown keys are ignored.
+//   trace=<file>   append one line per call received to <file>: "create",
+//                  "open <instance name> <whole parameter string>",
+//                  "control <instance name> <op>", "destroy <instance name>".
+//                  The file is only known once open arrives, so "create" is
+//                  written then, just before "open".
 //   open=<n>       status that open returns (default 0)
 //   status=<n>     status that control returns for every op (default 0)
-//   op<code>=<n>   status that control returns for op <code>, e.g. op513=1;
-//                  takes precedence over status
-// Operation 1024 echoes: `in` is a const std::string*, `out` (when not null)
-// a std::string* that receives "<instance name>:" followed by *in.
-// Example: "trace=/tmp/t/trace.log|status=0|op515=512".
+//   op<code>=<n>   status that control returns for op <code>; beats status
+//
+// No std::map or std::to_string here: they give the module STB_GNU_UNIQUE
+// symbols, and such a library is never unloaded, which would hide whether the
+// controller unloads it.
+#include <cstdio>
 #include <cstdlib>
 #include <string>
 
-#include "plugins/plugin_trace.h"
 #include "vesk/datastore/export.h"
 #include "vesk/datastore/extension.h"
+#include "vesk/str.h"
 
 namespace {
 
 using vesk::datastore::DataStoreExtension;
 
-constexpr uint16_t kEchoOp = 1024;
+// The value of the last item of `parameters` named `key`; "" when there is none.
+std::string item(const std::string& parameters, const std::string& key) {
+    std::string value;
+    for (const auto& piece : vesk::str::split(parameters, '|', true)) {
+        if (piece.compare(0, key.size() + 1, key + "=") == 0) value = piece.substr(key.size() + 1);
+    }
+    return value;
+}
 
-int32_t to_status(const std::string& text, int32_t fallback) {
-    if (text.empty()) return fallback;
-    char* end = nullptr;
-    const long value = std::strtol(text.c_str(), &end, 10);
-    return *end == '\0' ? static_cast<int32_t>(value) : fallback;
+// The number that item `key` gives, or `fallback` when there is none.
+int32_t status_of(const std::string& parameters, const std::string& key, int32_t fallback) {
+    const std::string text = item(parameters, key);
+    return text.empty() ? fallback : static_cast<int32_t>(std::strtol(text.c_str(), nullptr, 10));
 }
 
 class ScriptedExtension final : public DataStoreExtension {
 public:
     bool is_open() noexcept override { return opened_; }
 
-    int32_t control(uint16_t op, const void* in, void* out, void* /*extra*/) noexcept override {
+    int32_t control(uint16_t op, const void*, void*, void*) noexcept override {
         try {
-            vesk::test_plugin::append_line(
-                trace_, "control " + instance_name + " " + vesk::test_plugin::number(op));
-            const int32_t status =
-                to_status(items_.get("op" + vesk::test_plugin::number(op)), default_status_);
-            if (op == kEchoOp && in != nullptr && out != nullptr)
-                *static_cast<std::string*>(out) =
-                    instance_name + ":" + *static_cast<const std::string*>(in);
-            return status;
+            char code[8];
+            std::snprintf(code, sizeof code, "%u", static_cast<unsigned>(op));
+            trace("control " + instance_name + " " + code);
+            return status_of(parameters_, std::string("op") + code,
+                             status_of(parameters_, "status", OPERATION_SUCCESSFULL));
         } catch (...) {
             return OPERATION_UNSUCCESSFULL;
         }
@@ -58,12 +59,10 @@ public:
 
     int32_t open(const std::string& parameters) noexcept override {
         try {
-            items_ = vesk::test_plugin::Items(parameters);
-            trace_ = items_.get("trace");
-            default_status_ = to_status(items_.get("status"), OPERATION_SUCCESSFULL);
-            vesk::test_plugin::append_line(trace_, "create");
-            vesk::test_plugin::append_line(trace_, "open " + instance_name + " " + parameters);
-            const int32_t status = to_status(items_.get("open"), OPERATION_SUCCESSFULL);
+            parameters_ = parameters;
+            trace("create");
+            trace("open " + instance_name + " " + parameters);
+            const int32_t status = status_of(parameters, "open", OPERATION_SUCCESSFULL);
             opened_ = status == OPERATION_SUCCESSFULL;
             return status;
         } catch (...) {
@@ -72,25 +71,28 @@ public:
     }
 
     int32_t close() noexcept override {
-        try {
-            vesk::test_plugin::append_line(trace_, "close " + instance_name);
-        } catch (...) {
-        }
         opened_ = false;
         return OPERATION_SUCCESSFULL;
     }
 
     ~ScriptedExtension() override {
         try {
-            vesk::test_plugin::append_line(trace_, "destroy " + instance_name);
+            trace("destroy " + instance_name);
         } catch (...) {
         }
     }
 
 private:
-    vesk::test_plugin::Items items_;
-    std::string trace_;
-    int32_t default_status_ = OPERATION_SUCCESSFULL;
+    // Appends `line` and a newline to the trace file, when there is one.
+    void trace(const std::string& line) const {
+        const std::string path = item(parameters_, "trace");
+        if (std::FILE* f = path.empty() ? nullptr : std::fopen(path.c_str(), "a")) {
+            std::fprintf(f, "%s\n", line.c_str());
+            std::fclose(f);
+        }
+    }
+
+    std::string parameters_;
     bool opened_ = false;
 };
 

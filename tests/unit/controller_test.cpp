@@ -1,33 +1,37 @@
 // The controller against real plugin libraries from the test plugin folder:
-// loading, opening, controlling, closing, the singleton and the failure paths.
+// loading, opening, controlling, closing, the singleton and the failure paths;
+// then the parameter pack, the parameter-string parser and the list helpers.
 #include "vesk/datastore/controller.h"
 
-#include <dlfcn.h>
-
-#include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <dlfcn.h>
 #include <stdexcept>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "test_support.h"
+#include "vesk/datastore/parameter_pack.h"
+#include "vesk/datastore/parse_utility.h"
+#include "vesk/datastore/vocabulary.h"
 #include "vesk/log.h"
+
+#include "test_support.h"
 
 namespace vesk::datastore {
 namespace {
 
 using ::testing::ElementsAre;
-using ::testing::HasSubstr;
 using ::testing::Pair;
 using ::testing::StartsWith;
+using ::testing::UnorderedElementsAre;
+using Texts = std::vector<std::string>;
 
 constexpr int32_t kOk = 0;
 constexpr int32_t kFailed = 1;
-constexpr uint16_t kEchoOp = 1024;  // scripted_plugin: out = "<instance>:" + in
 
 std::string plugin_path(const std::string& plugin) {
     return vesk::test::kPluginDir + "/lib" + plugin + ".so";
@@ -36,9 +40,8 @@ std::string plugin_path(const std::string& plugin) {
 // True while the dynamic loader has the library mapped in this process.
 bool is_loaded(const std::string& path) {
     void* handle = ::dlopen(path.c_str(), RTLD_LAZY | RTLD_NOLOAD);
-    if (handle == nullptr) return false;
-    ::dlclose(handle);
-    return true;
+    if (handle != nullptr) ::dlclose(handle);
+    return handle != nullptr;
 }
 
 // The message of the std::runtime_error that `call` throws ("" if none).
@@ -54,50 +57,33 @@ std::string error_of(Call&& call) {
 
 class ControllerTest : public ::testing::Test {
 protected:
+    // The failure messages below are logged at level 4, to standard error.
     void SetUp() override {
-        saved_level_ = vesk::log::LOG_LEVEL;
-        saved_output_ = vesk::log::LOG_OUTPUT;
         vesk::log::LOG_LEVEL = 4;
         vesk::log::LOG_OUTPUT = 0;
-    }
-    void TearDown() override {
-        vesk::log::LOG_LEVEL = saved_level_;
-        vesk::log::LOG_OUTPUT = saved_output_;
     }
 
     // A config of one of the test plugins, tracing into this test's folder.
     DataStoreConfig config(const std::string& name, const std::string& plugin = "scripted_plugin",
                            const std::string& extra = "") const {
         DataStoreConfig c;
-        c.type = sqlite3;
         c.instance_name = name;
         c.extension_name = "lib" + plugin + ".so";
         c.extension_path = vesk::test::kPluginDir;
         c.source_parameters = "trace=" + trace_path() + (extra.empty() ? "" : "|" + extra);
-        c.source_types.set(data);
         return c;
     }
 
     std::string trace_path() const { return dir_.file("trace.log"); }
 
-    std::vector<std::string> trace() const {
-        std::vector<std::string> lines;
+    Texts trace() const {
+        Texts lines;
         std::istringstream in(vesk::test::read_file(trace_path()));
         for (std::string line; std::getline(in, line);) lines.push_back(line);
         return lines;
     }
 
-    long trace_count(const std::string& prefix) const {
-        const auto lines = trace();
-        return std::count_if(lines.begin(), lines.end(),
-                             [&](const std::string& l) { return l.rfind(prefix, 0) == 0; });
-    }
-
     vesk::test::TempDir dir_;
-
-private:
-    int saved_level_ = 4;
-    int saved_output_ = 0;
 };
 
 TEST_F(ControllerTest, SingletonIsSharedWhileHeldAndFreshAfterwards) {
@@ -105,324 +91,256 @@ TEST_F(ControllerTest, SingletonIsSharedWhileHeldAndFreshAfterwards) {
     {
         auto first = DataStoreController::createDataStoreController();
         auto second = DataStoreController::createDataStoreController();
-        ASSERT_TRUE(first);
         EXPECT_EQ(first, second);
         EXPECT_EQ(DataStoreController::ref_ptr.lock(), first);
 
         std::vector<DataStoreConfig> configs{config("s1")};
         DataStoreHandles handles;
         first->open(configs, handles);
-        ASSERT_EQ(handles.size(), 1u);
-        EXPECT_TRUE(is_loaded(lib));
         first.reset();
         // The second holder keeps everything alive.
-        EXPECT_FALSE(handles[0].second.expired());
+        EXPECT_FALSE(handles.at(0).second.expired());
+        EXPECT_TRUE(is_loaded(lib));
     }
     // The last holder let go: instance destroyed, then the library unloaded.
     EXPECT_TRUE(DataStoreController::ref_ptr.expired());
     EXPECT_THAT(trace(), ElementsAre("create", StartsWith("open s1 "), "destroy s1"));
     EXPECT_FALSE(is_loaded(lib));
-
     auto fresh = DataStoreController::createDataStoreController();
     EXPECT_THAT(fresh->close({"s1"}), ElementsAre(Pair("s1", kFailed)));
-}
-
-TEST_F(ControllerTest, LoadOfNothingLeavesOutputAlone) {
-    DataStoreController controller;
-    std::vector<DataStoreConfig> loaded{config("keep")};
-    EXPECT_TRUE(controller.load({}, loaded).empty());
-    ASSERT_EQ(loaded.size(), 1u);
-    EXPECT_EQ(loaded[0].instance_name, "keep");
 }
 
 TEST_F(ControllerTest, LoadMarksSuccessesInOrderOfNewLoads) {
     DataStoreController controller;
     const std::string scripted = plugin_path("scripted_plugin");
-    const std::string fails = plugin_path("open_fails_plugin");
-    std::vector<DataStoreConfig> loaded;
+    std::vector<DataStoreConfig> loaded{config("keep")};
+    EXPECT_TRUE(controller.load({}, loaded).empty());
 
     // The same library twice in one call is loaded once; the second config's
     // entry keeps its failure mark although its library is loaded.
     EXPECT_THAT(controller.load({config("a"), config("b")}, loaded),
                 ElementsAre(Pair(scripted, kOk), Pair(scripted, kFailed)));
-
     // An already loaded library does not advance the success index, so the
     // next new load overwrites entry 0.
-    EXPECT_THAT(controller.load({config("c"), config("d", "open_fails_plugin")}, loaded),
-                ElementsAre(Pair(fails, kOk), Pair(fails, kFailed)));
+    const std::string other = plugin_path("null_create_plugin");
+    EXPECT_THAT(controller.load({config("c"), config("d", "null_create_plugin")}, loaded),
+                ElementsAre(Pair(other, kOk), Pair(other, kFailed)));
 
     // Every config whose library is loaded is appended, defaults filled in.
-    DataStoreConfig unnamed = config("");
-    controller.load({unnamed}, loaded);
-    std::vector<std::string> names;
+    controller.load({config("")}, loaded);
+    Texts names;
     for (const auto& c : loaded) names.push_back(c.instance_name);
-    EXPECT_THAT(names, ElementsAre("a", "b", "c", "d", "vesk_default"));
-    // Loading creates no instance.
-    EXPECT_TRUE(trace().empty());
+    EXPECT_THAT(names, ElementsAre("keep", "a", "b", "c", "d", "vesk_default"));
+    EXPECT_TRUE(trace().empty());  // loading creates no instance
 }
 
-TEST_F(ControllerTest, MissingLibraryIsLoggedAndThrownWithItsPath) {
+TEST_F(ControllerTest, LoadFailuresThrowTheirTextAndUnloadTheLibrary) {
     DataStoreController controller;
-    const std::string path = plugin_path("missing_plugin");
-    vesk::test::CerrCapture cerr;
-    std::vector<DataStoreConfig> loaded;
-    EXPECT_EQ(error_of([&] { controller.load({config("m", "missing_plugin")}, loaded); }),
-              "Invalid extension name/path " + path);
-    EXPECT_THAT(cerr.lines(), ElementsAre("opendir failed on " + path + ": " +
-                                          std::to_string(ENOENT) + ": " + std::strerror(ENOENT)));
-    EXPECT_TRUE(loaded.empty());
-}
-
-TEST_F(ControllerTest, FileThatIsNotASharedObjectIsRefused) {
-    DataStoreController controller;
-    const std::string path = dir_.write("libjunk.so", "this is not an ELF file\n");
     DataStoreConfig junk = config("j");
     junk.extension_path = dir_.path();
     junk.extension_name = "libjunk.so";
+    const std::string junk_path = dir_.write("libjunk.so", "this is not an ELF file\n");
+    const std::string missing = plugin_path("missing_plugin");
+    const std::vector<std::pair<DataStoreConfig, std::string>> cases{
+        {config("m", "missing_plugin"), "Invalid extension name/path " + missing},
+        {junk, "unable to load datastore extension " + junk_path},
+        {config("c", "no_create_plugin"),
+         "Unable to find create handle for " + plugin_path("no_create_plugin")},
+        {config("d", "no_destroy_plugin"),
+         "Unable to find destroy handle for " + plugin_path("no_destroy_plugin")}};
 
     vesk::test::CerrCapture cerr;
     std::vector<DataStoreConfig> loaded;
-    EXPECT_EQ(error_of([&] { controller.load({junk}, loaded); }),
-              "unable to load datastore extension " + path);
-    const auto lines = cerr.lines();
-    ASSERT_EQ(lines.size(), 1u);
-    EXPECT_THAT(lines[0], StartsWith("error opening extension library " + path + ": '"));
-    EXPECT_EQ(lines[0].back(), '\'');
-    // The loader's own reason is quoted (it names the file).
-    EXPECT_THAT(lines[0], HasSubstr(": '" + path));
-}
-
-TEST_F(ControllerTest, LibraryWithoutAnEntryPointIsUnloadedAndNotRemembered) {
-    DataStoreController controller;
-    const std::string no_create = plugin_path("no_create_plugin");
-    const std::string no_destroy = plugin_path("no_destroy_plugin");
-    const std::string scripted = plugin_path("scripted_plugin");
-    std::vector<DataStoreConfig> loaded;
-
-    EXPECT_EQ(error_of([&] { controller.load({config("c", "no_create_plugin")}, loaded); }),
-              "Unable to find create handle for " + no_create);
-    EXPECT_FALSE(is_loaded(no_create));
-
-    // A library loaded earlier in the same call stays loaded and listed.
-    for (int attempt = 0; attempt < 2; ++attempt) {
-        EXPECT_EQ(error_of([&] {
-                      controller.load({config("s"), config("d", "no_destroy_plugin")}, loaded);
-                  }),
-                  "Unable to find destroy handle for " + no_destroy)
-            << "attempt " << attempt;
-        EXPECT_FALSE(is_loaded(no_destroy));
+    for (const auto& [bad, message] : cases) {
+        // A library loaded earlier in the same call stays loaded and listed.
+        EXPECT_EQ(error_of([&] { controller.load({config("s"), bad}, loaded); }), message);
+        EXPECT_FALSE(is_loaded(bad.extension_path + "/" + bad.extension_name)) << message;
     }
-    ASSERT_EQ(loaded.size(), 2u);
-    EXPECT_EQ(loaded[0].instance_name, "s");
-    EXPECT_TRUE(is_loaded(scripted));
-    EXPECT_THAT(controller.load({config("s")}, loaded), ElementsAre(Pair(scripted, kFailed)));
+    EXPECT_EQ(loaded.size(), cases.size());
+    EXPECT_TRUE(is_loaded(plugin_path("scripted_plugin")));
+
+    const auto lines = cerr.lines();
+    ASSERT_EQ(lines.size(), 2u);
+    EXPECT_EQ(lines[0], "opendir failed on " + missing + ": " + std::to_string(ENOENT) + ": " +
+                            std::strerror(ENOENT));
+    // The loader's own reason is quoted; it names the file.
+    EXPECT_THAT(lines[1],
+                StartsWith("error opening extension library " + junk_path + ": '" + junk_path));
+    EXPECT_EQ(lines[1].back(), '\'');
 }
 
-TEST_F(ControllerTest, OpensOneInstancePerConfigFromOneLibrary) {
-    DataStoreController controller;
-    std::vector<DataStoreConfig> configs{config("a"), config("b", "scripted_plugin", "status=0")};
-    DataStoreHandles handles{{config("stale"), std::weak_ptr<DataStoreExtension>()}};
-
-    EXPECT_THAT(controller.open(configs, handles),
-                ElementsAre(Pair("a", kOk), Pair("b", kOk)));
-    ASSERT_EQ(handles.size(), 2u);  // the stale entry was cleared
-    EXPECT_EQ(handles[0].first.instance_name, "a");
-    EXPECT_EQ(handles[1].first.instance_name, "b");
-
-    // The instance name is set before open, which receives the parameters.
-    EXPECT_THAT(trace(), ElementsAre("create", "open a trace=" + trace_path(), "create",
-                                     "open b trace=" + trace_path() + "|status=0"));
-
-    const std::string text = "hi";
-    std::string answer_a, answer_b;
-    EXPECT_EQ(controller.control(handles[0].second, kEchoOp, &text, &answer_a, nullptr), kOk);
-    EXPECT_EQ(controller.control(handles[1].second, kEchoOp, &text, &answer_b, nullptr), kOk);
-    EXPECT_EQ(answer_a, "a:hi");
-    EXPECT_EQ(answer_b, "b:hi");
-}
-
-TEST_F(ControllerTest, OpenCompletesConfigsInPlace) {
-    DataStoreController controller;
-    std::vector<DataStoreConfig> configs{config("")};
-    configs[0].source_types.reset();
-    DataStoreHandles handles;
-    EXPECT_THAT(controller.open(configs, handles), ElementsAre(Pair("vesk_default", kOk)));
-    EXPECT_EQ(configs[0].instance_name, "vesk_default");
-    EXPECT_TRUE(configs[0].source_types.test(data));
-    ASSERT_EQ(handles.size(), 1u);
-    EXPECT_EQ(handles[0].first.instance_name, "vesk_default");
-}
-
-TEST_F(ControllerTest, OpenOfNothingDoesNothing) {
+TEST_F(ControllerTest, OpenCreatesOneInstancePerConfigAndControlReachesIt) {
     DataStoreController controller;
     std::vector<DataStoreConfig> configs;
-    DataStoreHandles handles{{config("kept"), std::weak_ptr<DataStoreExtension>()}};
+    DataStoreHandles handles{{config("stale"), std::weak_ptr<DataStoreExtension>()}};
     EXPECT_TRUE(controller.open(configs, handles).empty());
-    ASSERT_EQ(handles.size(), 1u);
-    EXPECT_EQ(handles[0].first.instance_name, "kept");
-}
+    EXPECT_EQ(handles.size(), 1u);  // an empty open leaves the list alone
 
-TEST_F(ControllerTest, AlreadyOpenNameThrowsAndLeavesTheFirstInstanceUsable) {
-    DataStoreController controller;
-    std::vector<DataStoreConfig> first{config("a", "scripted_plugin", "op513=1")};
-    DataStoreHandles handles;
-    controller.open(first, handles);
-    const auto a = handles.at(0).second;
+    configs = {config("a", "scripted_plugin", "op513=1|op600=512"), config("")};
+    EXPECT_THAT(controller.open(configs, handles),
+                ElementsAre(Pair("a", kOk), Pair("vesk_default", kOk)));
+    EXPECT_EQ(configs[1].instance_name, "vesk_default");  // completed in place
+    EXPECT_TRUE(configs[1].source_types.test(data));
+    ASSERT_EQ(handles.size(), 2u);  // the stale entry was cleared
+    const auto a = handles[0].second;
 
-    // "b" is opened before "a" is refused; it stays open and listed.
-    std::vector<DataStoreConfig> again{config("b"), config("a")};
-    DataStoreHandles more;
-    EXPECT_EQ(error_of([&] { controller.open(again, more); }),
-              "Extension name/path " + plugin_path("scripted_plugin") + ", instance a already open");
-    ASSERT_EQ(more.size(), 1u);
-    EXPECT_EQ(more[0].first.instance_name, "b");
-    EXPECT_FALSE(more[0].second.expired());
-
-    EXPECT_FALSE(a.expired());
-    EXPECT_EQ(controller.control(a, 513, nullptr, nullptr, nullptr), kFailed);
-    EXPECT_EQ(trace_count("create"), 2);  // "a" and "b", no second "a"
-    EXPECT_EQ(trace_count("destroy"), 0);
-    EXPECT_EQ(trace().back(), "control a 513");
-}
-
-TEST_F(ControllerTest, FailedOpenDestroysTheInstanceWithoutControllingIt) {
-    DataStoreController controller;
-    std::vector<DataStoreConfig> configs{config("f", "open_fails_plugin")};
-    DataStoreHandles handles;
-    EXPECT_EQ(error_of([&] { controller.open(configs, handles); }),
-              "Extension name/path " + plugin_path("open_fails_plugin") + ", instance f open failed");
-    EXPECT_TRUE(handles.empty());
-    EXPECT_THAT(trace(), ElementsAre("create", "open f", "destroy f"));
-    EXPECT_THAT(controller.close({"f"}), ElementsAre(Pair("f", kFailed)));
-
-    // Any status but 0 is a failure.
-    std::vector<DataStoreConfig> scripted{config("g", "scripted_plugin", "open=3")};
-    EXPECT_THAT(error_of([&] { controller.open(scripted, handles); }), HasSubstr("instance g open failed"));
-    EXPECT_EQ(trace().back(), "destroy g");
-    EXPECT_EQ(trace_count("control"), 0);
-}
-
-TEST_F(ControllerTest, NullCreateIsReported) {
-    DataStoreController controller;
-    std::vector<DataStoreConfig> configs{config("n", "null_create_plugin")};
-    DataStoreHandles handles;
-    EXPECT_EQ(error_of([&] { controller.open(configs, handles); }),
-              "Extension name/path " + plugin_path("null_create_plugin") + " create handle failed");
-    EXPECT_TRUE(handles.empty());
-    EXPECT_THAT(controller.close({"n"}), ElementsAre(Pair("n", kFailed)));
-}
-
-TEST_F(ControllerTest, LoadFailureDuringOpenKeepsEarlierInstances) {
-    DataStoreController controller;
-    std::vector<DataStoreConfig> configs{config("a")};
-    DataStoreHandles handles;
-    controller.open(configs, handles);
-
-    vesk::test::CerrCapture cerr;
-    std::vector<DataStoreConfig> bad{config("m", "missing_plugin")};
-    DataStoreHandles none;
-    EXPECT_EQ(error_of([&] { controller.open(bad, none); }),
-              "Invalid extension name/path " + plugin_path("missing_plugin"));
-
-    DataStoreConfig junk = config("j");
-    junk.extension_path = dir_.path();
-    junk.extension_name = "libjunk.so";
-    const std::string junk_path = dir_.write("libjunk.so", "#!/bin/sh\n");
-    std::vector<DataStoreConfig> not_elf{junk};
-    EXPECT_EQ(error_of([&] { controller.open(not_elf, none); }),
-              "unable to load datastore extension " + junk_path);
-
-    const std::string text = "still";
-    std::string answer;
-    EXPECT_EQ(controller.control(handles.at(0).second, kEchoOp, &text, &answer, nullptr), kOk);
-    EXPECT_EQ(answer, "a:still");
-}
-
-TEST_F(ControllerTest, ControlPassesOperationAndStatusThrough) {
-    DataStoreController controller;
-    std::vector<DataStoreConfig> configs{config("a", "scripted_plugin", "status=0|op513=1|op600=512")};
-    DataStoreHandles handles;
-    controller.open(configs, handles);
-    const auto a = handles.at(0).second;
-
-    EXPECT_EQ(controller.control(a, 512, nullptr, nullptr, nullptr), kOk);
+    // Operations and statuses pass through to each handle's own instance.
     EXPECT_EQ(controller.control(a, 513, nullptr, nullptr, nullptr), kFailed);
     EXPECT_EQ(controller.control(a, 600, nullptr, nullptr, nullptr),
               DataStoreExtension::UNSUPPORTED_OPERATION);
-    EXPECT_EQ(trace_count("control a "), 3);
-    EXPECT_EQ(trace().back(), "control a 600");
-
+    EXPECT_EQ(controller.control(handles[1].second, 513, nullptr, nullptr, nullptr), kOk);
     // Neither an empty handle nor a closed instance reaches an extension.
-    EXPECT_EQ(controller.control(std::weak_ptr<DataStoreExtension>(), 512, nullptr, nullptr, nullptr),
-              kFailed);
+    EXPECT_EQ(controller.control({}, 512, nullptr, nullptr, nullptr), kFailed);
     controller.close({"a"});
     EXPECT_TRUE(a.expired());
     EXPECT_EQ(controller.control(a, 512, nullptr, nullptr, nullptr), kFailed);
-    EXPECT_EQ(trace().back(), "destroy a");
-    EXPECT_EQ(trace_count("control"), 3);
+
+    // The instance name is set before open, which receives the parameters.
+    EXPECT_THAT(trace(),
+                ElementsAre("create", "open a trace=" + trace_path() + "|op513=1|op600=512",
+                            "create", "open vesk_default trace=" + trace_path(), "control a 513",
+                            "control a 600", "control vesk_default 513", "destroy a"));
 }
 
-TEST_F(ControllerTest, CloseMarksMissesFromTheFront) {
+TEST_F(ControllerTest, OpenFailuresThrowTheirTextAndLeaveEarlierInstancesUsable) {
     DataStoreController controller;
-    std::vector<DataStoreConfig> configs{config("a"), config("b")};
+    std::vector<DataStoreConfig> configs{config("a", "scripted_plugin", "op513=1")};
+    DataStoreHandles handles;
+    controller.open(configs, handles);
+    const auto a = handles.at(0).second;
+
+    // "b" is opened before "a" is refused; it stays open and listed.
+    const std::string scripted = plugin_path("scripted_plugin");
+    configs = {config("b"), config("a")};
+    EXPECT_EQ(error_of([&] { controller.open(configs, handles); }),
+              "Extension name/path " + scripted + ", instance a already open");
+    EXPECT_EQ(handles.size(), 1u);
+
+    const std::vector<std::pair<DataStoreConfig, std::string>> cases{
+        // Any status but 0 is a failure; the instance is destroyed unasked.
+        {config("f", "scripted_plugin", "open=3"),
+         "Extension name/path " + scripted + ", instance f open failed"},
+        {config("n", "null_create_plugin"),
+         "Extension name/path " + plugin_path("null_create_plugin") + " create handle failed"},
+        {config("m", "missing_plugin"),
+         "Invalid extension name/path " + plugin_path("missing_plugin")}};
+    vesk::test::CerrCapture cerr;  // the missing library is logged
+    for (const auto& [bad, message] : cases) {
+        configs = {bad};
+        EXPECT_EQ(error_of([&] { controller.open(configs, handles); }), message);
+        EXPECT_TRUE(handles.empty()) << message;
+    }
+    EXPECT_THAT(
+        controller.close({"f", "n", "m", "b"}),
+        ElementsAre(Pair("f", kFailed), Pair("n", kFailed), Pair("m", kFailed), Pair("b", kOk)));
+
+    EXPECT_EQ(controller.control(a, 513, nullptr, nullptr, nullptr), kFailed);
+    // No second "a" was created, and "f" was destroyed without a control call.
+    EXPECT_THAT(trace(), ElementsAre("create", StartsWith("open a "), "create",
+                                     StartsWith("open b "), "create", StartsWith("open f "),
+                                     "destroy f", "destroy b", "control a 513"));
+}
+
+TEST_F(ControllerTest, CloseMarksMissesFromTheFrontAndNothingClosesAll) {
+    DataStoreController controller;
+    std::vector<DataStoreConfig> configs{config("a"), config("b"), config("c")};
     DataStoreHandles handles;
     controller.open(configs, handles);
 
     EXPECT_THAT(controller.close({"a", "x"}), ElementsAre(Pair("x", kFailed), Pair("x", kOk)));
     EXPECT_TRUE(handles[0].second.expired());
     EXPECT_FALSE(handles[1].second.expired());
-
     EXPECT_THAT(controller.close({"x", "b", "y"}),
                 ElementsAre(Pair("x", kFailed), Pair("y", kFailed), Pair("y", kOk)));
     EXPECT_TRUE(handles[1].second.expired());
-    EXPECT_THAT(trace(), ElementsAre("create", StartsWith("open a "), "create",
-                                     StartsWith("open b "), "destroy a", "destroy b"));
-}
-
-TEST_F(ControllerTest, CloseOfNothingClosesEverythingButKeepsLibraries) {
-    DataStoreController controller;
-    std::vector<DataStoreConfig> configs{config("a"), config("b")};
-    DataStoreHandles handles;
-    controller.open(configs, handles);
 
     EXPECT_TRUE(controller.close({}).empty());
-    EXPECT_TRUE(handles[0].second.expired());
-    EXPECT_TRUE(handles[1].second.expired());
-    EXPECT_EQ(trace_count("destroy"), 2);
-    EXPECT_TRUE(is_loaded(plugin_path("scripted_plugin")));
-
-    // The names are free again and the library is reused.
-    DataStoreHandles reopened;
-    EXPECT_THAT(controller.open(configs, reopened), ElementsAre(Pair("a", kOk), Pair("b", kOk)));
+    EXPECT_TRUE(handles[2].second.expired());
+    EXPECT_THAT(trace(), ElementsAre("create", StartsWith("open a "), "create",
+                                     StartsWith("open b "), "create", StartsWith("open c "),
+                                     "destroy a", "destroy b", "destroy c"));
+    EXPECT_TRUE(is_loaded(plugin_path("scripted_plugin")));  // the library stays
 }
 
 TEST_F(ControllerTest, DestructionReleasesInstancesThenLibraries) {
-    const std::vector<std::string> plugins{"scripted_plugin", "open_fails_plugin",
-                                           "null_create_plugin", "no_destroy_plugin",
-                                           "no_create_plugin"};
-    DataStoreHandles handles;
+    const Texts plugins{"scripted_plugin", "null_create_plugin", "no_destroy_plugin",
+                        "no_create_plugin"};
     {
         DataStoreController controller;
         std::vector<DataStoreConfig> good{config("a"), config("b")};
+        DataStoreHandles handles;
         controller.open(good, handles);
         // Every failure path on the way.
-        for (const auto& plugin : {"open_fails_plugin", "null_create_plugin", "no_destroy_plugin",
-                                   "no_create_plugin"}) {
-            std::vector<DataStoreConfig> bad{config(std::string("x-") + plugin, plugin)};
-            DataStoreHandles none;
-            EXPECT_FALSE(error_of([&] { controller.open(bad, none); }).empty()) << plugin;
+        std::vector<DataStoreConfig> bad{config("a"), config("x", "scripted_plugin", "open=1")};
+        for (const auto& plugin : plugins)
+            if (plugin != "scripted_plugin") bad.push_back(config("x-" + plugin, plugin));
+        for (const auto& c : bad) {
+            std::vector<DataStoreConfig> one{c};
+            EXPECT_FALSE(error_of([&] { controller.open(one, handles); }).empty())
+                << c.instance_name;
         }
-        std::vector<DataStoreConfig> dup{config("a")};
-        DataStoreHandles none;
-        EXPECT_FALSE(error_of([&] { controller.open(dup, none); }).empty());
-        EXPECT_TRUE(is_loaded(plugin_path("scripted_plugin")));
     }
-    EXPECT_TRUE(handles[0].second.expired());
-    EXPECT_TRUE(handles[1].second.expired());
     // Every instance created was destroyed, and no library stays mapped.
-    EXPECT_EQ(trace_count("create"), 3);
-    EXPECT_EQ(trace_count("destroy"), 3);
+    EXPECT_THAT(trace(), UnorderedElementsAre("create", "create", "create", StartsWith("open a "),
+                                              StartsWith("open b "), StartsWith("open x "),
+                                              "destroy x", "destroy a", "destroy b"));
     for (const auto& plugin : plugins) EXPECT_FALSE(is_loaded(plugin_path(plugin))) << plugin;
+}
+
+// ---- the parameter pack and parameter strings ----
+
+TEST(ParameterPackTest, LookupInsertsAndCopiesShareContents) {
+    ParameterPack pack;
+    EXPECT_EQ(pack["source"], "");
+    pack["source"] = "a.db";
+    ParameterPack copy = pack;
+    copy["read_only"] = "true";
+    EXPECT_EQ(pack["read_only"], "true");
+    // A const lookup of a missing key inserts it too: it hands out the stored value.
+    const ParameterPack& view = pack;
+    view.const_lookup("fresh") = "x";
+    EXPECT_EQ(pack["fresh"], "x");
+    EXPECT_EQ(&view.const_lookup("source"), &pack["source"]);
+    EXPECT_EQ(ParameterPack()["source"], "");
+}
+
+TEST(ParseSqliteParamsTest, Cases) {
+    // (parameters, result, source, read_only), starting from "unset" and true.
+    const std::vector<std::tuple<std::string, bool, std::string, bool>> cases{
+        {"source=a.db|read_only=true", true, "a.db", true},
+        // Blanks around keys and values are stripped; "true" is case-sensitive.
+        {" source = a.db | read_only = TRUE ", true, "a.db", false},
+        // The last of a repeated key wins; unknown keys are ignored.
+        {"source=a|source=b|mode=x|read_only=true|read_only=false", true, "b", false},
+        {"", true, "unset", true},
+        {"|source=a.db||", true, "a.db", true},
+        // A malformed item stops the parse; what came before it stays.
+        {"source=a=b", false, "unset", true},
+        {"source=a.db|read_only|read_only=false", false, "a.db", true},
+        {"source=", false, "unset", true},  // the empty value is dropped: one piece
+        // The default string keeps the quotes and the unexpanded "$HOME".
+        {"read_only=false|source=\"" + DEFAULT_DATA_SOURCE + "\"", true,
+         "\"" + DEFAULT_DATA_SOURCE + "\"", false}};
+    for (const auto& [parameters, ok, source, read_only] : cases) {
+        std::string parsed_source = "unset";
+        bool parsed_read_only = true;
+        EXPECT_EQ(parse_sqlite_params(parameters, parsed_source, parsed_read_only), ok)
+            << parameters;
+        EXPECT_EQ(parsed_source, source) << parameters;
+        EXPECT_EQ(parsed_read_only, read_only) << parameters;
+    }
+}
+
+TEST(ListHelpersTest, InAndPrune) {
+    const Texts list{"a", "b", "a"};
+    EXPECT_TRUE(in(list, std::string("b")));
+    EXPECT_FALSE(in(list, std::string("A")));
+    EXPECT_TRUE(in(list, Texts{}));
+    EXPECT_TRUE(in(list, Texts{"a", "b", "b"}));
+    EXPECT_FALSE(in(list, Texts{"a", "c"}));
+    EXPECT_EQ(prune(list, {"b"}), (Texts{"a", "a"}));
+    EXPECT_EQ(prune(list, {}), list);
+    EXPECT_TRUE(prune(list, {"a", "b"}).empty());
 }
 
 }  // namespace
