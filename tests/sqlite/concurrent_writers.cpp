@@ -5,38 +5,41 @@
 // writer gave up and no read failed.
 //
 // Usage: sqlite_concurrent_writers [writers] [rows per writer] [readers]
-#include <atomic>
 #include <chrono>
 #include <cstdio>
-#include <cstdlib>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include "vesk/datastore/vocabulary.h"
 
-#include "sqlite/row_generator.h"
 #include "sqlite/sqlite_test_util.h"
 #include "test_support.h"
 
 namespace {
 
-namespace vd = vesk::datastore;
+using namespace vesk::test;
 constexpr size_t kMaxBatch = 60;
 
-// Writes batches until `rows` rows are in; the last batch is cut to fit.
-[[noreturn]] void writer_main(const std::string& db, uint64_t writer, size_t rows) {
+// Batch `batch` of `writer`, cut to the `left` rows the writer still owes.
+std::vector<vd::InsertRecord> batch_of(uint64_t writer, uint64_t batch, size_t left) {
+    auto rows = make_batch(writer, batch, kMaxBatch);
+    if (rows.size() > left) rows.resize(left);
+    return rows;
+}
+
+SqliteInstance open_or_exit(const std::string& db, bool read_only) {
     int32_t status = -1;
-    auto ext = vesk::test::open_sqlite(vesk::test::params_for(db), &status);
+    auto ext = open_sqlite(params_for(db, read_only), &status);
     if (status != 0) _exit(3);
-    size_t written = 0;
-    for (uint64_t batch = 0; written < rows; ++batch) {
-        auto records = vesk::test::make_batch(writer, batch, kMaxBatch);
-        if (records.size() > rows - written) records.resize(rows - written);
-        const int32_t rc = vesk::test::is_single(writer, batch)
-                               ? vesk::test::insert_record(*ext, records[0])
-                               : vesk::test::bulk_insert(*ext, records);
-        if (rc != 0) _exit(4);
+    return ext;
+}
+
+[[noreturn]] void writer_main(const std::string& db, uint64_t writer, size_t rows) {
+    auto ext = open_or_exit(db, false);
+    for (uint64_t batch = 0, written = 0; written < rows; ++batch) {
+        const auto records = batch_of(writer, batch, rows - written);
+        if (write_batch(*ext, writer, batch, records) != 0) _exit(4);
         written += records.size();
     }
     ext.reset();
@@ -46,22 +49,17 @@ constexpr size_t kMaxBatch = 60;
 // Queries in a loop until told to stop; every query must succeed, and the
 // number of rows seen never goes down.
 [[noreturn]] void reader_main(const std::string& db, bool read_only) {
-    int32_t status = -1;
-    auto ext = vesk::test::open_sqlite(vesk::test::params_for(db, read_only), &status);
-    if (status != 0) _exit(3);
+    auto ext = open_or_exit(db, read_only);
     static volatile sig_atomic_t stop = 0;
     ::signal(SIGTERM, [](int) { stop = 1; });
-    size_t seen = 0;
-    while (!stop) {
+    for (size_t seen = 0; !stop; ::usleep(20000)) {
         std::vector<vd::Row> rows;
         if (!ext->select("SELECT rowid, Provider, Hostname FROM vesk_1", rows, vd::row_field_index))
             _exit(6);
         if (rows.size() < seen) _exit(7);
         seen = rows.size();
-        std::vector<vd::Row> latest;
         vd::ReadParameters request{{"prov0", "prov3"}, {"host1", "host2"}, {}, nullptr};
-        if (ext->control(vd::OP_LATEST_ROWS_PROVIDER, &request, &latest, nullptr) != 0) _exit(8);
-        ::usleep(20000);
+        if (ext->control(vd::OP_LATEST_ROWS_PROVIDER, &request, &rows, nullptr) != 0) _exit(8);
     }
     ext.reset();
     _exit(0);
@@ -72,92 +70,53 @@ constexpr size_t kMaxBatch = 60;
 int main(int argc, char** argv) {
     const int writers = argc > 1 ? std::atoi(argv[1]) : 16;
     const size_t rows_per_writer =
-        argc > 2 ? std::strtoul(argv[2], nullptr, 10) : 5000 / vesk::test::count_divisor();
+        argc > 2 ? std::strtoul(argv[2], nullptr, 10) : 5000 / count_divisor();
     const int readers = argc > 3 ? std::atoi(argv[3]) : 4;
-    vesk::test::TempDir temp;
+    const TempDir temp;
     const std::string db = temp.file("shared.db");
-    vesk::test::SqlitePlugin::get();
-    {
-        int32_t status = -1;
-        auto ext = vesk::test::open_sqlite(vesk::test::params_for(db), &status);
-        if (status != 0) return std::fprintf(stderr, "cannot create %s\n", db.c_str()), 1;
-    }
+    int32_t status = -1;
+    open_sqlite(params_for(db), &status);  // creates the file and its schema
+    if (status != 0) return std::fprintf(stderr, "cannot create %s\n", db.c_str()), 1;
     const auto start = std::chrono::steady_clock::now();
-    std::vector<pid_t> reader_pids;
-    for (int r = 0; r < readers; ++r) {
-        const pid_t pid = ::fork();
-        if (pid == 0) reader_main(db, r % 2 == 1);
-        reader_pids.push_back(pid);
-    }
-    std::vector<pid_t> writer_pids;
-    for (int w = 0; w < writers; ++w) {
-        const pid_t pid = ::fork();
-        if (pid == 0) writer_main(db, static_cast<uint64_t>(w) + 1, rows_per_writer);
-        writer_pids.push_back(pid);
-    }
+    std::vector<pid_t> reader_pids, writer_pids;
+    for (int r = 0; r < readers; ++r)
+        if ((reader_pids.emplace_back(::fork())) == 0) reader_main(db, r % 2 == 1);
+    for (int w = 1; w <= writers; ++w)
+        if ((writer_pids.emplace_back(::fork())) == 0)
+            writer_main(db, static_cast<uint64_t>(w), rows_per_writer);
     int failures = 0;
-    for (pid_t pid : writer_pids) {
+    auto reap = [&failures](pid_t pid, const char* who) {
         int wstatus = 0;
         ::waitpid(pid, &wstatus, 0);
-        if (!WIFEXITED(wstatus) || WEXITSTATUS(wstatus) != 0) {
-            std::fprintf(stderr, "a writer gave up (status %d)\n", wstatus);
-            ++failures;
-        }
-    }
+        if (WIFEXITED(wstatus) && WEXITSTATUS(wstatus) == 0) return;
+        std::fprintf(stderr, "a %s failed (status %d)\n", who, wstatus);
+        ++failures;
+    };
+    for (pid_t pid : writer_pids) reap(pid, "writer");
     const double seconds =
         std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     for (pid_t pid : reader_pids) ::kill(pid, SIGTERM);
-    for (pid_t pid : reader_pids) {
-        int wstatus = 0;
-        ::waitpid(pid, &wstatus, 0);
-        if (!WIFEXITED(wstatus) || WEXITSTATUS(wstatus) != 0) {
-            std::fprintf(stderr, "a reader failed (status %d)\n", wstatus);
-            ++failures;
-        }
-    }
+    for (pid_t pid : reader_pids) reap(pid, "reader");
     if (failures) return 1;
 
-    // Every row once, with the content its batch must have.
-    int32_t status = -1;
-    auto ext = vesk::test::open_sqlite(vesk::test::params_for(db, true), &status);
-    std::vector<vd::Row> rows;
-    if (status != 0 ||
-        !ext->select("SELECT * FROM vesk_1 ORDER BY rowid", rows, vd::row_field_index))
-        return std::fprintf(stderr, "cannot read back\n"), 1;
+    // Exactly the rows written, each batch once with the content it must have.
+    auto found = rows_by_batch(*open_sqlite(params_for(db, true)), "");
+    size_t total = 0;
+    for (const auto& batch : found) total += batch.second.size();
     const size_t expected_total = static_cast<size_t>(writers) * rows_per_writer;
-    if (rows.size() != expected_total)
-        return std::fprintf(stderr, "%zu rows, expected %zu\n", rows.size(), expected_total), 1;
-    std::map<std::string, std::vector<const vd::Row*>> by_batch;
-    for (const auto& row : rows) by_batch[row.OptionID].push_back(&row);
-    size_t matched = 0;
+    if (total != expected_total)
+        return std::fprintf(stderr, "%zu rows, expected %zu\n", total, expected_total), 1;
     for (int w = 1; w <= writers; ++w) {
-        size_t written = 0;
-        for (uint64_t batch = 0; written < rows_per_writer; ++batch) {
-            auto expected = vesk::test::make_batch(static_cast<uint64_t>(w), batch, kMaxBatch);
-            if (expected.size() > rows_per_writer - written)
-                expected.resize(rows_per_writer - written);
+        const auto writer = static_cast<uint64_t>(w);
+        for (uint64_t batch = 0, written = 0; written < rows_per_writer; ++batch) {
+            const auto expected = batch_of(writer, batch, rows_per_writer - written);
             written += expected.size();
-            const auto& found = by_batch[vesk::test::batch_tag(static_cast<uint64_t>(w), batch)];
-            if (found.size() != expected.size())
-                return std::fprintf(stderr, "batch %d-%llu: %zu rows, expected %zu\n", w,
-                                    static_cast<unsigned long long>(batch), found.size(),
-                                    expected.size()),
-                       1;
-            for (size_t i = 0; i < found.size(); ++i) {
-                const auto& e = expected[i];
-                const auto& f = *found[i];
-                if (f.STDOUT != e.std_out || f.STDERR != e.std_err ||
-                    f.Provider != e.header.provider || f.Hostname != e.header.hostname ||
-                    f.Timestamp != e.header.timestamp)
-                    return std::fprintf(stderr, "batch %d-%llu row %zu differs\n", w,
-                                        static_cast<unsigned long long>(batch), i),
-                           1;
-                ++matched;
-            }
+            const auto tag = batch_tag(writer, batch);
+            const std::string problem = check_batch(found[tag], expected, tag);
+            if (!problem.empty()) return std::fprintf(stderr, "%s\n", problem.c_str()), 1;
         }
     }
-    if (matched != expected_total) return std::fprintf(stderr, "rows written twice\n"), 1;
     std::printf("%d writers x %zu rows with %d readers: %zu rows, all once, in %.1f s\n", writers,
-                rows_per_writer, readers, matched, seconds);
+                rows_per_writer, readers, total, seconds);
     return 0;
 }

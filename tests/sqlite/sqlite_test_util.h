@@ -1,16 +1,19 @@
 #pragma once
 // Helpers of the SQLite extension's tests: the staged libsqlite.so loaded
 // for real with dlopen, instances made through its "create" and released
-// through its "destroy", sample rows, and a few raw SQLite looks at a file.
+// through its "destroy", sample rows, raw SQLite looks at a file, and the
+// deterministic batches of the process tests.
 
+#include <cstdint>
+#include <cstdlib>
 #include <dlfcn.h>
 #include <filesystem>
-#include <functional>
+#include <map>
 #include <memory>
 #include <set>
 #include <stdexcept>
 #include <string>
-#include <sys/stat.h>
+#include <tuple>
 #include <vector>
 
 #include <sqlite3.h>
@@ -18,45 +21,39 @@
 #include "vesk/datastore/interface.h"
 #include "vesk/datastore/records.h"
 #include "vesk/datastore/sqlite_extension.h"
+#include "vesk/datastore/vocabulary.h"
 
 namespace vesk::test {
 
-inline std::string sqlite_plugin_path() {
-    return std::string(VESK_STAGE_DIR) + "/datastore/lumok64/libsqlite.so";
+namespace vd = vesk::datastore;
+
+// "create" and "destroy" of the staged plugin, loaded once per process and kept.
+struct SqlitePlugin {
+    vd::CreateExtensionFn create;
+    vd::DestroyExtensionFn destroy;
+};
+inline const SqlitePlugin& sqlite_plugin() {
+    static const SqlitePlugin plugin = [] {
+        const std::string path = std::string(VESK_STAGE_DIR) + "/datastore/lumok64/libsqlite.so";
+        void* handle = ::dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+        if (handle == nullptr) throw std::runtime_error(std::string("dlopen: ") + ::dlerror());
+        const SqlitePlugin p{reinterpret_cast<vd::CreateExtensionFn>(::dlsym(handle, "create")),
+                             reinterpret_cast<vd::DestroyExtensionFn>(::dlsym(handle, "destroy"))};
+        if (!p.create || !p.destroy) throw std::runtime_error(path + " lacks create/destroy");
+        return p;
+    }();
+    return plugin;
 }
 
-// The plugin library, loaded once per process and kept.
-class SqlitePlugin {
-public:
-    static SqlitePlugin& get() {
-        static SqlitePlugin plugin;
-        return plugin;
-    }
-    vesk::datastore::CreateExtensionFn create = nullptr;
-    vesk::datastore::DestroyExtensionFn destroy = nullptr;
-
-private:
-    SqlitePlugin() {
-        void* handle = ::dlopen(sqlite_plugin_path().c_str(), RTLD_NOW | RTLD_LOCAL);
-        if (handle == nullptr) throw std::runtime_error(std::string("dlopen: ") + ::dlerror());
-        create = reinterpret_cast<vesk::datastore::CreateExtensionFn>(::dlsym(handle, "create"));
-        destroy = reinterpret_cast<vesk::datastore::DestroyExtensionFn>(::dlsym(handle, "destroy"));
-        if (!create || !destroy) throw std::runtime_error("libsqlite.so lacks create/destroy");
-    }
-};
-
 struct PluginDeleter {
-    void operator()(vesk::datastore::interface* p) const { SqlitePlugin::get().destroy(p); }
+    void operator()(vd::interface* p) const { sqlite_plugin().destroy(p); }
 };
-using SqliteInstance = std::unique_ptr<vesk::datastore::interface, PluginDeleter>;
+using SqliteInstance = std::unique_ptr<vd::interface, PluginDeleter>;
 
 // A new instance, opened with `parameters`; `status` receives open's answer.
 inline SqliteInstance open_sqlite(const std::string& parameters, int32_t* status = nullptr) {
-    vesk::datastore::DataStoreExtension* raw = SqlitePlugin::get().create();
-    if (raw == nullptr) throw std::runtime_error("create returned null");
-    auto* sql = dynamic_cast<vesk::datastore::interface*>(raw);
-    if (sql == nullptr) throw std::runtime_error("libsqlite.so instance is not an interface");
-    SqliteInstance instance(sql);
+    SqliteInstance instance(dynamic_cast<vd::interface*>(sqlite_plugin().create()));
+    if (!instance) throw std::runtime_error("libsqlite.so made no interface instance");
     instance->instance_name = "test_sqlite";
     const int32_t rc = instance->open(parameters);
     if (status) *status = rc;
@@ -69,73 +66,71 @@ inline std::string params_for(const std::string& file, bool read_only = false,
 }
 
 // One sample row; `n` makes it distinct.
-inline vesk::datastore::InsertRecord sample_record(const std::string& provider,
-                                                   const std::string& host, int64_t run,
-                                                   int n = 0) {
-    vesk::datastore::InsertRecord r;
-    r.header.provider = provider;
-    r.header.hostname = host;
-    r.header.num_nodes = 2;
-    r.header.node_names = {host, host + "-peer"};
-    r.header.exit_status = n % 3;
-    r.header.timestamp = 1500000000 + n;
-    r.header.duration = 0.25 * n;
-    r.header.encoding = vesk::provider::encoding::base64;
-    r.header.version = 3;
-    r.header.username = "tester";
-    r.header.unique_timestamp = run;
+inline vd::InsertRecord sample_record(const std::string& provider, const std::string& host,
+                                      int64_t run, int n = 0) {
+    vd::InsertRecord r;
+    r.header = {provider, host,           2,        {host, host + "-peer"},
+                n % 3,    1500000000 + n, 0.25 * n, vesk::provider::encoding::base64,
+                3,        "tester",       run};
     r.std_out = "out " + provider + " " + host + " " + std::to_string(n);
     r.std_err = "err " + std::to_string(n);
     r.option_id = "opt" + std::to_string(n % 2);
     return r;
 }
 
-inline int32_t insert_record(vesk::datastore::interface& ext,
-                             const vesk::datastore::InsertRecord& record) {
-    return ext.control(vesk::datastore::OP_INSERT, nullptr,
-                       const_cast<vesk::datastore::InsertRecord*>(&record), nullptr);
+// `count` sample rows of `provider` in run 1.
+inline std::vector<vd::InsertRecord> sample_rows(const std::string& provider, int count) {
+    std::vector<vd::InsertRecord> rows;
+    for (int i = 0; i < count; ++i) rows.push_back(sample_record(provider, "h", 1, i));
+    return rows;
 }
 
-inline int32_t bulk_insert(vesk::datastore::interface& ext,
-                           const std::vector<vesk::datastore::InsertRecord>& records) {
-    return ext.control(vesk::datastore::SQLITE_BULK_INSERT, &records, nullptr, nullptr);
+inline int32_t insert_record(vd::interface& ext, const vd::InsertRecord& record) {
+    return ext.control(vd::OP_INSERT, nullptr, const_cast<vd::InsertRecord*>(&record), nullptr);
 }
 
-// Opens `file` with plain SQLite, read-only, for checks from outside.
-class RawDb {
-public:
-    explicit RawDb(const std::string& file) {
-        if (sqlite3_open_v2(file.c_str(), &db_, SQLITE_OPEN_READONLY, nullptr) != SQLITE_OK)
-            throw std::runtime_error("raw open failed: " + file);
-        sqlite3_busy_timeout(db_, 10000);
-    }
-    ~RawDb() { sqlite3_close(db_); }
-    RawDb(const RawDb&) = delete;
-    RawDb& operator=(const RawDb&) = delete;
+inline int32_t bulk_insert(vd::interface& ext, const std::vector<vd::InsertRecord>& records) {
+    return ext.control(vd::SQLITE_BULK_INSERT, &records, nullptr, nullptr);
+}
 
-    // The first column of every result row, as text.
-    std::vector<std::string> column(const std::string& sql) const {
-        sqlite3_stmt* stmt = nullptr;
-        if (sqlite3_prepare_v2(db_, sql.c_str(), -1, &stmt, nullptr) != SQLITE_OK)
-            throw std::runtime_error(std::string("raw prepare: ") + sqlite3_errmsg(db_));
-        std::vector<std::string> out;
-        int rc;
-        while ((rc = sqlite3_step(stmt)) == SQLITE_ROW) {
-            const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(stmt, 0));
-            out.emplace_back(text ? std::string(text, sqlite3_column_bytes(stmt, 0)) : "");
-        }
-        sqlite3_finalize(stmt);
-        if (rc != SQLITE_DONE)
-            throw std::runtime_error(std::string("raw step: ") + sqlite3_errmsg(db_));
-        return out;
-    }
-    long long count(const std::string& table = "provider_datastore") const {
-        return std::stoll(column("SELECT count(*) FROM " + table).at(0));
-    }
+// Whether `row` holds `record`, every field byte for byte.
+inline bool same(const vd::Row& row, const vd::InsertRecord& record) {
+    const auto& h = record.header;
+    return std::tie(row.Provider, row.Hostname, row.num_nodes, row.node_names, row.Exit_status,
+                    row.Timestamp, row.Duration, row.STDOUT, row.STDERR, row.OptionID, row.version,
+                    row.Username, row.Unique_timestamp) ==
+               std::tie(h.provider, h.hostname, h.num_nodes, h.node_names, h.exit_status,
+                        h.timestamp, h.duration, record.std_out, record.std_err, record.option_id,
+                        h.version, h.username, h.unique_timestamp) &&
+           row.Encoding == static_cast<int32_t>(h.encoding);
+}
 
-private:
-    sqlite3* db_ = nullptr;
-};
+// Column `c` of every result row of `sql` on `file`, as text, through plain
+// SQLite (read-only unless `writable`): a look from outside the extension.
+inline std::vector<std::string> raw_column(const std::string& file, const std::string& sql,
+                                           int c = 0, bool writable = false) {
+    sqlite3* db = nullptr;
+    sqlite3_stmt* stmt = nullptr;
+    sqlite3_open_v2(file.c_str(), &db, writable ? SQLITE_OPEN_READWRITE : SQLITE_OPEN_READONLY,
+                    nullptr);
+    sqlite3_busy_timeout(db, 10000);
+    int rc = sqlite3_prepare_v2(db, sql.c_str(), -1, &stmt, nullptr);
+    std::vector<std::string> out;
+    while (rc == SQLITE_OK && (rc = sqlite3_step(stmt)) == SQLITE_ROW) {
+        const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(stmt, c));
+        out.emplace_back(text ? std::string(text, sqlite3_column_bytes(stmt, c)) : "");
+        rc = SQLITE_OK;
+    }
+    const std::string error = sqlite3_errmsg(db);
+    sqlite3_finalize(stmt);
+    sqlite3_close(db);
+    if (rc != SQLITE_DONE) throw std::runtime_error("raw SQLite on " + file + ": " + error);
+    return out;
+}
+inline long long raw_count(const std::string& file,
+                           const std::string& table = "provider_datastore") {
+    return std::stoll(raw_column(file, "SELECT count(*) FROM " + table).at(0));
+}
 
 // Names of the files in `dir`.
 inline std::set<std::string> files_in(const std::string& dir) {
@@ -143,6 +138,106 @@ inline std::set<std::string> files_in(const std::string& dir) {
     for (const auto& e : std::filesystem::directory_iterator(dir))
         out.insert(e.path().filename().string());
     return out;
+}
+
+// ---- Deterministic rows for the process tests: a batch is known by
+// (writer, batch number), and its size and every byte of its rows follow from
+// those two numbers, so a checker can regenerate what a killed writer was
+// writing.
+
+// VESK_SQLITE_SCALE, a divisor of the default counts of the process tests
+// (1 when unset or not a positive number).
+inline int count_divisor() {
+    const char* text = std::getenv("VESK_SQLITE_SCALE");
+    return text && std::atoi(text) > 0 ? std::atoi(text) : 1;
+}
+
+// Small, fast generator (xorshift64*).
+class Random {
+public:
+    explicit Random(uint64_t seed) : state_(seed * 0x9E3779B97F4A7C15ull + 1) {}
+    uint64_t next() {
+        state_ ^= state_ >> 12;
+        state_ ^= state_ << 25;
+        state_ ^= state_ >> 27;
+        return state_ * 0x2545F4914F6CDD1Dull;
+    }
+    // Uniform in [0, n).
+    uint64_t below(uint64_t n) { return n == 0 ? 0 : next() % n; }
+
+private:
+    uint64_t state_;
+};
+
+// "<writer>-<batch>": the OptionID that marks every row of one batch.
+inline std::string batch_tag(uint64_t writer, uint64_t batch) {
+    return std::to_string(writer) + "-" + std::to_string(batch);
+}
+
+// Whether batch `batch` of `writer` is written as one single insert (about
+// one in three) or as a bulk insert.
+inline bool is_single(uint64_t writer, uint64_t batch) {
+    return Random(writer * 7919ull + batch * 31ull + 5).below(3) == 0;
+}
+
+// The rows of one batch: 1 row for a single insert, else 1 to `max_rows`.
+inline std::vector<vd::InsertRecord> make_batch(uint64_t writer, uint64_t batch, size_t max_rows) {
+    Random random(writer * 1000003ull + batch);
+    std::vector<vd::InsertRecord> rows(is_single(writer, batch) ? 1 : 1 + random.below(max_rows));
+    for (size_t i = 0; i < rows.size(); ++i) {
+        auto& r = rows[i];
+        r.header.provider = "prov" + std::to_string(random.below(5));
+        r.header.hostname = "host" + std::to_string(random.below(13));
+        r.header.num_nodes = 1;
+        r.header.node_names = {r.header.hostname};
+        r.header.exit_status = static_cast<int32_t>(random.below(3));
+        r.header.timestamp = static_cast<int64_t>(i);
+        r.header.duration = static_cast<double>(random.below(1000)) / 8.0;
+        r.header.version = 1;
+        r.header.username = "w" + std::to_string(writer);
+        r.header.unique_timestamp = static_cast<int64_t>(writer * 1000000 + batch);
+        r.option_id = batch_tag(writer, batch);
+        // Mostly short outputs, now and then one that spans overflow pages;
+        // every byte value occurs.
+        r.std_out.resize(random.below(64) == 0 ? 8000 + random.below(8000) : random.below(400));
+        r.std_err.resize(random.below(64));
+        for (std::string* text : {&r.std_out, &r.std_err})
+            for (auto& c : *text) c = static_cast<char>(random.next() >> 56);
+    }
+    return rows;
+}
+
+// Writes one batch the way its numbers say: a single insert or a bulk insert.
+inline int32_t write_batch(vd::interface& ext, uint64_t writer, uint64_t batch,
+                           const std::vector<vd::InsertRecord>& rows) {
+    return is_single(writer, batch) ? insert_record(ext, rows[0]) : bulk_insert(ext, rows);
+}
+
+// The rows of the datastore (those matching `where`, when given) read
+// through `ext`, by batch tag, each batch in rowid order.
+inline std::map<std::string, std::vector<vd::Row>> rows_by_batch(vd::interface& ext,
+                                                                 const std::string& where) {
+    std::vector<vd::Row> rows;
+    const std::string filter = where.empty() ? "" : " WHERE " + where;
+    if (!ext.select("SELECT * FROM vesk_1" + filter + " ORDER BY rowid", rows, vd::row_field_index))
+        throw std::runtime_error("cannot read the rows back");
+    std::map<std::string, std::vector<vd::Row>> out;
+    for (auto& row : rows) out[row.OptionID].push_back(std::move(row));
+    return out;
+}
+
+// Empty when `found` holds exactly the rows `expected`, byte for byte;
+// otherwise what differs.
+inline std::string check_batch(const std::vector<vd::Row>& found,
+                               const std::vector<vd::InsertRecord>& expected,
+                               const std::string& tag) {
+    if (found.size() != expected.size())
+        return "batch " + tag + " has " + std::to_string(found.size()) + " of " +
+               std::to_string(expected.size()) + " rows";
+    for (size_t i = 0; i < found.size(); ++i)
+        if (!same(found[i], expected[i]))
+            return "row " + std::to_string(i) + " of batch " + tag + " differs";
+    return "";
 }
 
 }  // namespace vesk::test
