@@ -8,8 +8,7 @@
 //                  The file is only known once open arrives, so "create" is
 //                  written then, just before "open".
 //   open=<n>       status that open returns (default 0)
-//   status=<n>     status that control returns for every op (default 0)
-//   op<code>=<n>   status that control returns for op <code>; beats status
+//   op<code>=<n>   status that control returns for op <code> (default 0)
 //
 // No std::map or std::to_string here: they give the module STB_GNU_UNIQUE
 // symbols, and such a library is never unloaded, which would hide whether the
@@ -50,8 +49,7 @@ public:
             char code[8];
             std::snprintf(code, sizeof code, "%u", static_cast<unsigned>(op));
             trace("control " + instance_name + " " + code);
-            return status_of(parameters_, std::string("op") + code,
-                             status_of(parameters_, "status", OPERATION_SUCCESSFULL));
+            return status_of(parameters_, std::string("op") + code, OPERATION_SUCCESSFULL);
         } catch (...) {
             return OPERATION_UNSUCCESSFULL;
         }

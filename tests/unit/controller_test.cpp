@@ -22,6 +22,7 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::Pair;
 using ::testing::StartsWith;
+using ::testing::ThrowsMessage;
 using ::testing::UnorderedElementsAre;
 using Texts = std::vector<std::string>;
 
@@ -37,17 +38,6 @@ bool is_loaded(const std::string& path) {
     void* handle = ::dlopen(path.c_str(), RTLD_LAZY | RTLD_NOLOAD);
     if (handle != nullptr) ::dlclose(handle);
     return handle != nullptr;
-}
-
-// The message of the std::runtime_error that `call` throws ("" if none).
-template <typename Call>
-std::string error_of(Call&& call) {
-    try {
-        call();
-    } catch (const std::runtime_error& e) {
-        return e.what();
-    }
-    return "";
 }
 
 class ControllerTest : public ::testing::Test {
@@ -146,7 +136,11 @@ TEST_F(ControllerTest, LoadFailuresThrowTheirTextAndUnloadTheLibrary) {
     std::vector<DataStoreConfig> loaded;
     for (const auto& [bad, message] : cases) {
         // A library loaded earlier in the same call stays loaded and listed.
-        EXPECT_EQ(error_of([&] { controller.load({config("s"), bad}, loaded); }), message);
+        EXPECT_THAT(
+            [&] {
+                controller.load({config("s"), bad}, loaded);
+            },
+            ThrowsMessage<std::runtime_error>(message));
         EXPECT_FALSE(is_loaded(bad.extension_path + "/" + bad.extension_name)) << message;
     }
     EXPECT_EQ(loaded.size(), cases.size());
@@ -205,8 +199,9 @@ TEST_F(ControllerTest, OpenFailuresThrowTheirTextAndLeaveEarlierInstancesUsable)
     // "b" is opened before "a" is refused; it stays open and listed.
     const std::string scripted = plugin_path("scripted_plugin");
     configs = {config("b"), config("a")};
-    EXPECT_EQ(error_of([&] { controller.open(configs, handles); }),
-              "Extension name/path " + scripted + ", instance a already open");
+    EXPECT_THAT([&] { controller.open(configs, handles); },
+                ThrowsMessage<std::runtime_error>("Extension name/path " + scripted +
+                                                  ", instance a already open"));
     EXPECT_EQ(handles.size(), 1u);
 
     const std::vector<std::pair<DataStoreConfig, std::string>> cases{
@@ -220,7 +215,8 @@ TEST_F(ControllerTest, OpenFailuresThrowTheirTextAndLeaveEarlierInstancesUsable)
     vesk::test::CerrCapture cerr;  // the missing library is logged
     for (const auto& [bad, message] : cases) {
         configs = {bad};
-        EXPECT_EQ(error_of([&] { controller.open(configs, handles); }), message);
+        EXPECT_THAT([&] { controller.open(configs, handles); },
+                    ThrowsMessage<std::runtime_error>(message));
         EXPECT_TRUE(handles.empty()) << message;
     }
     EXPECT_THAT(
@@ -266,7 +262,7 @@ TEST_F(ControllerTest, DestructionReleasesInstancesThenLibraries) {
                                 config("n", "null_create_plugin"), config("d", "no_destroy_plugin"),
                                 config("c", "no_create_plugin")}) {
             configs = {bad};
-            EXPECT_FALSE(error_of([&] { controller.open(configs, handles); }).empty());
+            EXPECT_THROW(controller.open(configs, handles), std::runtime_error);
         }
     }
     // Every instance created was destroyed, and no library stays mapped.
