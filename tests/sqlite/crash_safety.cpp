@@ -15,7 +15,6 @@
 #include <signal.h>
 #include <sys/wait.h>
 #include <thread>
-#include <unistd.h>
 
 #include "sqlite/sqlite_test_util.h"
 #include "test_support.h"
@@ -26,12 +25,10 @@ using namespace vesk::test;
 constexpr size_t kMaxBatch = 40;
 
 [[noreturn]] void write_until_killed(const std::string& db, uint64_t writer, int ack_fd) {
-    int32_t status = -1;
-    auto ext = open_sqlite(params_for(db), &status);
-    if (status != 0) _exit(3);
+    auto ext = open_or_exit(db);
     // Now and then a writer stops by itself, so that close is hit as well.
-    Random random(writer);
-    const uint64_t stop_after = random.below(4) == 0 ? random.below(40) : UINT64_MAX;
+    std::mt19937_64 random(writer);
+    const uint64_t stop_after = random() % 4 == 0 ? random() % 40 : UINT64_MAX;
     for (uint64_t batch = 0; batch < stop_after; ++batch) {
         if (write_batch(*ext, writer, batch, make_batch(writer, batch, kMaxBatch)) != 0) _exit(4);
         const std::string ack = std::to_string(batch) + "\n";
@@ -74,7 +71,7 @@ int main(int argc, char** argv) {
     const TempDir temp;
     const std::string db = temp.file("crash.db"), acks = temp.file("acks");
     sqlite_plugin();  // load before forking: children inherit it
-    Random random(static_cast<uint64_t>(::getpid()));
+    std::mt19937_64 random(static_cast<uint64_t>(::getpid()));
     size_t rows_checked = 0;
     const auto start = std::chrono::steady_clock::now();
 
@@ -86,7 +83,7 @@ int main(int argc, char** argv) {
         ::close(ack_fd);
         // Between 0 and 40 ms: the kill falls into open, a write, a commit
         // or close.
-        std::this_thread::sleep_for(std::chrono::microseconds(random.below(40000)));
+        std::this_thread::sleep_for(std::chrono::microseconds(random() % 40000));
         ::kill(pid, SIGKILL);
         int wstatus = 0;
         ::waitpid(pid, &wstatus, 0);
@@ -96,9 +93,7 @@ int main(int argc, char** argv) {
         std::string problem;
         if (WIFEXITED(wstatus) && WEXITSTATUS(wstatus) != 0)
             problem = "the writer failed with exit code " + std::to_string(WEXITSTATUS(wstatus));
-        else if (!std::filesystem::exists(db))
-            problem = acked.empty() ? "" : "the database is lost";
-        else
+        else if (std::filesystem::exists(db) || !acked.empty())  // may be killed before creating it
             try {
                 problem = check(db, writer, acked);
             } catch (const std::exception& e) {

@@ -4,16 +4,19 @@
 // through its "destroy", sample rows, raw SQLite looks at a file, and the
 // deterministic batches of the process tests.
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <dlfcn.h>
 #include <filesystem>
 #include <map>
 #include <memory>
+#include <random>
 #include <set>
 #include <stdexcept>
 #include <string>
 #include <tuple>
+#include <unistd.h>
 #include <vector>
 
 #include <sqlite3.h>
@@ -27,32 +30,32 @@ namespace vesk::test {
 
 namespace vd = vesk::datastore;
 
-// "create" and "destroy" of the staged plugin, loaded once per process and kept.
-struct SqlitePlugin {
-    vd::CreateExtensionFn create;
-    vd::DestroyExtensionFn destroy;
-};
-inline const SqlitePlugin& sqlite_plugin() {
-    static const SqlitePlugin plugin = [] {
-        const std::string path = std::string(VESK_STAGE_DIR) + "/datastore/lumok64/libsqlite.so";
-        void* handle = ::dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
-        if (handle == nullptr) throw std::runtime_error(std::string("dlopen: ") + ::dlerror());
-        const SqlitePlugin p{reinterpret_cast<vd::CreateExtensionFn>(::dlsym(handle, "create")),
-                             reinterpret_cast<vd::DestroyExtensionFn>(::dlsym(handle, "destroy"))};
-        if (!p.create || !p.destroy) throw std::runtime_error(path + " lacks create/destroy");
-        return p;
-    }();
-    return plugin;
+// The staged plugin, loaded once per process and kept.
+inline void* sqlite_plugin() {
+    static void* const handle = ::dlopen(
+        (std::string(VESK_STAGE_DIR) + "/datastore/lumok64/libsqlite.so").c_str(), RTLD_NOW);
+    if (handle == nullptr) throw std::runtime_error(std::string("dlopen: ") + ::dlerror());
+    return handle;
+}
+// The plugin's exported function `name`.
+template <typename Fn>
+Fn plugin_function(const char* name) {
+    auto* fn = reinterpret_cast<Fn>(::dlsym(sqlite_plugin(), name));
+    if (fn == nullptr) throw std::runtime_error(std::string("libsqlite.so lacks ") + name);
+    return fn;
 }
 
 struct PluginDeleter {
-    void operator()(vd::interface* p) const { sqlite_plugin().destroy(p); }
+    void operator()(vd::interface* p) const {
+        plugin_function<vd::DestroyExtensionFn>("destroy")(p);
+    }
 };
 using SqliteInstance = std::unique_ptr<vd::interface, PluginDeleter>;
 
 // A new instance, opened with `parameters`; `status` receives open's answer.
 inline SqliteInstance open_sqlite(const std::string& parameters, int32_t* status = nullptr) {
-    SqliteInstance instance(dynamic_cast<vd::interface*>(sqlite_plugin().create()));
+    SqliteInstance instance(
+        dynamic_cast<vd::interface*>(plugin_function<vd::CreateExtensionFn>("create")()));
     if (!instance) throw std::runtime_error("libsqlite.so made no interface instance");
     instance->instance_name = "test_sqlite";
     const int32_t rc = instance->open(parameters);
@@ -63,6 +66,14 @@ inline SqliteInstance open_sqlite(const std::string& parameters, int32_t* status
 inline std::string params_for(const std::string& file, bool read_only = false,
                               const std::string& more = "") {
     return "source=" + file + "|read_only=" + (read_only ? "true" : "false") + more;
+}
+
+// For a child process: an instance opened on `file`, or exit code 3.
+inline SqliteInstance open_or_exit(const std::string& file, bool read_only = false) {
+    int32_t status = -1;
+    auto ext = open_sqlite(params_for(file, read_only), &status);
+    if (status != 0) _exit(3);
+    return ext;
 }
 
 // One sample row; `n` makes it distinct.
@@ -152,23 +163,6 @@ inline int count_divisor() {
     return text && std::atoi(text) > 0 ? std::atoi(text) : 1;
 }
 
-// Small, fast generator (xorshift64*).
-class Random {
-public:
-    explicit Random(uint64_t seed) : state_(seed * 0x9E3779B97F4A7C15ull + 1) {}
-    uint64_t next() {
-        state_ ^= state_ >> 12;
-        state_ ^= state_ << 25;
-        state_ ^= state_ >> 27;
-        return state_ * 0x2545F4914F6CDD1Dull;
-    }
-    // Uniform in [0, n).
-    uint64_t below(uint64_t n) { return n == 0 ? 0 : next() % n; }
-
-private:
-    uint64_t state_;
-};
-
 // "<writer>-<batch>": the OptionID that marks every row of one batch.
 inline std::string batch_tag(uint64_t writer, uint64_t batch) {
     return std::to_string(writer) + "-" + std::to_string(batch);
@@ -177,32 +171,34 @@ inline std::string batch_tag(uint64_t writer, uint64_t batch) {
 // Whether batch `batch` of `writer` is written as one single insert (about
 // one in three) or as a bulk insert.
 inline bool is_single(uint64_t writer, uint64_t batch) {
-    return Random(writer * 7919ull + batch * 31ull + 5).below(3) == 0;
+    return std::mt19937_64(writer * 7919 + batch * 31 + 5)() % 3 == 0;
 }
 
-// The rows of one batch: 1 row for a single insert, else 1 to `max_rows`.
-inline std::vector<vd::InsertRecord> make_batch(uint64_t writer, uint64_t batch, size_t max_rows) {
-    Random random(writer * 1000003ull + batch);
-    std::vector<vd::InsertRecord> rows(is_single(writer, batch) ? 1 : 1 + random.below(max_rows));
+// The rows of one batch: 1 row for a single insert, else 1 to `max_rows`;
+// at most `left` of them (the rows a writer still owes).
+inline std::vector<vd::InsertRecord> make_batch(uint64_t writer, uint64_t batch, size_t max_rows,
+                                                size_t left = SIZE_MAX) {
+    std::mt19937_64 random(writer * 1000003 + batch);
+    std::vector<vd::InsertRecord> rows(
+        std::min<size_t>(left, is_single(writer, batch) ? 1 : 1 + random() % max_rows));
     for (size_t i = 0; i < rows.size(); ++i) {
         auto& r = rows[i];
-        r.header.provider = "prov" + std::to_string(random.below(5));
-        r.header.hostname = "host" + std::to_string(random.below(13));
+        r.header.provider = "prov" + std::to_string(random() % 5);
+        r.header.hostname = "host" + std::to_string(random() % 13);
         r.header.num_nodes = 1;
         r.header.node_names = {r.header.hostname};
-        r.header.exit_status = static_cast<int32_t>(random.below(3));
+        r.header.exit_status = static_cast<int32_t>(random() % 3);
         r.header.timestamp = static_cast<int64_t>(i);
-        r.header.duration = static_cast<double>(random.below(1000)) / 8.0;
-        r.header.version = 1;
+        r.header.duration = static_cast<double>(random() % 1000) / 8.0;
         r.header.username = "w" + std::to_string(writer);
         r.header.unique_timestamp = static_cast<int64_t>(writer * 1000000 + batch);
         r.option_id = batch_tag(writer, batch);
         // Mostly short outputs, now and then one that spans overflow pages;
         // every byte value occurs.
-        r.std_out.resize(random.below(64) == 0 ? 8000 + random.below(8000) : random.below(400));
-        r.std_err.resize(random.below(64));
+        r.std_out.resize(random() % 64 == 0 ? 8000 + random() % 8000 : random() % 400);
+        r.std_err.resize(random() % 64);
         for (std::string* text : {&r.std_out, &r.std_err})
-            for (auto& c : *text) c = static_cast<char>(random.next() >> 56);
+            for (auto& c : *text) c = static_cast<char>(random() >> 56);
     }
     return rows;
 }
