@@ -23,7 +23,6 @@ public:
 
     int32_t control(uint16_t op, const void* in, void* out, void* extra) override {
         if (op == vesk::test::kRecorderStateCode) {
-            if (out == nullptr) return OPERATION_UNSUCCESSFULL;
             *static_cast<RecorderState**>(out) = &state_;
             return OPERATION_SUCCESSFULL;
         }
@@ -58,22 +57,16 @@ public:
 
 private:
     void record_control(uint16_t op, const void* in, void* out, void* extra) {
-        vesk::test::ControlCall call;
-        call.op = op;
-        call.in = in;
-        call.out = out;
-        call.extra = extra;
+        vesk::test::ControlCall call{op, in, out, extra, {}, {}, {}, {}};
         if (reads_request(op) && in != nullptr) {
             const auto& request = *static_cast<const ds::ReadParameters*>(in);
-            call.request = ds::ReadParameters{request.first, request.second, request.third, nullptr};
+            call.request = {request.first, request.second, request.third, nullptr};
             if (request.sql != nullptr) call.sql = *request.sql;
         }
         if (op == 520 && out != nullptr) call.text = *static_cast<const std::string*>(out);
-        if (op == 518 && out != nullptr) {
-            const auto* snapshots =
-                *static_cast<const std::map<std::string, ds::ProviderInfoSet>* const*>(out);
-            if (snapshots != nullptr) call.snapshots = *snapshots;
-        }
+        using Snapshots = std::map<std::string, ds::ProviderInfoSet>;
+        if (op == 518 && out != nullptr && *static_cast<const Snapshots* const*>(out) != nullptr)
+            call.snapshots = **static_cast<const Snapshots* const*>(out);
         state_.controls.push_back(call);
     }
 

@@ -55,10 +55,10 @@ struct Statement {
 };
 
 struct RecorderState {
-    bool ready = true;                          // what is_open answers
-    bool joins_succeed = true;                  // what select_from_baseline answers
-    std::map<uint16_t, ControlScript> scripts;  // by operation code
-    std::vector<vesk::datastore::Row> rows;     // appended by every select
+    bool ready = true;                                     // what is_open answers
+    bool joins_succeed = true;                             // what select_from_baseline answers
+    std::map<uint16_t, ControlScript> scripts;             // by operation code
+    std::vector<vesk::datastore::Row> rows;                // appended by every select
     std::vector<vesk::datastore::Row_baseline> baselines;  // appended by select_from_baseline
     std::vector<ControlCall> controls;  // every control call but kRecorderStateCode
     std::vector<Statement> selects;     // every select, in order

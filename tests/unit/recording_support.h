@@ -3,17 +3,12 @@
 // through the real controller (real dlopen of librecording_plugin.so),
 // records them in DataStoreParseUtility::db_vec, raises the log level so
 // that the level-7 messages of the front end reach the captured standard
-// error, and resets the process-wide snapshot state.
+// error, and clears the process-wide datastore list and snapshot state.
 
 #include <bitset>
-#include <map>
 #include <memory>
-#include <stdexcept>
-#include <string>
-#include <vector>
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include "plugins/recording_plugin.h"
 #include "test_support.h"
@@ -24,10 +19,10 @@ namespace vesk::test {
 namespace ds = vesk::datastore;
 using P = ds::DataStoreParseUtility;
 using ::testing::ElementsAre;
+using ::testing::Field;
 using ::testing::IsEmpty;
 
-constexpr unsigned long kDataOnly = 0b01;
-constexpr unsigned long kStreamOnly = 0b10;
+constexpr unsigned long kStreamOnly = 0b10;  // serves streams, not data
 
 // A control script answering `status` (appending `rows`), or throwing.
 inline ControlScript answer(int32_t status, std::vector<ds::Row> rows = {}) {
@@ -40,17 +35,6 @@ protected:
     void SetUp() override {
         vesk::log::LOG_LEVEL = 7;
         vesk::log::LOG_OUTPUT = 0;
-        reset_state();
-    }
-
-    void TearDown() override {
-        reset_state();
-        if (controller_) controller_->close({});
-        vesk::log::LOG_LEVEL = saved_level_;
-        vesk::log::LOG_OUTPUT = saved_output_;
-    }
-
-    static void reset_state() {
         P::db_vec.clear();
         P::snapshot_dict.clear();
         P::snapshot_info_set.clear();
@@ -58,9 +42,15 @@ protected:
         P::snapshot_remove_str.clear();
     }
 
-    // Opens a recorder instance `name` serving `types`, appends it to
-    // db_vec and returns its state.
-    RecorderState* add(const std::string& name, unsigned long types = kDataOnly) {
+    void TearDown() override {
+        if (controller_) controller_->close({});
+        vesk::log::LOG_LEVEL = saved_level_;
+        vesk::log::LOG_OUTPUT = saved_output_;
+    }
+
+    // Opens a recorder instance `name` serving `types` ("data" by default),
+    // appends it to db_vec and returns its state.
+    RecorderState* add(const std::string& name, unsigned long types = 0b01) {
         ds::DataStoreConfig config;
         config.type = ds::other;
         config.instance_name = name;
@@ -71,12 +61,11 @@ protected:
         std::vector<ds::DataStoreConfig> configs{config};
         ds::DataStoreHandles handles;
         controller_->open(configs, handles);
-        if (handles.size() != 1) throw std::runtime_error("recorder " + name + " did not open");
-        P::db_vec.push_back(handles.front());
-        handles_[name] = handles.front().second;
+        P::db_vec.push_back(handles.at(0));  // throws when the recorder did not open
+        handles_[name] = handles[0].second;
         RecorderState* state = nullptr;
-        if (control(name, kRecorderStateCode, nullptr, &state) != 0 || state == nullptr)
-            throw std::runtime_error("recorder " + name + " gave no state");
+        control(name, kRecorderStateCode, nullptr, &state);
+        if (state == nullptr) throw std::runtime_error("recorder " + name + " gave no state");
         return state;
     }
 

@@ -18,7 +18,7 @@ namespace {
 namespace ds = vesk::datastore;
 
 // Column `column` of every row that `sql` answers, as text.
-std::vector<std::string> texts(sqlite3* db, const std::string& sql, int column = 0) {
+std::vector<std::string> texts(sqlite3* db, const std::string& sql, int column) {
     std::vector<std::string> out;
     sqlite3_stmt* stmt = nullptr;
     if (sqlite3_prepare_v2(db, sql.c_str(), -1, &stmt, nullptr) != SQLITE_OK) return out;
@@ -35,9 +35,8 @@ TEST(SchemaTest, StatementsRunTwiceAndTheViewReadsTheVersionColumn) {
     tessdb1::Connection* raw = nullptr;
     ASSERT_EQ(tessdb1::newConnection(path.c_str(), 0, &raw), 0);
     std::unique_ptr<tessdb1::Connection> connection(raw);
-    const std::string insert = "INSERT INTO " + ds::table_name +
-                               " (Provider, Hostname, version, Unique_timestamp) VALUES "
-                               "('uname', 'node1', 42, 7);";
+    const std::string insert =
+        "INSERT INTO " + ds::table_name + " (Provider, version) VALUES ('uname', 42);";
     for (const std::string* statement :
          {&ds::default_create_table_query, &ds::default_create_baseline_query,
           &ds::default_create_view_query, &ds::default_create_table_query,
@@ -48,18 +47,19 @@ TEST(SchemaTest, StatementsRunTwiceAndTheViewReadsTheVersionColumn) {
     sqlite3* db = nullptr;
     ASSERT_EQ(sqlite3_open(path.c_str(), &db), SQLITE_OK);
     std::unique_ptr<sqlite3, int (*)(sqlite3*)> owner(db, sqlite3_close);
+    const auto columns = [&](const std::string& table) {
+        return texts(db, "PRAGMA table_info(" + table + ")", 1);
+    };
     // Columns sit where the field maps expect them.
-    const auto table = texts(db, "PRAGMA table_info(" + ds::table_name + ")", 1);
+    const auto table = columns(ds::table_name), baseline = columns(ds::table_baseline);
     ASSERT_EQ(table.size(), ds::row_field_index.size());
-    for (const auto& [name, position] : ds::row_field_index) EXPECT_EQ(table[position], name);
-    const auto baseline = texts(db, "PRAGMA table_info(" + ds::table_baseline + ")", 1);
     ASSERT_EQ(baseline.size(), ds::baseline_field_index.size());
-    for (const auto& [name, position] : ds::baseline_field_index)
-        EXPECT_EQ(baseline[position], name);
+    for (const auto& [name, position] : ds::row_field_index) EXPECT_EQ(table[position], name);
+    for (const auto& [name, at] : ds::baseline_field_index) EXPECT_EQ(baseline[at], name);
     // The view writes "Version", but SQL matches names without regard to
     // case: it exposes the table's columns, in the table's order.
-    EXPECT_EQ(texts(db, "PRAGMA table_info(" + ds::table_view + ")", 1), table);
-    EXPECT_EQ(texts(db, "SELECT Version, Provider FROM vesk_1"), std::vector<std::string>{"42"});
+    EXPECT_EQ(columns(ds::table_view), table);
+    EXPECT_EQ(texts(db, "SELECT Version, Provider FROM vesk_1", 0), std::vector<std::string>{"42"});
     EXPECT_EQ(texts(db, "SELECT Version, Provider FROM vesk_1", 1),
               std::vector<std::string>{"uname"});
 }
