@@ -327,15 +327,19 @@ int cmd_rows(const GlobalOptions& global, const RowsOptions& options) {
     const auto stored = store->provider_names();
 
     std::vector<std::string> providers;
+    bool reported = false;
     for (const auto& p : options.providers) {
-        if (std::find(stored.begin(), stored.end(), p) == stored.end())
+        if (std::find(stored.begin(), stored.end(), p) == stored.end()) {
             diag() << "vesk-datastore: unknown provider: " << p << " (nothing stored)\n";
-        else
+            reported = true;
+        } else {
             providers.push_back(p);
+        }
     }
     if (options.providers.empty()) providers = stored;
     if (providers.empty()) {
-        diag() << "vesk-datastore: no rows found\n";
+        // Unknown providers were named already; one message is enough.
+        if (!reported) diag() << "vesk-datastore: no rows found\n";
         return kExitNothing;
     }
 

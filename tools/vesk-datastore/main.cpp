@@ -131,7 +131,16 @@ int run(int argc, char** argv) {
     } catch (const CLI::CallForAllHelp& e) {
         return app.exit(e);
     } catch (const CLI::ParseError& e) {
-        std::cerr << "vesk-datastore: " << e.what() << "\n"
+        // A word that is no command reads better named than as CLI11's
+        // "A subcommand is required".
+        CLI::App* deepest = &app;
+        while (!deepest->get_subcommands().empty()) deepest = deepest->get_subcommands().front();
+        const auto extras = app.remaining();
+        const bool needs_command = !deepest->get_subcommands({}).empty();
+        std::cerr << "vesk-datastore: "
+                  << (needs_command && !extras.empty() ? "unknown command: " + extras.front()
+                                                       : std::string(e.what()))
+                  << "\n"
                   << "Run with --help for more information.\n";
         return kExitError;
     }
