@@ -3,16 +3,15 @@
 // capture of what the error log writes to standard error, and the paths of
 // the build tree.
 
-#include <stdlib.h>
-#include <unistd.h>
-
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <sstream>
 #include <stdexcept>
+#include <stdlib.h>
 #include <string>
+#include <unistd.h>
 #include <vector>
 
 namespace vesk::test {

@@ -1,9 +1,8 @@
 #include "vesk/fs.h"
 
+#include <climits>
 #include <dlfcn.h>
 #include <unistd.h>
-
-#include <climits>
 
 namespace vesk::fs {
 

@@ -1,8 +1,7 @@
 #include "vesk/str.h"
 
-#include <wordexp.h>
-
 #include <cctype>
+#include <wordexp.h>
 
 namespace vesk::str {
 

@@ -1,8 +1,8 @@
 #include "tessdb/tessdb.h"
 
-#include <sqlite3.h>
-
 #include <string>
+
+#include <sqlite3.h>
 
 namespace tessdb1 {
 namespace {

@@ -10,9 +10,10 @@
 
 #include <gmock/gmock.h>
 
+#include "vesk/datastore.h"
+
 #include "plugins/recording_plugin.h"
 #include "test_support.h"
-#include "vesk/datastore.h"
 
 namespace vesk::test {
 

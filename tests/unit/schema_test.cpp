@@ -1,17 +1,17 @@
 // The datastore schema: the three create statements run against a real
 // SQLite file through tessdb1, and the tables they make match the column
 // maps that rows are filled through.
-#include <sqlite3.h>
-
 #include <memory>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
+#include <sqlite3.h>
 
 #include "tessdb/tessdb.h"
-#include "test_support.h"
 #include "vesk/datastore/vocabulary.h"
+
+#include "test_support.h"
 
 namespace {
 

@@ -5,31 +5,32 @@
 // they are defined here, after the header's tables; later ones read earlier
 // ones (default_extension_path copies DEFAULT_EXTENSION_PATH, the create
 // statements use the table names).
-#include "vesk/datastore/parse_utility.h"
-
-#include <libxml/globals.h>
-#include <libxml/parser.h>
-#include <libxml/tree.h>
-#include <libxml/xmlerror.h>
-
 #include <algorithm>
 #include <cstdlib>
 #include <fstream>
 #include <memory>
 #include <stdexcept>
 
-#include "group_walk.h"
+#include <libxml/globals.h>
+#include <libxml/parser.h>
+#include <libxml/tree.h>
+#include <libxml/xmlerror.h>
+
 #include "tessdb/tessdb.h"
 #include "vesk/datastore/controller.h"
+#include "vesk/datastore/parse_utility.h"
 #include "vesk/datastore/vocabulary.h"
 #include "vesk/fs.h"
 #include "vesk/str.h"
 
+#include "group_walk.h"
+
 namespace vesk::datastore {
 namespace {
-const std::map<std::string, vesk::ScaleType> scale_type_map = {
-    {"constant", vesk::constant}, {"linear", vesk::linear},
-    {"squared", vesk::squared}, {"logarithmic", vesk::logarithmic}};
+const std::map<std::string, vesk::ScaleType> scale_type_map = {{"constant", vesk::constant},
+                                                               {"linear", vesk::linear},
+                                                               {"squared", vesk::squared},
+                                                               {"logarithmic", vesk::logarithmic}};
 }  // namespace
 
 const int default_backend = sqlite3;
@@ -45,7 +46,8 @@ const std::string table_name = "provider_datastore";
 const std::string table_view = "vesk_1";
 const std::string table_baseline = "baseline_datastore";
 const std::string odbc_default_dsn = "odbc_default_dsn";
-const std::string DEFAULT_DATA_SOURCE = std::string("2019.2.1").insert(0, "$HOME/.vesk/") + "/vesk.db";
+const std::string DEFAULT_DATA_SOURCE =
+    std::string("2019.2.1").insert(0, "$HOME/.vesk/") + "/vesk.db";
 const std::string DEFAULT_DATASTORE_NAME = "vesk_default";
 const std::string DEFAULT_DATASTORE_SQLITE_EXTENSION_NAME = "libsqlite.so";
 const std::string DEFAULT_DATASTORE_ODBC_EXTENSION_NAME = "libodbc.so";
@@ -83,10 +85,11 @@ namespace {
 const std::map<std::string, DatabaseType> database_type_map = {
     {"sqlite3", sqlite3}, {"odbc", odbc}, {"other", other}};
 const std::map<std::string, Source_Type> source_type_map = {{"data", data}, {"stream", stream}};
-const std::map<std::string, DBFields> db_fields_map = {{"instance_name", instance_name_field},
-                                                       {"source_parameters", source_parameters_field},
-                                                       {"type", type_field},
-                                                       {"source_types", source_types_field}};
+const std::map<std::string, DBFields> db_fields_map = {
+    {"instance_name", instance_name_field},
+    {"source_parameters", source_parameters_field},
+    {"type", type_field},
+    {"source_types", source_types_field}};
 const std::string default_config_file = "default_sqlite.xml";
 }  // namespace
 
@@ -95,7 +98,8 @@ const std::string default_config_file = "default_sqlite.xml";
 std::string DataStoreParseUtility::generate_path(std::string path, std::string file,
                                                  std::string base) {
     std::string result = path.empty() ? base : path;
-    if (!base.empty() && (result.empty() || (result[0] != '$' && result[0] != '.' && result[0] != '/')))
+    if (!base.empty() &&
+        (result.empty() || (result[0] != '$' && result[0] != '.' && result[0] != '/')))
         result = base + "/" + result;
     if (!file.empty()) result += "/" + file;
     result = vesk::str::wordexp(result);
@@ -179,19 +183,16 @@ xmlDoc* read_configuration_file(const std::string& name) {
         QuietXmlErrors quiet;
         doc = xmlReadFile(name.c_str(), nullptr, 0);
     }
-    if (doc == nullptr)
-        throw std::runtime_error("Error opening datastore configuration: " + name);
+    if (doc == nullptr) throw std::runtime_error("Error opening datastore configuration: " + name);
     documents.emplace_back(doc);
     return doc;
 }
 
 }  // namespace
 
-bool DataStoreParseUtility::ParseConfig::operator()(std::string group_path,
-                                                     std::string config_path,
-                                                     std::string config_file,
-                                                     std::string entry_text,
-                                                     std::vector<DataStoreConfig>& out) {
+bool DataStoreParseUtility::ParseConfig::operator()(std::string group_path, std::string config_path,
+                                                    std::string config_file, std::string entry_text,
+                                                    std::vector<DataStoreConfig>& out) {
     DataStoreConfig config;
     config.extension_path = generate_path(group_path, "", default_install_path);
     config.extension_name = entry_text;
@@ -341,8 +342,7 @@ void DataStoreParseUtility::create_from_sqlfile(const std::string& sql_file,
     const std::unique_ptr<tessdb1::Connection> connection(raw);
 
     std::ifstream in(sql_file);
-    if (!in.is_open())
-        throw std::runtime_error("Unable to open sql file for reading " + sql_file);
+    if (!in.is_open()) throw std::runtime_error("Unable to open sql file for reading " + sql_file);
     // One complete statement per line, run as it stands; blank lines are skipped.
     for (std::string line; std::getline(in, line, '\n');) {
         if (vesk::str::stripws(line).empty()) continue;
@@ -385,4 +385,3 @@ void DataStoreParseUtility::load_utest_config(DataStoreConfig config, bool fill)
 template VESK_DATASTORE_EXPORT bool vesk::xml::parse_the_group_tags(
     xmlNode*, vesk::datastore::DataStoreParseUtility::ParseConfig,
     std::vector<vesk::datastore::DataStoreConfig>&);
-

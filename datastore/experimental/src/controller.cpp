@@ -2,12 +2,11 @@
 // closing instances), the parameter pack and the parameter-string helpers.
 #include "vesk/datastore/controller.h"
 
-#include <dlfcn.h>
-#include <sys/stat.h>
-
 #include <cerrno>
 #include <cstring>
+#include <dlfcn.h>
 #include <stdexcept>
+#include <sys/stat.h>
 #include <unordered_map>
 
 #include "vesk/datastore/parameter_pack.h"
@@ -43,7 +42,8 @@ public:
     // libraries.
     ~Impl();
 
-    StatusList load_impl(std::vector<DataStoreConfig> configs, std::vector<DataStoreConfig>& loaded);
+    StatusList load_impl(std::vector<DataStoreConfig> configs,
+                         std::vector<DataStoreConfig>& loaded);
     StatusList open_impl(std::vector<DataStoreConfig>& configs, DataStoreHandles& handles);
     int32_t control_impl(std::weak_ptr<DataStoreExtension> instance, uint16_t op, const void* in,
                          void* out, void* extra);
@@ -149,7 +149,8 @@ StatusList DataStoreController::Impl::open_impl(std::vector<DataStoreConfig>& co
         // "destroy" is never handed a null pointer.
         std::shared_ptr<DataStoreExtension> instance(library.create(),
                                                      [destroy](DataStoreExtension* extension) {
-                                                         if (extension != nullptr) destroy(extension);
+                                                         if (extension != nullptr)
+                                                             destroy(extension);
                                                      });
         if (!instance)
             throw std::runtime_error("Extension name/path " + path + " create handle failed");
@@ -188,7 +189,8 @@ StatusList DataStoreController::Impl::close_impl(const std::vector<std::string>&
         return status;
     }
     status.reserve(names.size());
-    for (const auto& name : names) status.emplace_back(name, DataStoreExtension::OPERATION_SUCCESSFULL);
+    for (const auto& name : names)
+        status.emplace_back(name, DataStoreExtension::OPERATION_SUCCESSFULL);
 
     // Failure marks fill the status list from its front, in the order of misses.
     std::size_t m = 0;

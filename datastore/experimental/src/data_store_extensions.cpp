@@ -6,8 +6,6 @@
 // Every function reaches the controller through a weak reference to what
 // createDataStoreController hands out: while nobody else holds the
 // controller it has already gone, and the function gives up at once.
-#include "vesk/datastore/queries.h"
-
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -18,6 +16,7 @@
 #include "vesk/datastore/controller.h"
 #include "vesk/datastore/interface.h"
 #include "vesk/datastore/parse_utility.h"
+#include "vesk/datastore/queries.h"
 #include "vesk/datastore/vocabulary.h"
 #include "vesk/log.h"
 
@@ -146,8 +145,8 @@ bool execute_ioctl(std::vector<std::string> names, uint16_t op, const void* in, 
         } catch (...) {
             // The doubled blank after "for" is part of the established text.
             vesk::log::ErrorLog(kSource, "execute_ioctl", kExecuteIoctlLine, kLevel).stream()
-                << "Pulling data failed for " << " from the database source " << '"' << instance
-                << '"';
+                << "Pulling data failed for "
+                << " from the database source " << '"' << instance << '"';
         }
     }
     return false;
@@ -157,8 +156,8 @@ bool execute_ioctl(std::vector<std::string> names, uint16_t op, const void* in, 
 // The trailing flag of these functions is accepted for compatibility with
 // existing callers and not read.
 
-bool select_data(std::string table, std::vector<Row>& rows,
-                 const std::map<std::string, int>& where, bool /*flag*/) {
+bool select_data(std::string table, std::vector<Row>& rows, const std::map<std::string, int>& where,
+                 bool /*flag*/) {
     if (table.empty()) {
         rows.clear();
         return false;
@@ -166,8 +165,7 @@ bool select_data(std::string table, std::vector<Row>& rows,
     SQLParameters sql{table, "", where};
     ReadParameters request;
     request.sql = &sql;
-    static const Wording wording{"select_data",
-                                 "Generic querying of data not supported for \"",
+    static const Wording wording{"select_data", "Generic querying of data not supported for \"",
                                  "Generic querying of data failed for \""};
     return query_data_stores(wording, OP_SELECT_PROVIDER, request, rows);
 }
@@ -218,17 +216,16 @@ bool get_hosts_data(std::vector<Row>& rows, const std::map<std::string, int>& wh
     ReadParameters request;
     request.first = {"uname"};
     request.sql = &sql;
-    static const Wording wording{"get_hosts_data",
-                                 "Host(s) data querying not supported for \"",
+    static const Wording wording{"get_hosts_data", "Host(s) data querying not supported for \"",
                                  "Host(s) data querying failed for \""};
     return query_data_stores(wording, OP_SELECT_HOSTS, request, rows);
 }
 
-bool get_snapshot_provider_data(const std::string& baseline_id,
-                                std::map<std::string, std::vector<Row>>& rows_by_provider,
-                                std::map<std::string, std::vector<Row_baseline>>& baselines_by_provider,
-                                const std::vector<std::string>& providers,
-                                const std::vector<std::string>& hosts, bool /*flag*/) {
+bool get_snapshot_provider_data(
+    const std::string& baseline_id, std::map<std::string, std::vector<Row>>& rows_by_provider,
+    std::map<std::string, std::vector<Row_baseline>>& baselines_by_provider,
+    const std::vector<std::string>& providers, const std::vector<std::string>& hosts,
+    bool /*flag*/) {
     ReadParameters request;
     request.first = {baseline_id};
     request.second = providers;
@@ -304,23 +301,22 @@ bool DataStoreParseUtility::query_available_baselines() {
     static const Wording wording{"query_available_baselines",
                                  "Querying available snapshots not supported for \"",
                                  "Querying available snapshots failed for \""};
-    return walk_data_stores(
-        wording, kQueryBaselinesLine, Step::Fail, false,
-        [](DataStoreController& controller, const DataStoreHandle& entry) {
-            SnapshotInfoSet found;
-            const int32_t status =
-                controller.control(entry.second, OP_QUERY_BASELINE_IDS, nullptr, &found, nullptr);
-            if (status == DataStoreExtension::OPERATION_SUCCESSFULL) {
-                if (found.empty()) return Step::Next;
-                return update_snapshot_info(found) ? Step::Succeed : Step::Fail;
-            }
-            // A plain failure is worded as "not supported" too.
-            log_refusal(wording, entry.first.instance_name,
-                        status == DataStoreExtension::OPERATION_UNSUCCESSFULL
-                            ? DataStoreExtension::UNSUPPORTED_OPERATION
-                            : status);
-            return Step::Fail;
-        });
+    return walk_data_stores(wording, kQueryBaselinesLine, Step::Fail, false,
+                            [](DataStoreController& controller, const DataStoreHandle& entry) {
+                                SnapshotInfoSet found;
+                                const int32_t status = controller.control(
+                                    entry.second, OP_QUERY_BASELINE_IDS, nullptr, &found, nullptr);
+                                if (status == DataStoreExtension::OPERATION_SUCCESSFULL) {
+                                    if (found.empty()) return Step::Next;
+                                    return update_snapshot_info(found) ? Step::Succeed : Step::Fail;
+                                }
+                                // A plain failure is worded as "not supported" too.
+                                log_refusal(wording, entry.first.instance_name,
+                                            status == DataStoreExtension::OPERATION_UNSUCCESSFULL
+                                                ? DataStoreExtension::UNSUPPORTED_OPERATION
+                                                : status);
+                                return Step::Fail;
+                            });
 }
 
 namespace {
@@ -334,8 +330,8 @@ const Wording kCommitWording{"commit_snapshot_updates", kMarkLatestWording.unsup
 
 }  // namespace
 
-bool DataStoreParseUtility::mark_latest_snapshot_data(std::map<std::string, ProviderInfo>& providers,
-                                                      std::vector<Row>& rows) {
+bool DataStoreParseUtility::mark_latest_snapshot_data(
+    std::map<std::string, ProviderInfo>& providers, std::vector<Row>& rows) {
     // The request names the providers to record (the keys of `providers`).
     // An empty map sends an empty list; what that means is the extension's
     // call: the SQL base refuses it, so nothing is recorded and the result
@@ -361,9 +357,9 @@ bool DataStoreParseUtility::mark_latest_snapshot_data(std::map<std::string, Prov
         });
 }
 
-void DataStoreParseUtility::update_snapshot_dictionary(std::string snapshot, std::string instance,
-                                                       std::vector<Row>& rows,
-                                                       std::map<std::string, ProviderInfo>& providers) {
+void DataStoreParseUtility::update_snapshot_dictionary(
+    std::string snapshot, std::string instance, std::vector<Row>& rows,
+    std::map<std::string, ProviderInfo>& providers) {
     if (snapshot.empty()) return;
     // The set exists from here on, even when no row follows.
     ProviderInfoSet& target = snapshot_dict[instance][snapshot];
@@ -377,18 +373,19 @@ void DataStoreParseUtility::update_snapshot_dictionary(std::string snapshot, std
 bool DataStoreParseUtility::commit_snapshot_updates() {
     // Only the first "data" datastore is asked, whatever it answers; with
     // none there is nothing to record.
-    return walk_data_stores(
-        kCommitWording, __LINE__, Step::Fail, true,
-        [](DataStoreController& controller, const DataStoreHandle& entry) {
-            const std::string& instance = entry.first.instance_name;
-            const std::map<std::string, ProviderInfoSet>* snapshots = &snapshot_dict[instance];
-            // The map travels in the output slot, with no input.
-            const int32_t status =
-                controller.control(entry.second, OP_UPDATE_SNAPSHOT, nullptr, &snapshots, nullptr);
-            if (status == DataStoreExtension::OPERATION_SUCCESSFULL) return Step::Succeed;
-            log_refusal(kCommitWording, instance, status);
-            return Step::Fail;
-        });
+    return walk_data_stores(kCommitWording, __LINE__, Step::Fail, true,
+                            [](DataStoreController& controller, const DataStoreHandle& entry) {
+                                const std::string& instance = entry.first.instance_name;
+                                const std::map<std::string, ProviderInfoSet>* snapshots =
+                                    &snapshot_dict[instance];
+                                // The map travels in the output slot, with no input.
+                                const int32_t status = controller.control(
+                                    entry.second, OP_UPDATE_SNAPSHOT, nullptr, &snapshots, nullptr);
+                                if (status == DataStoreExtension::OPERATION_SUCCESSFULL)
+                                    return Step::Succeed;
+                                log_refusal(kCommitWording, instance, status);
+                                return Step::Fail;
+                            });
 }
 
 bool DataStoreParseUtility::remove_snapshot() {
@@ -397,16 +394,17 @@ bool DataStoreParseUtility::remove_snapshot() {
     static const Wording wording{"remove_snapshot", "Snapshot removal not supported for \"",
                                  "Snapshot removal failed for \""};
     std::string baseline_id = snapshot_remove_str;
-    return walk_data_stores(
-        wording, kRemoveSnapshotLine, Step::Fail, true,
-        [&](DataStoreController& controller, const DataStoreHandle& entry) {
-            // The id travels in the output slot, with no input.
-            const int32_t status = controller.control(entry.second, OP_REMOVE_SNAPSHOT, nullptr,
-                                                      &baseline_id, nullptr);
-            if (status == DataStoreExtension::OPERATION_SUCCESSFULL) return Step::Succeed;
-            log_refusal(wording, entry.first.instance_name, status);
-            return Step::Fail;
-        });
+    return walk_data_stores(wording, kRemoveSnapshotLine, Step::Fail, true,
+                            [&](DataStoreController& controller, const DataStoreHandle& entry) {
+                                // The id travels in the output slot, with no input.
+                                const int32_t status =
+                                    controller.control(entry.second, OP_REMOVE_SNAPSHOT, nullptr,
+                                                       &baseline_id, nullptr);
+                                if (status == DataStoreExtension::OPERATION_SUCCESSFULL)
+                                    return Step::Succeed;
+                                log_refusal(wording, entry.first.instance_name, status);
+                                return Step::Fail;
+                            });
 }
 
 }  // namespace vesk::datastore

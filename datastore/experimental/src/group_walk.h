@@ -3,9 +3,9 @@
 // Private to the configuration unit, which instantiates it for
 // DataStoreParseUtility::ParseConfig.
 
-#include <libxml/tree.h>
-
 #include <string>
+
+#include <libxml/tree.h>
 
 #include "vesk/log.h"
 #include "vesk/xml.h"

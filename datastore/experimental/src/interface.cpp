@@ -125,8 +125,7 @@ int32_t interface::control(uint16_t op, const void* in, void* out, void* /*extra
                 return UNSUPPORTED_OPERATION;
         }
     } catch (const std::runtime_error& e) {
-        return e.what() == kUnsupportedOperation ? UNSUPPORTED_OPERATION
-                                                 : OPERATION_UNSUCCESSFULL;
+        return e.what() == kUnsupportedOperation ? UNSUPPORTED_OPERATION : OPERATION_UNSUCCESSFULL;
     } catch (...) {
         return OPERATION_UNSUCCESSFULL;
     }
@@ -167,7 +166,8 @@ bool interface::generate_where_clause(std::vector<std::string> values, std::stri
     std::string clause = " (" + column + " IN (";
     for (std::size_t i = 0; i < values.size(); ++i) {
         const std::string value = vesk::str::stripws(values[i]);
-        if (value.empty()) throw std::runtime_error("Invalid parameters to where query for " + column);
+        if (value.empty())
+            throw std::runtime_error("Invalid parameters to where query for " + column);
         // Quoted, not escaped: the extension vets the statement it runs.
         clause += "'" + value + "'";
         if (i < values.size() - 1) clause += ",";
@@ -193,8 +193,8 @@ bool interface::select_provider(std::vector<std::string> providers, std::vector<
     return select(text.str() + condition, rows, row_field_index);
 }
 
-bool interface::get_latest_rows_provider(std::vector<std::string> providers,
-                                         std::vector<Row>& rows, std::vector<std::string> hosts) {
+bool interface::get_latest_rows_provider(std::vector<std::string> providers, std::vector<Row>& rows,
+                                         std::vector<std::string> hosts) {
     if (!is_open()) return false;
     rows.clear();
 
@@ -207,8 +207,8 @@ bool interface::get_latest_rows_provider(std::vector<std::string> providers,
                   row_field_index);
 }
 
-bool interface::get_latest_collect_rows(std::vector<std::string> providers,
-                                        std::vector<Row>& rows, std::vector<std::string> hosts) {
+bool interface::get_latest_collect_rows(std::vector<std::string> providers, std::vector<Row>& rows,
+                                        std::vector<std::string> hosts) {
     if (!is_open()) return false;
     rows.clear();
 
@@ -240,10 +240,11 @@ bool interface::get_snapshot_provider(std::string baseline_id,
         std::string condition = host_condition;
         generate_where_clause({baseline_id}, "baseline_id", condition);
 
-        const std::string row_statement =
-            "SELECT * FROM " + table_view +
-            " ds INNER JOIN baseline_datastore ON ds.rowid = baseline_datastore.datastore_rowid AND" +
-            " ds.Provider = '" + provider + "' WHERE " + condition + ";";
+        const std::string row_statement = "SELECT * FROM " + table_view +
+                                          " ds INNER JOIN baseline_datastore ON ds.rowid = "
+                                          "baseline_datastore.datastore_rowid AND" +
+                                          " ds.Provider = '" + provider + "' WHERE " + condition +
+                                          ";";
         std::vector<Row> found_rows;
         if (!select(row_statement, found_rows, row_field_index)) return false;
         provider_rows.insert(provider_rows.end(), found_rows.begin(), found_rows.end());

@@ -1,6 +1,7 @@
 // Records, vocabulary and the extension contract's exported objects.
-#include "vesk/datastore/extension.h"
 #include "vesk/datastore/records.h"
+
+#include "vesk/datastore/extension.h"
 #include "vesk/datastore/vocabulary.h"
 
 namespace vesk::datastore {

@@ -9,11 +9,10 @@
 // in libvesk_generic; VESK_LOG_LEVEL and VESK_LOG_OUTPUT override them when
 // the library is loaded. Records are not shared between threads.
 
-#include <syslog.h>
-
 #include <iostream>
 #include <sstream>
 #include <string>
+#include <syslog.h>
 
 #include "vesk/generic_export.h"
 

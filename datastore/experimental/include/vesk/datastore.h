@@ -3,11 +3,6 @@
 // vocabulary, the extension contract and controller, configuration, the
 // query front end and snapshots, plus the generic utilities and error log.
 
-#include "vesk/fs.h"
-#include "vesk/log.h"
-#include "vesk/str.h"
-#include "vesk/xml.h"
-
 #include "vesk/datastore/controller.h"
 #include "vesk/datastore/extension.h"
 #include "vesk/datastore/interface.h"
@@ -16,3 +11,7 @@
 #include "vesk/datastore/queries.h"
 #include "vesk/datastore/records.h"
 #include "vesk/datastore/vocabulary.h"
+#include "vesk/fs.h"
+#include "vesk/log.h"
+#include "vesk/str.h"
+#include "vesk/xml.h"

@@ -25,15 +25,15 @@ namespace vesk::datastore {
 
 // Operation codes understood by interface::control.
 enum OperationCode : uint16_t {
-    OP_SELECT_HOSTS = 512,         // select(hosts_query, sql->field_map); out: std::vector<Row>*
+    OP_SELECT_HOSTS = 512,          // select(hosts_query, sql->field_map); out: std::vector<Row>*
     OP_LATEST_ROWS_PROVIDER = 513,  // get_latest_rows_provider(first, out, second)
-    OP_SELECT_PROVIDER = 514,      // select(sql->query) or select_provider(first, out, sql->table)
-    OP_INSERT = 515,               // out: InsertRecord*
-    OP_QUERY_BASELINE_IDS = 516,   // out: SnapshotInfoSet*
-    OP_SNAPSHOT_PROVIDER = 517,    // out: void*[2] {baseline map*, row map*}
-    OP_UPDATE_SNAPSHOT = 518,      // out: std::map<std::string, ProviderInfoSet>**
-    OP_LATEST_COLLECT_ROWS = 519,  // get_latest_collect_rows(first, out, {})
-    OP_REMOVE_SNAPSHOT = 520,      // out: std::string* (the snapshot id)
+    OP_SELECT_PROVIDER = 514,       // select(sql->query) or select_provider(first, out, sql->table)
+    OP_INSERT = 515,                // out: InsertRecord*
+    OP_QUERY_BASELINE_IDS = 516,    // out: SnapshotInfoSet*
+    OP_SNAPSHOT_PROVIDER = 517,     // out: void*[2] {baseline map*, row map*}
+    OP_UPDATE_SNAPSHOT = 518,       // out: std::map<std::string, ProviderInfoSet>**
+    OP_LATEST_COLLECT_ROWS = 519,   // get_latest_collect_rows(first, out, {})
+    OP_REMOVE_SNAPSHOT = 520,       // out: std::string* (the snapshot id)
 };
 
 class VESK_DATASTORE_EXPORT interface : public DataStoreExtension {
@@ -66,8 +66,8 @@ public:
                                           std::vector<Row>& rows, std::vector<std::string> hosts);
     // Clears `rows`, then the rows of the newest collection run of
     // `providers` (required) on `hosts` (optional).
-    virtual bool get_latest_collect_rows(std::vector<std::string> providers,
-                                         std::vector<Row>& rows, std::vector<std::string> hosts);
+    virtual bool get_latest_collect_rows(std::vector<std::string> providers, std::vector<Row>& rows,
+                                         std::vector<std::string> hosts);
     // Lists every snapshot. Default: throws "unsupported operation".
     virtual bool query_baseline_ids(SnapshotInfoSet& ids);
     // Runs `sql` over baseline rows and appends them, mapped through `fields`.

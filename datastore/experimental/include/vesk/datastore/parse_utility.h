@@ -17,12 +17,11 @@
 //
 // All state is process-wide and unguarded: use from one thread at a time.
 
-#include <sys/time.h>
-
 #include <bitset>
 #include <map>
 #include <set>
 #include <string>
+#include <sys/time.h>
 #include <vector>
 
 #include "vesk/datastore/export.h"

@@ -67,8 +67,12 @@ enum DatabaseType { sqlite3 = 0, odbc = 1, other = 2 };
 enum Source_Type { data = 0, stream = 1 };
 
 // Attributes of a datastore configuration entry.
-enum DBFields { instance_name_field = 0, source_parameters_field = 3, type_field = 4,
-                source_types_field = 5 };
+enum DBFields {
+    instance_name_field = 0,
+    source_parameters_field = 3,
+    type_field = 4,
+    source_types_field = 5
+};
 
 class DataStoreExtension;
 
@@ -113,10 +117,10 @@ struct Row_baseline {
 struct DataStoreConfig {
     DatabaseType type = sqlite3;
     std::string instance_name;
-    std::string extension_name;      // file name of the extension library
-    std::string extension_path;      // folder of the extension library
-    std::string source_parameters;   // handed to the extension's open
-    std::bitset<2> source_types;     // bits at Source_Type positions
+    std::string extension_name;     // file name of the extension library
+    std::string extension_path;     // folder of the extension library
+    std::string source_parameters;  // handed to the extension's open
+    std::bitset<2> source_types;    // bits at Source_Type positions
 
     DataStoreConfig() = default;
     DataStoreConfig(const DataStoreConfig&) = default;
