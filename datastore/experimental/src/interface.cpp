@@ -193,33 +193,36 @@ bool interface::select_provider(std::vector<std::string> providers, std::vector<
     return select(text.str() + condition, rows, row_field_index);
 }
 
-bool interface::get_latest_rows_provider(std::vector<std::string> providers, std::vector<Row>& rows,
-                                         std::vector<std::string> hosts) {
-    if (!is_open()) return false;
+namespace {
+
+// The two "latest" queries: readiness test, then `rows` cleared, then
+// head + provider (required) and host (optional) conditions + tail.
+bool run_latest_query(interface& self, const std::string& head,
+                      const std::vector<std::string>& providers, std::vector<Row>& rows,
+                      const std::vector<std::string>& hosts, const std::string& tail) {
+    if (!self.is_open()) return false;
     rows.clear();
 
-    const std::string text = "SELECT *, MAX(unique_timestamp) FROM " + table_view + " WHERE";
     std::string condition;
-    if (!generate_where_clause(providers, "Provider", condition)) return false;
-    generate_where_clause(hosts, "Hostname", condition);  // no hosts: every host
+    if (!self.generate_where_clause(providers, "Provider", condition)) return false;
+    self.generate_where_clause(hosts, "Hostname", condition);  // no hosts: every host
 
-    return select(text + condition + "GROUP BY OptionID, Hostname, Provider;", rows,
-                  row_field_index);
+    return self.select(head + condition + tail, rows, row_field_index);
+}
+
+}  // namespace
+
+bool interface::get_latest_rows_provider(std::vector<std::string> providers, std::vector<Row>& rows,
+                                         std::vector<std::string> hosts) {
+    return run_latest_query(*this, "SELECT *, MAX(unique_timestamp) FROM " + table_view + " WHERE",
+                            providers, rows, hosts, "GROUP BY OptionID, Hostname, Provider;");
 }
 
 bool interface::get_latest_collect_rows(std::vector<std::string> providers, std::vector<Row>& rows,
                                         std::vector<std::string> hosts) {
-    if (!is_open()) return false;
-    rows.clear();
-
-    const std::string text = "SELECT * FROM " + table_view + " WHERE";
-    std::string condition;
-    if (!generate_where_clause(providers, "Provider", condition)) return false;
-    generate_where_clause(hosts, "Hostname", condition);  // no hosts: every host
-
-    return select(text + condition + "AND Unique_timestamp = (SELECT MAX(unique_timestamp) FROM " +
-                      table_view + ") " + "GROUP BY OptionID, Hostname, Provider;",
-                  rows, row_field_index);
+    return run_latest_query(*this, "SELECT * FROM " + table_view + " WHERE", providers, rows, hosts,
+                            "AND Unique_timestamp = (SELECT MAX(unique_timestamp) FROM " +
+                                table_view + ") GROUP BY OptionID, Hostname, Provider;");
 }
 
 bool interface::get_snapshot_provider(std::string baseline_id,
