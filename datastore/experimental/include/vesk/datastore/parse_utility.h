@@ -8,7 +8,8 @@
 // DataStoreConfig records, insert_db_instance opens them through the
 // controller and records each opened (config, weak instance) pair in db_vec.
 // Snapshots: the members below record, list and remove named snapshots of
-// the latest collection run.
+// the latest collection run. Recording fills snapshot_dict, which every later
+// commit sends again in full; see there for what it keeps and how to drop it.
 //
 // The controller owns the opened instances and lives only while somebody
 // holds it: keep the result of DataStoreController::createDataStoreController()
@@ -130,8 +131,14 @@ public:
                                            std::map<std::string, ProviderInfo>& providers);
     // Hands snapshot_dict's entry of the first "data" datastore to it.
     static bool commit_snapshot_updates();
-    // Removes the snapshot snapshot_remove_str from the first "data" datastore.
+    // Removes the snapshot snapshot_remove_str from the first "data" datastore;
+    // on success the id also leaves that datastore's entry of snapshot_dict.
     static bool remove_snapshot();
+    // Drops `snapshot` from every datastore's entry of snapshot_dict, so that
+    // later commits stop sending it; the datastores are not asked. True if it was there.
+    static bool forget_snapshot(const std::string& snapshot);
+    // Empties snapshot_dict; what was committed stays in the datastores.
+    static void clear_snapshot_dictionary();
 
     // ---- Process-wide state ----
 
@@ -139,6 +146,9 @@ public:
     static std::string default_extension_path;  // "/datastore/lumok64/"
     static DataStoreHandles db_vec;
     static SnapshotInfoSet snapshot_info_set;
+    // Instance -> snapshot -> recorded provider rows; each commit sends the whole entry
+    // again. Recording never drops anything (a failed commit can be repeated); only a
+    // successful remove_snapshot, forget_snapshot and clear_snapshot_dictionary do.
     static std::map<std::string, std::map<std::string, ProviderInfoSet>> snapshot_dict;
     static std::string baseline_str;
     static std::string snapshot_remove_str;
