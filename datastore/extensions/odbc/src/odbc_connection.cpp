@@ -67,6 +67,16 @@ struct Handles {
         }
         for (const Diagnostic& d : diagnostics)
             if (is_connection_lost_state(d.sqlstate)) dead = true;
+        // psqlODBC reports a backend that went away during a prepared
+        // statement as HY000; the driver's own flag tells the truth then, and
+        // the failure is reported as ODBC's communication-link state.
+        SQLUINTEGER gone = SQL_CD_FALSE;
+        if (!dead && dbc &&
+            ok(SQLGetConnectAttr(dbc.get(), SQL_ATTR_CONNECTION_DEAD, &gone, 0, nullptr)) &&
+            gone == SQL_CD_TRUE) {
+            dead = true;
+            error.sqlstate = "08S01";
+        }
     }
     // Records a failure found before any ODBC call.
     void fail(std::string message) {
