@@ -47,10 +47,16 @@ std::string latest_run_sql(const std::string& condition) {
 }
 
 std::string hosts_sql() {
+    // SQLite reads this query through the index (Provider, Hostname,
+    // OptionID, Unique_timestamp): of the rows with a host's greatest time
+    // stamp it keeps the first in index order (OptionID, NULL first, then
+    // rowid); when all of a host's time stamps are NULL, the last one.
     return "SELECT DISTINCT ON (Hostname) *, unique_timestamp AS \"MAX(Unique_timestamp)\" FROM " +
            table_view +
            " WHERE Provider = 'uname' ORDER BY Hostname, unique_timestamp DESC NULLS LAST, "
-           "CASE WHEN unique_timestamp IS NULL THEN -rowid ELSE rowid END;";
+           "CASE WHEN unique_timestamp IS NULL THEN OptionID END COLLATE \"C\" DESC NULLS LAST, "
+           "CASE WHEN unique_timestamp IS NOT NULL THEN OptionID END COLLATE \"C\" ASC NULLS "
+           "FIRST, CASE WHEN unique_timestamp IS NULL THEN -rowid ELSE rowid END;";
 }
 
 const std::vector<std::string>& resync_rowid_statements() {
