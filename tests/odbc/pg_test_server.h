@@ -14,13 +14,20 @@
 namespace vesk::test {
 
 // The fixture's connection string; empty with `why` set when there is none.
+// The fixture's state folder is the parent of ODBCSYSINI (see CMakeLists.txt).
 inline std::string pg_connection_string(std::string& why) {
-    const char* state = std::getenv("VESK_PG_STATE");
-    if (state == nullptr) {
+    const char* sysini = std::getenv("ODBCSYSINI");
+    const std::string suffix = "/odbcsysini";
+    const std::string path = sysini ? sysini : "";
+    if (path.size() <= suffix.size() ||
+        path.compare(path.size() - suffix.size(), suffix.size(), suffix) != 0) {
         why =
-            "VESK_PG_STATE is not set: run the test through ctest, whose fixture starts the server";
+            "ODBCSYSINI does not name the fixture's folder: run the test through ctest, whose "
+            "fixture starts the server";
         return "";
     }
+    const std::string state_folder = path.substr(0, path.size() - suffix.size());
+    const char* state = state_folder.c_str();
     std::ifstream unavailable(std::string(state) + "/unavailable");
     if (unavailable) {
         std::getline(unavailable, why);
