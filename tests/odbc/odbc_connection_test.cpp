@@ -1,6 +1,7 @@
 // The statement seam over ODBC against the real PostgreSQL test server.
 #include "odbc_connection.h"
 
+#include <chrono>
 #include <cstdint>
 #include <limits>
 #include <random>
@@ -291,6 +292,21 @@ TEST_F(OdbcConnectionTest, TerminatedBackendIsNoticedAndANewConnectionWorks) {
         EXPECT_TRUE(connection->is_alive());
         EXPECT_EQ(query_int(*connection, "SELECT 5;"), 5);
     }
+}
+
+TEST_F(OdbcConnectionTest, QueryTimeoutCancelsALongStatement) {
+    datastore::odbc_backend::ConnectOptions options;
+    options.query_timeout_s = 1;
+    datastore::sql::Error error;
+    auto c = datastore::odbc_backend::OdbcConnection::connect(conn_string, options, error);
+    ASSERT_NE(c, nullptr) << error.message;
+    auto s = c->prepare("SELECT pg_sleep(30);");
+    ASSERT_NE(s, nullptr);
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(s->step(), StepResult::error);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(20));
+    EXPECT_FALSE(c->last_error().sqlstate.empty()) << c->last_error().message;
+    EXPECT_EQ(query_int(*c, "SELECT 3;"), 3);  // the session survives
 }
 
 TEST(OdbcConnect, FailureNamesTheDiagnostics) {

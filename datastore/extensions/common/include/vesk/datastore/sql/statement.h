@@ -48,7 +48,8 @@ public:
     // Makes the statement ready to run again (with the same bindings).
     virtual bool reset() = 0;
 
-    // Number of result columns (0 for statements without rows).
+    // Number of result columns, known after the first step() (0 for
+    // statements without rows).
     virtual int column_count() = 0;
     // Name of result column `i` as the backend spells it (servers may fold case).
     virtual std::string column_name(int i) = 0;
