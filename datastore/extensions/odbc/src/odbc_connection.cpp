@@ -37,7 +37,10 @@ struct DbcFree {
 };
 
 struct StmtFree {
-    void operator()(void* stmt) const { SQLFreeHandle(SQL_HANDLE_STMT, stmt); }
+    void operator()(void* stmt) const {
+        SQLFreeStmt(stmt, SQL_CLOSE);
+        SQLFreeHandle(SQL_HANDLE_STMT, stmt);
+    }
 };
 
 }  // namespace
