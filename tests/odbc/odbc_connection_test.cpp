@@ -7,11 +7,13 @@
 #include <random>
 #include <set>
 #include <string>
+#include <unistd.h>
 #include <vector>
 
 #include <gtest/gtest.h>
 
 #include "pg_test_server.h"
+#include "test_support.h"
 
 namespace vesk::test {
 namespace {
@@ -307,6 +309,45 @@ TEST_F(OdbcConnectionTest, QueryTimeoutCancelsALongStatement) {
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(20));
     EXPECT_FALSE(c->last_error().sqlstate.empty()) << c->last_error().message;
     EXPECT_EQ(query_int(*c, "SELECT 3;"), 3);  // the session survives
+}
+
+// The same seam through the SQLite ODBC driver, on a real SQLite file: it
+// describes INTEGER columns as 32-bit, yet 64-bit values must come back whole.
+TEST(SqliteThroughOdbc, RoundTripsValuesAndReportsErrors) {
+    const std::string driver = "/usr/lib/x86_64-linux-gnu/odbc/libsqlite3odbc.so";
+    if (access(driver.c_str(), R_OK) != 0) {
+        if (running_in_ci()) FAIL() << driver << " is missing (scripts/bootstrap installs it)";
+        GTEST_SKIP() << driver << " is missing (scripts/bootstrap installs libsqliteodbc)";
+    }
+    TempDir dir;
+    datastore::sql::Error error;
+    auto c = datastore::odbc_backend::OdbcConnection::connect(
+        "DRIVER=" + driver + ";Database=" + dir.file("vesk.db") + ";", {}, error);
+    ASSERT_NE(c, nullptr) << error.message;
+    EXPECT_EQ(c->dbms_name(), "SQLite");
+    exec(*c, "CREATE TABLE t(i INTEGER, d REAL, s TEXT);");
+    const std::string text = every_utf8_byte() + mixed_text(300000, 7);
+    auto insert = c->prepare("INSERT INTO t VALUES(?, ?, ?);");
+    ASSERT_NE(insert, nullptr) << c->last_error().message;
+    ASSERT_TRUE(insert->bind_int64(1, 1700000000123456) && insert->bind_double(2, 0.1) &&
+                insert->bind_text(3, text));
+    ASSERT_EQ(insert->step(), StepResult::done) << c->last_error().message;
+
+    auto read = c->prepare("SELECT i, d, s FROM t;");
+    ASSERT_NE(read, nullptr);
+    ASSERT_EQ(read->step(), StepResult::row) << c->last_error().message;
+    EXPECT_EQ(read->column_int64(0), 1700000000123456);
+    EXPECT_EQ(read->column_double(1), 0.1);
+    std::string back;
+    ASSERT_TRUE(read->column_text(2, back));
+    EXPECT_TRUE(back == text) << back.size() << " bytes back of " << text.size();
+    EXPECT_EQ(read->step(), StepResult::done);
+
+    auto bad = c->prepare("SELECT * FROM no_such_table;");
+    const bool failed = bad == nullptr || bad->step() == StepResult::error;
+    EXPECT_TRUE(failed);
+    EXPECT_NE(c->last_error().message.find("no_such_table"), std::string::npos)
+        << c->last_error().message;
 }
 
 TEST(OdbcConnect, FailureNamesTheDiagnostics) {
