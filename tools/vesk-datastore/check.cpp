@@ -56,11 +56,9 @@ int cmd_check(const GlobalOptions& global) {
         const std::string file = datastore_file(config);
         if (file.empty()) continue;
         ++checked;
-        std::vector<std::string> findings;
         if (::access(file.c_str(), F_OK) != 0)
-            findings = {"no datastore at " + file};
-        else
-            findings = integrity_check(file);
+            throw ToolError(kExitError, "no datastore at " + file);
+        const std::vector<std::string> findings = integrity_check(file);
         const bool ok = findings.size() == 1 && findings[0] == "ok";
         all_ok = all_ok && ok;
         for (const auto& finding : findings)

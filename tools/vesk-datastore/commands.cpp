@@ -68,6 +68,7 @@ int print_configs(const GlobalOptions& global, const std::string& path,
                         {"extension_path", tidy(c.extension_path + "/")},
                         {"extension_name", c.extension_name},
                         {"library_found", ::access(library.c_str(), R_OK) == 0},
+                        {"datastore_file", datastore_file(c)},
                         {"source_parameters", c.source_parameters}});
     }
     print_result(global.format, Json{{"file", path}, {"datastores", list}}, table,

@@ -242,7 +242,9 @@ int run(int argc, char** argv) {
             if (ch == '\n') ch = ';';
         const bool hint = reason.empty() && !global.verbose && tool_error != nullptr &&
                           tool_error->datastore_failure;
-        terminal << "vesk-datastore: " << e.what() << (reason.empty() ? "" : " [" + reason + "]")
+        // Names in a message may hold any byte: the terminal gets them escaped.
+        terminal << "vesk-datastore: " << terminal_safe(e.what(), false)
+                 << (reason.empty() ? "" : " [" + terminal_safe(reason, false) + "]")
                  << (hint ? " (run with -v for the datastore's messages)" : "") << "\n";
         return tool_error != nullptr ? tool_error->code : int(kExitError);
     }

@@ -72,8 +72,12 @@ void check_stdout(bool flush) {
     if (flush) std::cout.flush();
     int error = g_stdout != nullptr ? g_stdout->error() : 0;
     if (error == 0 && std::cout.fail()) error = EIO;
-    if (error != 0)
+    // Reported once: later checks on the way out stay quiet.
+    static bool reported = false;
+    if (error != 0 && !reported) {
+        reported = true;
         throw ToolError(kExitError, std::string("write error: ") + std::strerror(error));
+    }
 }
 
 Style stdout_style() {

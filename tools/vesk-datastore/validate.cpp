@@ -126,8 +126,8 @@ std::string record_problem(const vesk::datastore::InsertRecord& record, std::str
         problem = "must be 0 (none) or 1 (base64)";
         return "Encoding";
     }
-    if (!(problem = text_problem(record.option_id, size_t(max_option_id_size),
-                                 "max_option_id_size"))
+    if (!(problem =
+              text_problem(record.option_id, size_t(max_option_id_size), "max_option_id_size"))
              .empty())
         return "OptionID";
     if (record.option_id.find('\'') != std::string::npos) {
