@@ -429,7 +429,11 @@ class Sql(ToolCase):
             self.assertEqual(conn.execute("SELECT SUM(a) FROM t").fetchone()[0], 3)
         bad = self.write("bad.sql", "INSERT INTO t VALUES (3, 'z');\nINSERT INTO nowhere VALUES (1);\n")
         proc = self.run_tool("sql", bad, db, expect=ERROR)
-        self.assertIn("SQL command error: INSERT INTO nowhere VALUES (1);", self.stderr_line(proc))
+        line = self.stderr_line(proc)
+        self.assertIn("SQL command error: INSERT INTO nowhere VALUES (1);", line)
+        self.assertIn(f"{bad}:2: no such table: nowhere; nothing of the file was applied", line)
+        with sqlite3.connect(db) as conn:  # the first line was rolled back with the second
+            self.assertEqual(conn.execute("SELECT COUNT(*) FROM t").fetchone()[0], 2)
         proc = self.run_tool("sql", os.path.join(self.home, "none.sql"), db, expect=ERROR)
         self.assertIn("Unable to open sql file for reading", self.stderr_line(proc))
 
@@ -452,7 +456,7 @@ class Failures(ToolCase):
         conf = self.write("bad.xml", """<configuration instance_name="nowhere" type="sqlite3"
             source_types="data" source_parameters="source=/dev/null/vesk.db"/>""")
         proc = self.run_tool("--config", conf, "collect", expect=ERROR)
-        self.assertIn("cannot open datastore", self.stderr_line(proc))
+        self.assertIn("cannot open sqlite datastore", self.stderr_line(proc))
 
     def test_unwritable_home(self):
         if os.geteuid() == 0:
@@ -809,6 +813,79 @@ class Output(ToolCase):
 
         # Three wide characters take six columns: both rows line up.
         self.assertEqual(len({column(line) for line in lines}), 1, lines)
+
+
+class Damage(ToolCase):
+    """Open failures and damaged files say what is wrong, cause first."""
+
+    def damage(self, path):
+        with open(path, "r+b") as f:
+            f.seek(4096)
+            f.write(b"\xde\xad" * 8192)
+
+    def test_damaged_file_is_named_and_check_tells_more(self):
+        self.collect("one : echo 1\ntwo : echo 2\n")
+        self.assertEqual(self.json_of("check")[0]["findings"], ["ok"])
+        self.assertIn(b"ok", self.run_tool("check").stdout)
+        self.damage(self.database)
+        with open(self.database, "rb") as f:
+            before = f.read()[100:]  # past the header, whose counters an open may move
+        for args in (["rows"], ["hosts"], ["export"], ["snapshot", "create", "s"]):
+            with self.subTest(args):
+                proc = self.run_tool(*args, expect=ERROR)
+                self.assertEqual(self.stderr_line(proc),
+                                 f"vesk-datastore: datastore {self.database} is damaged: database "
+                                 "disk image is malformed; `vesk-datastore check` tells more")
+        [report] = self.json_of("check", expect=ERROR)
+        self.assertFalse(report["ok"])
+        self.assertEqual(report["file"], self.database)
+        self.assertGreater(len(report["findings"]), 1)
+        with open(self.database, "rb") as f:
+            self.assertEqual(f.read()[100:], before)  # reading and checking changed no page
+
+    def test_open_failure_puts_the_cause_first(self):
+        conf = self.write("bad.xml", """<configuration instance_name="nowhere" type="sqlite3"
+            source_types="data" source_parameters="source=/dev/null/vesk.db"/>""")
+        line = self.stderr_line(self.run_tool("--config", conf, "collect", expect=ERROR))
+        self.assertEqual(line, 'vesk-datastore: cannot open sqlite datastore "nowhere" '
+                               '(/dev/null/vesk.db): cannot create folder "/dev/null": '
+                               "Not a directory")
+
+    def test_config_check_reports_what_the_extension_says(self):
+        folder = os.path.join(self.home, "folder.db")
+        os.mkdir(folder)
+        conf = self.write("folder.xml", f"""<configuration instance_name="f" type="sqlite3"
+            source_types="data" source_parameters="source={folder}"/>""")
+        line = self.stderr_line(self.run_tool("config", "check", conf, expect=ERROR))
+        self.assertTrue(line.startswith(f"vesk-datastore: {conf}: cannot open sqlite datastore"),
+                        line)
+        self.assertIn("it is a folder, not a file", line)
+        # A file not created yet is fine, and config check does not create it.
+        new = self.write("new.xml", f"""<configuration instance_name="n" type="sqlite3"
+            source_types="data" source_parameters="source={self.home}/new.db"/>""")
+        self.run_tool("config", "check", new)
+        self.assertFalse(os.path.exists(os.path.join(self.home, "new.db")))
+
+    # The SQLite extension's own check of its parameter keys lands separately;
+    # until it does, an unknown value opens read-write and this test fails.
+    @unittest.expectedFailure
+    def test_config_check_refuses_unknown_parameter_values(self):
+        self.collect("one : true\n")
+        conf = self.write("maybe.xml", f"""<configuration instance_name="m" type="sqlite3"
+            source_types="data" source_parameters="read_only=maybe|source={self.database}"/>""")
+        line = self.stderr_line(self.run_tool("config", "check", conf, expect=ERROR))
+        self.assertIn("read_only", line)
+
+    def test_unwritable_store_suggests_read_only(self):
+        if os.geteuid() == 0:
+            self.skipTest("permissions do not bind root")
+        self.collect("one : true\n")
+        os.chmod(self.database, 0o444)
+        try:
+            line = self.stderr_line(self.run_tool("collect", expect=ERROR))
+            self.assertIn("add read_only=true", line)
+        finally:
+            os.chmod(self.database, 0o644)
 
 
 if __name__ == "__main__":

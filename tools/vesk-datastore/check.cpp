@@ -1,5 +1,6 @@
 // The check command: SQLite's own integrity check of every configured
 // SQLite datastore, read-only.
+#include <algorithm>
 #include <memory>
 #include <unistd.h>
 
@@ -38,7 +39,13 @@ std::vector<std::string> integrity_check(const std::string& file) {
     int step;
     while ((step = sqlite3_step(stmt.get())) == SQLITE_ROW) {
         const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(stmt.get(), 0));
-        findings.emplace_back(text ? text : "");
+        // One answer may hold several findings, one per line.
+        std::string all = text ? text : "";
+        for (size_t start = 0; start <= all.size();) {
+            const size_t end = std::min(all.find('\n', start), all.size());
+            if (end > start) findings.push_back(all.substr(start, end - start));
+            start = end + 1;
+        }
     }
     if (step != SQLITE_DONE) findings.emplace_back(sqlite3_errmsg(db.get()));
     return findings;

@@ -2,19 +2,25 @@
 #include "commands.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <climits>
+#include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <iostream>
 #include <map>
+#include <memory>
 #include <pwd.h>
 #include <set>
 #include <sys/stat.h>
 #include <sys/time.h>
 #include <unistd.h>
 
+#include "tessdb/tessdb.h"
 #include "vesk/datastore/parse_utility.h"
 #include "vesk/datastore/queries.h"
 #include "vesk/datastore/vocabulary.h"
+#include "vesk/str.h"
 
 #include "codec.h"
 #include "collect.h"
@@ -117,7 +123,8 @@ int cmd_config_check(const GlobalOptions& global, const std::string& file) {
         try {
             Store opened(existing);
         } catch (const ToolError& e) {
-            throw ToolError(kExitError, file + ": " + e.what(), e.datastore_failure);
+            throw ToolError(kExitError, file + ": " + e.what(), e.datastore_failure,
+                            e.open_failure);
         }
     }
     if (global.format == Format::table) {
@@ -131,11 +138,36 @@ int cmd_config_check(const GlobalOptions& global, const std::string& file) {
 // ---- sql ----
 
 int cmd_sql(const std::string& sql_file, const std::string& database_file) {
-    try {
-        DataStoreParseUtility::create_from_sqlfile(sql_file, database_file);
-    } catch (const std::exception& e) {
-        throw ToolError(kExitError, e.what());
+    // The same file format and messages as the library's SQL loader, run
+    // in one transaction: a failing line leaves the database as it was.
+    std::ifstream in(sql_file);
+    if (!in.is_open())
+        throw ToolError(kExitError, "Unable to open sql file for reading " + sql_file + ": " +
+                                        std::strerror(errno));
+    tessdb1::Connection* raw = nullptr;
+    if (tessdb1::newConnection(database_file.c_str(), 0, &raw) != 0)
+        throw ToolError(kExitError, "Unable to open datastore file " + database_file);
+    const std::unique_ptr<tessdb1::Connection> connection(raw);
+    if (connection->issueCommand("BEGIN IMMEDIATE;") != 0)
+        throw ToolError(kExitError, "Unable to open datastore file " + database_file + ": " +
+                                        connection->lastError());
+    size_t number = 0;
+    for (std::string line; std::getline(in, line, '\n');) {
+        ++number;
+        if (vesk::str::stripws(line).empty()) continue;
+        if (connection->issueCommand(line.c_str()) != 0) {
+            const std::string reason = connection->lastError();
+            connection->issueCommand("ROLLBACK;");
+            throw ToolError(kExitError, "SQL command error: " + line + " (" + sql_file + ":" +
+                                            std::to_string(number) + ": " + reason +
+                                            "; nothing of the file was applied)");
+        }
     }
+    if (in.bad())
+        throw ToolError(kExitError, "cannot read " + sql_file + ": " + std::strerror(errno));
+    if (connection->issueCommand("COMMIT;") != 0)
+        throw ToolError(kExitError, "cannot commit " + sql_file + " into " + database_file + ": " +
+                                        connection->lastError());
     return kExitOk;
 }
 

@@ -13,6 +13,7 @@
 
 #include "commands.h"
 #include "errors.h"
+#include "output.h"
 #include "session.h"
 #include "validate.h"
 
@@ -22,6 +23,37 @@ using namespace vesk::tool;
 
 // The library's own messages go up to level 7 (debug).
 constexpr int kVerboseLogLevel = 7;
+
+// "datastore <file> is damaged: <reason>; ..." when `text` (a message and
+// the library's log) says SQLite found a file corrupt, else "".
+std::string damage_message(const std::string& text) {
+    std::string cause;
+    for (const char* sign : {"database disk image is malformed", "file is not a database"})
+        if (text.find(sign) != std::string::npos) cause = sign;
+    if (cause.empty()) return "";
+    std::string file = opened_files().empty() ? std::string("?") : opened_files().front();
+    for (const auto& each : opened_files())
+        if (text.find(each) != std::string::npos) file = each;
+    return "datastore " + file + " is damaged: " + cause + "; `vesk-datastore check` tells more";
+}
+
+// The datastore's open failure, cause first, with a hint where one is
+// obvious. `reason` is what the datastore logged, messages joined by ";".
+std::string open_message(const std::string& reason) {
+    // Of several messages, the first one of the datastore names the cause.
+    std::string first = reason.substr(0, reason.find(';'));
+    const std::string marker = ": cannot open: ";
+    const size_t at = first.find(marker);
+    std::string text = at == std::string::npos ? "cannot open datastore: " + first
+                                               : "cannot open " + first.substr(0, at) + ": " +
+                                                     first.substr(at + marker.size());
+    if (text.find("readonly database") != std::string::npos ||
+        text.find("Permission denied") != std::string::npos)
+        text += "; to read it without writing, add read_only=true to its source_parameters";
+    else if (text.find("unable to open database file") != std::string::npos)
+        text += "; check that its folder exists and may be written";
+    return text;
+}
 
 int run(int argc, char** argv) {
     GlobalOptions global;
@@ -228,22 +260,48 @@ int run(int argc, char** argv) {
         }
     } restore{global.verbose ? std::cerr.rdbuf() : std::cerr.rdbuf(library_log.rdbuf())};
 
+    auto joined_log = [&] {
+        std::string reason = library_log.str();
+        while (!reason.empty() && reason.back() == '\n') reason.pop_back();
+        for (auto& ch : reason)
+            if (ch == '\n') ch = ';';
+        return reason;
+    };
     try {
         const int code = dispatch();
         check_stdout(true);
+        // A read that met a damaged file may still have answered in part.
+        const std::string log = joined_log();
+        if (const std::string damage = damage_message(log); !damage.empty()) {
+            terminal << "vesk-datastore: " << terminal_safe(damage, false) << "\n";
+            return kExitError;
+        }
         terminal << library_log.str() << std::flush;
         return code;
     } catch (const std::exception& e) {
         std::cout.flush();
         const auto* tool_error = dynamic_cast<const ToolError*>(&e);
-        std::string reason = library_log.str();
-        while (!reason.empty() && reason.back() == '\n') reason.pop_back();
-        for (auto& ch : reason)
-            if (ch == '\n') ch = ';';
-        const bool hint = reason.empty() && !global.verbose && tool_error != nullptr &&
-                          tool_error->datastore_failure;
+        std::string message = e.what();
+        std::string reason = joined_log();
+        bool explained = false;
+        if (const std::string damage = damage_message(message + ";" + reason); !damage.empty()) {
+            message = damage;
+            reason.clear();
+            explained = true;
+        } else if (tool_error != nullptr && tool_error->open_failure && !reason.empty()) {
+            // The datastore's own reason first; the controller's account
+            // of the same failure is left to -v.
+            // What the command put before the controller's text stays.
+            const size_t controller = message.find("cannot open datastore: ");
+            message = (controller == std::string::npos ? "" : message.substr(0, controller)) +
+                      open_message(reason);
+            reason.clear();
+            explained = true;
+        }
+        const bool hint = !explained && reason.empty() && !global.verbose &&
+                          tool_error != nullptr && tool_error->datastore_failure;
         // Names in a message may hold any byte: the terminal gets them escaped.
-        terminal << "vesk-datastore: " << terminal_safe(e.what(), false)
+        terminal << "vesk-datastore: " << terminal_safe(message, false)
                  << (reason.empty() ? "" : " [" + terminal_safe(reason, false) + "]")
                  << (hint ? " (run with -v for the datastore's messages)" : "") << "\n";
         return tool_error != nullptr ? tool_error->code : int(kExitError);

@@ -169,7 +169,7 @@ Store::Store(std::vector<DataStoreConfig> configs)
     try {
         DataStoreParseUtility::insert_db_instance(configs);
     } catch (const std::exception& e) {
-        throw ToolError(kExitError, std::string("cannot open datastore: ") + e.what());
+        throw ToolError(kExitError, std::string("cannot open datastore: ") + e.what(), true, true);
     }
     if (data_names().empty())
         throw ToolError(kExitError, "no datastore of source type \"data\" is configured");
