@@ -265,8 +265,10 @@ class Rows(ToolCase):
 
     def test_nothing_found_is_exit_1(self):
         proc = self.run_tool("rows", "--provider", "nosuch", expect=NOTHING)
-        self.assertIn(b"unknown provider: nosuch", proc.stderr)
-        self.run_tool("rows", "--host", "nohost", expect=NOTHING)
+        self.assertEqual(self.stderr_line(proc),
+                         "vesk-datastore: unknown provider: nosuch (nothing stored)")
+        proc = self.run_tool("rows", "--host", "nohost", expect=NOTHING)
+        self.assertEqual(self.stderr_line(proc), "vesk-datastore: no rows found")
 
     def test_hosts_and_providers(self):
         hosts = {h["host"]: h for h in self.json_of("hosts")}

@@ -117,7 +117,9 @@ int cmd_config_check(const GlobalOptions& global, const std::string& file) {
     std::vector<DataStoreConfig> existing;
     for (const auto& c : configs) {
         const std::string data_file = datastore_file(c);
-        if (!data_file.empty() && ::access(data_file.c_str(), F_OK) == 0) existing.push_back(c);
+        if (!data_file.empty() && c.source_types.test(vesk::datastore::data) &&
+            ::access(data_file.c_str(), F_OK) == 0)
+            existing.push_back(c);
     }
     if (!existing.empty()) {
         try {
@@ -365,7 +367,8 @@ void print_outputs(const std::vector<Row>& rows, const Style& style) {
 
 }  // namespace
 
-int print_rows(const GlobalOptions& global, const RowSource& source, bool show_output) {
+int print_rows(const GlobalOptions& global, const RowSource& source, bool show_output,
+               bool say_when_empty) {
     size_t count = 0;
     if (global.format == Format::json) {
         // One array, written element by element.
@@ -440,7 +443,7 @@ int print_rows(const GlobalOptions& global, const RowSource& source, bool show_o
         }
     }
     if (count == 0) {
-        diag() << "vesk-datastore: no rows found\n";
+        if (say_when_empty) diag() << "vesk-datastore: no rows found\n";
         return kExitNothing;
     }
     return kExitOk;
@@ -456,11 +459,14 @@ int cmd_rows(const GlobalOptions& global, const RowsOptions& options) {
     const auto stored = store->queryable_provider_names();
 
     std::vector<std::string> providers;
+    bool reported = false;
     for (const auto& p : options.providers) {
-        if (std::find(stored.begin(), stored.end(), p) == stored.end())
+        if (std::find(stored.begin(), stored.end(), p) == stored.end()) {
             diag() << "vesk-datastore: unknown provider: " << p << " (nothing stored)\n";
-        else
+            reported = true;
+        } else {
             providers.push_back(p);
+        }
     }
     if (options.providers.empty()) providers = stored;
     std::sort(providers.begin(), providers.end());
@@ -480,7 +486,8 @@ int cmd_rows(const GlobalOptions& global, const RowsOptions& options) {
             sink(rows);
         }
     };
-    return print_rows(global, source, options.show_output);
+    // Unknown providers were named already; one message is enough.
+    return print_rows(global, source, options.show_output, !(reported && providers.empty()));
 }
 
 // ---- hosts, providers ----

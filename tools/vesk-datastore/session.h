@@ -80,8 +80,10 @@ using RowSource =
 // the decoded outputs. Every format has the same columns: those of the
 // provider table (a table leaves the two output texts to --show-output).
 // An empty answer prints "[]" in JSON and the header in CSV, and "no rows
-// found" on standard error. Returns kExitOk, or kExitNothing when empty.
-int print_rows(const GlobalOptions& global, const RowSource& source, bool show_output);
+// found" on standard error unless `say_when_empty` is false. Returns kExitOk,
+// or kExitNothing when empty.
+int print_rows(const GlobalOptions& global, const RowSource& source, bool show_output,
+               bool say_when_empty = true);
 
 // Sorts one provider's rows by host, option, run and row number.
 void sort_rows(std::vector<vesk::datastore::Row>& rows);
