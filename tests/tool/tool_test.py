@@ -714,6 +714,23 @@ class Environment(ToolCase):
                 self.assertEqual(store["datastore_file"], f"{home}/.vesk/2019.2.1/vesk.db")
         self.assertFalse(os.path.exists("/.vesk"))
 
+    def test_no_home_at_all_is_refused(self):
+        if os.geteuid() != 0:
+            self.skipTest("needs root to run as a user the password database does not know")
+        env = {k: v for k, v in self.env.items() if k != "HOME"}
+
+        def stranger():
+            os.setgroups([])
+            os.setgid(54321)
+            os.setuid(54321)
+
+        proc = subprocess.run([TOOL, "collect", "--provider", "x", "--", "true"], env=env,
+                              cwd="/", capture_output=True, timeout=60, preexec_fn=stranger)
+        self.assertEqual(proc.returncode, ERROR, proc.stderr)
+        self.assertIn(b"HOME is not set and the password database names no home directory",
+                      proc.stderr)
+        self.assertFalse(os.path.exists("/.vesk"))
+
     def test_read_commands_never_create_a_store(self):
         for args in (["rows"], ["rows", "--latest"], ["hosts"], ["providers"], ["export"],
                      ["snapshot", "list"], ["snapshot", "show", "s"], ["snapshot", "diff", "s"],
