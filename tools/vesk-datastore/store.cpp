@@ -215,11 +215,27 @@ std::vector<StoredSummary> Store::summary() {
     return result;
 }
 
+std::vector<Row> Store::select_all(const std::string& query, const std::string& what) {
+    std::vector<Row> rows;
+    for (const auto& name : data_names()) {
+        SQLParameters sql{"", query, vesk::datastore::row_field_index};
+        ReadParameters request;
+        request.sql = &sql;
+        std::vector<Outcome> outcomes;
+        if (!run_ioctl({name}, vesk::datastore::OP_SELECT_PROVIDER, &request, &rows, outcomes))
+            throw datastore_error(what, outcomes);
+    }
+    return rows;
+}
+
 std::vector<std::string> Store::provider_names() {
-    std::vector<std::string> names;
-    for (const auto& entry : summary())
-        if (names.empty() || names.back() != entry.provider) names.push_back(entry.provider);
-    return names;
+    // One row per provider, read from the index that starts with Provider.
+    std::set<std::string> names;
+    for (auto& row :
+         select_all("SELECT Provider FROM " + vesk::datastore::table_name + " GROUP BY Provider",
+                    "reading the stored providers"))
+        names.insert(std::move(row.Provider));
+    return {names.begin(), names.end()};
 }
 
 std::vector<std::string> Store::queryable_provider_names() {
@@ -306,7 +322,10 @@ std::set<Store::RowKey> Store::stored_keys(const std::vector<InsertRecord>& reco
 
 int64_t Store::last_run() {
     int64_t last = 0;
-    for (const auto& entry : summary()) last = std::max(last, entry.latest_run);
+    for (const auto& row : select_all(
+             "SELECT MAX(Unique_timestamp) AS Unique_timestamp FROM " + vesk::datastore::table_name,
+             "reading the latest run"))
+        last = std::max(last, row.Unique_timestamp);
     return last;
 }
 

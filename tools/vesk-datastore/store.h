@@ -83,6 +83,10 @@ public:
     vesk::datastore::SnapshotInfoSet snapshots();
 
 private:
+    // The rows of `query` from every "data" datastore; ToolError naming
+    // `what` when one fails.
+    std::vector<vesk::datastore::Row> select_all(const std::string& query, const std::string& what);
+
     std::shared_ptr<vesk::datastore::DataStoreController> controller_;
     bool bulk_supported_ = true;
     std::set<std::string> warned_;  // skipped provider names already reported
