@@ -1,5 +1,6 @@
 // Records and name tables; configuration files, default paths and fields, the
 // datastore list and SQL files.
+#include <algorithm>
 #include <filesystem>
 #include <memory>
 #include <set>
@@ -223,19 +224,26 @@ TEST_F(ConfigurationTest, EntriesOfGroupsResolveAgainstTheInstallPath) {
     EXPECT_EQ(configs[1].source_parameters, "dsn");
 }
 
-TEST_F(ConfigurationTest, UnreadableConfigurationFileThrowsWithItsPathAndQuietly) {
+TEST_F(ConfigurationTest, UnreadableConfigurationFileThrowsTheFixedTextAndLogsWhy) {
     Utility::db_vec.emplace_back(DataStoreConfig(), std::weak_ptr<DataStoreExtension>());
     dir_.write("etc/datastore/broken.xml", "<configuration instance_name=\"x\"");
-    for (const std::string file : {"missing.xml", "broken.xml"}) {
-        // Neither libxml2 nor the error log prints anything to file descriptor 2.
+    const std::vector<std::pair<std::string, std::string>> cases{
+        {"missing.xml", "cannot read: No such file or directory"},
+        {"broken.xml", "(line 1, column "}};
+    for (const auto& [file, reason] : cases) {
+        // libxml2 prints nothing itself; the error log writes one line at level 3.
+        vesk::log::LOG_LEVEL = 3;
         ::testing::internal::CaptureStderr();
         EXPECT_THAT(
             [&] {
                 parse_group("<group><entry config_file=\"" + file + "\">libx.so</entry></group>");
             },
-            ::testing::ThrowsMessage<std::runtime_error>("Error opening datastore configuration: " +
-                                                         dir_.file("etc/datastore/" + file)));
-        EXPECT_EQ(::testing::internal::GetCapturedStderr(), "") << file;
+            ::testing::ThrowsMessage<std::runtime_error>("Error opening datastore configuration"));
+        const std::string logged = ::testing::internal::GetCapturedStderr();
+        EXPECT_THAT(logged, ::testing::HasSubstr(reason));
+        EXPECT_THAT(logged, ::testing::EndsWith(" in datastore configuration " +
+                                                dir_.file("etc/datastore/" + file) + "\n"));
+        EXPECT_EQ(std::count(logged.begin(), logged.end(), '\n'), 1) << logged;
     }
     EXPECT_EQ(Utility::db_vec.size(), 1u);
 }
