@@ -314,11 +314,14 @@ private:
         } else {
             while (p_ < end_ && *p_ >= '0' && *p_ <= '9') ++p_;
         }
+        bool integral = true;
         if (take('.')) {
+            integral = false;
             if (p_ == end_ || *p_ < '0' || *p_ > '9') return false;
             while (p_ < end_ && *p_ >= '0' && *p_ <= '9') ++p_;
         }
         if (p_ < end_ && (*p_ == 'e' || *p_ == 'E')) {
+            integral = false;
             ++p_;
             if (p_ < end_ && (*p_ == '+' || *p_ == '-')) ++p_;
             if (p_ == end_ || *p_ < '0' || *p_ > '9') return false;
@@ -326,6 +329,8 @@ private:
         }
         const std::string text(start, size_t(p_ - start));
         out = std::strtod(text.c_str(), nullptr);
+        // The general path reads "-0" as the integer 0, so as +0.0.
+        if (integral && out == 0) out = 0.0;
         return std::isfinite(out);
     }
     // An array of strings; text joined by "," takes the general path.
@@ -392,7 +397,10 @@ bool parse_with_dom(const std::string& line, vesk::datastore::InsertRecord& reco
     record = vesk::datastore::InsertRecord{};
     seen = Seen{};
     auto& h = record.header;
-    for (auto& [key, value] : object.items()) {
+    for (auto& item : object.items()) {
+        // (Not a structured binding: clang cannot capture one in the lambda.)
+        const std::string& key = item.key();
+        json& value = item.value();
         auto wrong = [&](const char* expected) {
             error = "\"" + key + "\" must be " + expected;
             return false;

@@ -306,7 +306,8 @@ bool DataStoreParseUtility::parse_xml(xmlNode* node, DataStoreConfig& config) {
     if (!vesk::xml::char_cmp_str(node->name, "configuration")) return true;
     // Attributes are checked in the map's key order, so of two bad attributes
     // the first in that order is the one reported.
-    for (const auto& [key, field] : db_fields_map) {
+    for (const auto& item : db_fields_map) {
+        const std::string& key = item.first;  // (a structured binding cannot be captured)
         std::string raw;
         const bool present = vesk::xml::get_attr(node, key, raw);
         const std::string value = vesk::str::stripws(raw);
@@ -318,7 +319,7 @@ bool DataStoreParseUtility::parse_xml(xmlNode* node, DataStoreConfig& config) {
                 << document_name(node);
             return std::runtime_error(message);
         };
-        switch (field) {
+        switch (item.second) {
             case instance_name_field:
                 config.instance_name = value;
                 break;
