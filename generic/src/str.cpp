@@ -44,8 +44,12 @@ std::string squeeze(std::string text, char ch) {
 
 namespace {
 
-bool is_name_start(char c) { return c == '_' || std::isalpha(static_cast<unsigned char>(c)); }
-bool is_name_char(char c) { return c == '_' || std::isalnum(static_cast<unsigned char>(c)); }
+// True when `c` is one of the characters of `set` (never for a NUL byte).
+bool one_of(const char* set, char c) { return c != '\0' && std::strchr(set, c) != nullptr; }
+
+// Variable names are ASCII whatever the locale: a letter or "_", then digits too.
+bool is_name_start(char c) { return c == '_' || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); }
+bool is_name_char(char c) { return is_name_start(c) || (c >= '0' && c <= '9'); }
 
 // The home folder of `user` ("" for the caller) from the password database;
 // false when there is no such user.
@@ -89,9 +93,8 @@ bool expand_dollar(const std::string& text, size_t& pos, std::string& out) {
     const size_t next = pos + 1;
     if (next == text.size() || !(is_name_start(text[next]) || text[next] == '{')) {
         // "$(", "$1", "$$", "$?" and the like are not expanded.
-        if (next < text.size() &&
-            (text[next] == '(' || std::isdigit(static_cast<unsigned char>(text[next])) ||
-             std::strchr("$?#@*!-", text[next]) != nullptr))
+        if (next < text.size() && (text[next] == '(' || (text[next] >= '0' && text[next] <= '9') ||
+                                   one_of("$?#@*!-", text[next])))
             return false;
         out += '$';  // a lone "$" is text, as in the shell
         pos = next;
@@ -149,7 +152,7 @@ std::string wordexp(std::string text) {
             if (pos + 1 == text.size()) {
                 out += c;
                 ++pos;
-            } else if (quote == kPlain || std::strchr("$`\"\\\n", text[pos + 1]) != nullptr) {
+            } else if (quote == kPlain || one_of("$`\"\\\n", text[pos + 1])) {
                 if (text[pos + 1] != '\n') out += text[pos + 1];
                 pos += 2;
             } else {
