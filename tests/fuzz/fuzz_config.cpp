@@ -29,6 +29,7 @@ using Utility = vesk::datastore::DataStoreParseUtility;
 
 std::string g_dir;          // the install path, a fresh temporary folder
 std::ostringstream g_sink;  // what the error log writes
+std::streambuf* g_cerr = nullptr;
 
 void write_file(const std::string& path, const std::string& text) {
     std::ofstream out(path, std::ios::binary | std::ios::trunc);
@@ -72,8 +73,9 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
     // Log lines are produced (level 3 and the walk's), and dropped here.
     vesk::log::LOG_LEVEL = 7;
     vesk::log::LOG_OUTPUT = 0;
-    std::cerr.rdbuf(g_sink.rdbuf());
+    g_cerr = std::cerr.rdbuf(g_sink.rdbuf());
     std::atexit([] {
+        std::cerr.rdbuf(g_cerr);  // before g_sink goes
         std::error_code ec;
         std::filesystem::remove_all(g_dir, ec);
     });
