@@ -10,7 +10,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <libxml/parser.h>
 #include <libxml/tree.h>
 
 #include "vesk/datastore/interface.h"
@@ -18,6 +17,7 @@
 #include "vesk/datastore/queries.h"
 #include "vesk/datastore/sqlite_extension.h"
 #include "vesk/datastore/vocabulary.h"
+#include "vesk/log.h"
 #include "vesk/str.h"
 
 #include "errors.h"
@@ -105,11 +105,34 @@ private:
     std::streambuf* old_;
 };
 
-struct XmlDocFree {
-    void operator()(xmlDoc* doc) const { xmlFreeDoc(doc); }
-};
+// The last line of `text` (the library logs the cause last).
+std::string last_line(const std::string& text) {
+    const auto end = text.find_last_not_of('\n');
+    if (end == std::string::npos) return "";
+    const auto start = text.rfind('\n', end);
+    return text.substr(start == std::string::npos ? 0 : start + 1,
+                       end - (start == std::string::npos ? 0 : start + 1) + 1);
+}
 
-void silent_xml_errors(void*, xmlErrorPtr) {}
+// While it lives, the library's error log writes level 3 and below to
+// standard error (where CerrCapture takes it), whatever the settings.
+class LogToCapture {
+public:
+    LogToCapture() : level_(vesk::log::LOG_LEVEL), output_(vesk::log::LOG_OUTPUT) {
+        vesk::log::LOG_LEVEL = std::max(level_, 3);
+        vesk::log::LOG_OUTPUT = 0;
+    }
+    ~LogToCapture() {
+        vesk::log::LOG_LEVEL = level_;
+        vesk::log::LOG_OUTPUT = output_;
+    }
+    LogToCapture(const LogToCapture&) = delete;
+    LogToCapture& operator=(const LogToCapture&) = delete;
+
+private:
+    int level_;
+    int output_;
+};
 
 }  // namespace
 
@@ -127,14 +150,14 @@ std::vector<DataStoreConfig> read_config_file(const std::string& path) {
     if (::stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode))
         throw ToolError(kExitError, "cannot read configuration file " + path + ": Is a directory");
 
-    xmlSetStructuredErrorFunc(nullptr, &silent_xml_errors);
-    const std::unique_ptr<xmlDoc, XmlDocFree> doc(xmlReadFile(path.c_str(), nullptr, 0));
-    if (!doc) throw ToolError(kExitError, path + ": not a well-formed XML file");
-    xmlNode* root = xmlDocGetRootElement(doc.get());
-    if (root == nullptr) throw ToolError(kExitError, path + ": empty XML document");
-
+    // The library reads and checks every configuration document, and logs
+    // why it refuses one (level 3) before it throws its fixed message: that
+    // log line, captured here, is the cause the message starts with.
+    LogToCapture log_settings;
+    CerrCapture capture;
     std::vector<DataStoreConfig> configs;
     try {
+        xmlNode* root = DataStoreParseUtility::read_config_document(path);
         if (std::strcmp(reinterpret_cast<const char*>(root->name), "configuration") == 0) {
             // A single datastore configuration file.
             DataStoreConfig config;
@@ -145,20 +168,22 @@ std::vector<DataStoreConfig> read_config_file(const std::string& path) {
             // the walk logs mean it stopped at a bad entry.
             DataStoreConfig none;
             none.instance_name = "\x01no entry";
-            std::string logged;
-            {
-                CerrCapture capture;
-                configs = DataStoreParseUtility::parse_db_configs(root, none);
-                logged = capture.text();
-            }
-            if (!logged.empty()) throw ToolError(kExitError, path + ": " + logged);
+            configs = DataStoreParseUtility::parse_db_configs(root, none);
+            const std::string logged = last_line(capture.text());
+            if (!logged.empty()) throw ToolError(kExitError, logged + " in " + path);
             if (configs.size() == 1 && configs[0].instance_name == none.instance_name)
-                throw ToolError(kExitError, path + ": no datastore entry in the file");
+                throw ToolError(kExitError, "no datastore entry in " + path);
         }
     } catch (const ToolError&) {
         throw;
     } catch (const std::exception& e) {
-        throw ToolError(kExitError, path + ": " + e.what());
+        // "<cause> in <file> (<library's fixed text>)", the fixed text left
+        // out where the cause already says it.
+        const std::string logged = last_line(capture.text());
+        const std::string what = e.what();
+        if (logged.empty()) throw ToolError(kExitError, what + " in " + path);
+        if (logged.find(what) != std::string::npos) throw ToolError(kExitError, logged);
+        throw ToolError(kExitError, logged + " (" + what + ")");
     }
     DataStoreParseUtility::fillInVacantFields(configs);
     return configs;

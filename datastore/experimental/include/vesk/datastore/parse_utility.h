@@ -47,11 +47,27 @@ public:
 
     // Reads a whole group file below `root`; `fallback` alone when it has no
     // entry. Throws std::runtime_error for an unreadable configuration file
-    // or a bad attribute.
+    // (see read_config_document) or a bad attribute.
     static std::vector<DataStoreConfig> parse_db_configs(xmlNode* root,
                                                          const DataStoreConfig& fallback);
-    // Reads the attributes of a "configuration" element into `config`.
+    // Reads the attributes of a "configuration" element into `config`. A bad
+    // attribute is logged (level 3) with its file before the throw.
     static bool parse_xml(xmlNode* node, DataStoreConfig& config);
+    // Reads the configuration document `file` (group file or datastore
+    // configuration file) and returns its root element; the document is kept
+    // for the life of the process (see release_config_documents). Refused
+    // before any walk: a file that is not regular, larger than
+    // max_config_file_size or compressed, a document whose DTD declares
+    // entities or names an external subset, and malformed XML. A refusal is
+    // logged at level 3 (reason, libxml2's line and column, file) and throws
+    // std::runtime_error("Error opening datastore configuration"). The group
+    // walk reads every datastore configuration file through it.
+    static xmlNode* read_config_document(const std::string& file);
+    // Frees every document read_config_document kept. Records already read
+    // stay valid (they hold copies); nodes returned earlier do not.
+    static void release_config_documents();
+    // Configuration files are small: larger ones are refused unread.
+    static constexpr long max_config_file_size = 1L << 20;
     // Joins `path` (or `base` when `path` is empty) and `file`: a path not
     // beginning with "$", "." or "/" is taken relative to `base`; the result
     // is expanded, made absolute and freed of repeated slashes.
