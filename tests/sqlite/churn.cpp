@@ -95,10 +95,11 @@ int main(int argc, char** argv) {
             missing += unique.count(std::to_string(p) + "-" + std::to_string(c)) == 0;
     const auto integrity = raw_column(db, "PRAGMA integrity_check");
     const bool ok = integrity == std::vector<std::string>{"ok"};
-    std::printf("%d processes x %d cycles (%s file): %ld of %d calls failed, %zu rows, %ld "
-                "missing, %zu stored twice, integrity %s\n",
-                processes, cycles, create ? "new" : "existing", failed, 2 * processes * cycles,
-                tags.size(), missing, tags.size() - unique.size(), ok ? "ok" : "NOT ok");
+    std::printf(
+        "%d processes x %d cycles (%s file): %ld of %d calls failed, %zu rows, %ld "
+        "missing, %zu stored twice, integrity %s\n",
+        processes, cycles, create ? "new" : "existing", failed, 2 * processes * cycles, tags.size(),
+        missing, tags.size() - unique.size(), ok ? "ok" : "NOT ok");
     if (std::fflush(stdout) != 0) return 1;
     return failed == 0 && missing == 0 && tags.size() == unique.size() && ok ? 0 : 1;
 }

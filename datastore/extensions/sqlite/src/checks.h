@@ -33,7 +33,6 @@ std::string name_problem(const std::string& name);
 // beyond its size limit, or a node name that would not come back from the
 // joined node list. `node_bytes` receives the size of the joined list.
 std::string row_problem(const vesk::provider::header& header, const std::string& option_id,
-                        const std::string& std_out, const std::string& std_err,
-                        size_t& node_bytes);
+                        const std::string& std_out, const std::string& std_err, size_t& node_bytes);
 
 }  // namespace vesk::datastore::checks

@@ -626,7 +626,8 @@ int SqliteExtension::open_connection(bool immutable) {
         SQLITE_OPEN_NOMUTEX | (immutable ? SQLITE_OPEN_URI : 0);
     const std::string name = immutable ? file_uri(path_, "immutable=1") : path_;
     ::sqlite3* raw = nullptr;
-    const int rc = sqlite3_open_v2(name.c_str(), &raw, flags, vfs_.empty() ? nullptr : vfs_.c_str());
+    const int rc =
+        sqlite3_open_v2(name.c_str(), &raw, flags, vfs_.empty() ? nullptr : vfs_.c_str());
     db_.reset(raw);
     if (rc != SQLITE_OK) return rc;
     immutable_ = immutable;
@@ -663,7 +664,8 @@ bool SqliteExtension::configure_connection() {
     }
     if (rc != SQLITE_OK) return fail_open(reason(rc));
     if (read_only_) return exec("PRAGMA query_only = ON;") || fail_open("cannot set query_only");
-    return use_wal() && (exec("PRAGMA synchronous = NORMAL;") || fail_open("cannot set synchronous"));
+    return use_wal() &&
+           (exec("PRAGMA synchronous = NORMAL;") || fail_open("cannot set synchronous"));
 }
 
 bool SqliteExtension::use_wal() {
@@ -671,8 +673,8 @@ bool SqliteExtension::use_wal() {
     const int rc = retry_busy([&] {
         // The schema read first: after another process switched the file,
         // it makes this connection see the new mode.
-        int code = sqlite3_exec(db_.get(), "SELECT count(*) FROM sqlite_master;", nullptr,
-                                nullptr, nullptr);
+        int code = sqlite3_exec(db_.get(), "SELECT count(*) FROM sqlite_master;", nullptr, nullptr,
+                                nullptr);
         if (code != SQLITE_OK) return code;
         sqlite3_stmt* raw = nullptr;
         code = sqlite3_prepare_v2(db_.get(), "PRAGMA journal_mode = WAL;", -1, &raw, nullptr);
@@ -699,16 +701,15 @@ bool SqliteExtension::create_schema() {
     // The indexes serve the queries of the base class: the latest row per
     // provider and host, the newest collection run, a provider's rows and
     // the rows of a snapshot.
-    const std::string statements = default_create_table_query + default_create_baseline_query +
-                                   default_create_view_query +
-                                   "CREATE INDEX IF NOT EXISTS provider_datastore_latest ON " +
-                                   table_name +
-                                   "(Provider, Hostname, OptionID, Unique_timestamp);"
-                                   "CREATE INDEX IF NOT EXISTS provider_datastore_run ON " +
-                                   table_name +
-                                   "(Unique_timestamp, Provider);"
-                                   "CREATE INDEX IF NOT EXISTS baseline_datastore_id ON " +
-                                   table_baseline + "(baseline_id, datastore_rowid);";
+    const std::string statements =
+        default_create_table_query + default_create_baseline_query + default_create_view_query +
+        "CREATE INDEX IF NOT EXISTS provider_datastore_latest ON " + table_name +
+        "(Provider, Hostname, OptionID, Unique_timestamp);"
+        "CREATE INDEX IF NOT EXISTS provider_datastore_run ON " +
+        table_name +
+        "(Unique_timestamp, Provider);"
+        "CREATE INDEX IF NOT EXISTS baseline_datastore_id ON " +
+        table_baseline + "(baseline_id, datastore_rowid);";
     const int rc = retry_busy([&] {
         const std::string sql = "BEGIN IMMEDIATE;" + statements + "COMMIT;";
         int code = sqlite3_exec(db_.get(), sql.c_str(), nullptr, nullptr, nullptr);
@@ -916,8 +917,7 @@ bool SqliteExtension::update_snapshot(const std::map<std::string, ProviderInfoSe
                             sqlite3_bind_null(stmt, index);
                         else
                             sqlite3_bind_text(stmt, index, (config->*f).data(),
-                                              static_cast<int>((config->*f).size()),
-                                              SQLITE_STATIC);
+                                              static_cast<int>((config->*f).size()), SQLITE_STATIC);
                     };
                     bind(3, &vesk::provider_config::fwd_name);
                     bind(4, &vesk::provider_config::provider_checksum);
@@ -934,8 +934,8 @@ bool SqliteExtension::update_snapshot(const std::map<std::string, ProviderInfoSe
     if (rc == kRefused)
         VESK_SQLITE_LOG(kErrorLevel) << where() << refusal;
     else
-        VESK_SQLITE_LOG(kErrorLevel) << where()
-                                     << "snapshot update failed, nothing written: " << reason(rc);
+        VESK_SQLITE_LOG(kErrorLevel)
+            << where() << "snapshot update failed, nothing written: " << reason(rc);
     return false;
 }
 
@@ -1014,6 +1014,7 @@ bool SqliteExtension::run_select(const std::string& sql, std::vector<Record>& ou
     }
     ::sqlite3* db = db_.get();
     const size_t first = out.size();
+    const size_t capacity = out.capacity();
     // The authorizer is consulted while the statement is prepared (and
     // prepared again after a schema change), so it stays on until the end;
     // the watchdog is disarmed before anything else happens to the
@@ -1078,6 +1079,9 @@ bool SqliteExtension::run_select(const std::string& sql, std::vector<Record>& ou
     }
     if (step == SQLITE_DONE) return true;
     out.resize(first);  // all of the answer or nothing
+    // The room the rows took goes back too: after running out of memory
+    // the message below needs some.
+    if (out.capacity() > capacity) out.shrink_to_fit();
     try {
         if ((step & 0xff) == SQLITE_INTERRUPT || interrupted)
             VESK_SQLITE_LOG(kErrorLevel) << where() << "statement stopped after query_timeout_ms ("
