@@ -2,6 +2,7 @@
 // size limits, read-only use, bad files, injection, the statement guard and
 // snapshots.
 #include <chrono>
+#include <functional>
 #include <sys/resource.h>
 #include <sys/wait.h>
 
@@ -433,6 +434,58 @@ TEST_F(SqliteExtensionTest, SelectFailuresLeaveTheCallersRowsAlone) {
     EXPECT_TRUE(WIFEXITED(status)) << status;
     EXPECT_EQ(WEXITSTATUS(status), 0);
 #endif
+}
+
+}  // namespace
+
+namespace {
+
+// While another connection holds the write lock, every open and write waits
+// busy_timeout_ms and then fails naming it; once the lock is gone, each
+// succeeds (a reader of a WAL file is never blocked by a writer). A file in the rollback journal
+// (an older store) is switched to WAL by its first writer.
+TEST_F(SqliteExtensionTest, LockedFileMakesEveryCallWaitThenNameTheTimeout) {
+    sqlite3* raw = nullptr;
+    ASSERT_EQ(sqlite3_open(db().c_str(), &raw), SQLITE_OK);
+    ASSERT_EQ(sqlite3_exec(raw, "CREATE TABLE old(x);", nullptr, nullptr, nullptr), SQLITE_OK);
+    sqlite3_close(raw);
+    ASSERT_EQ(raw_column(db(), "PRAGMA journal_mode"), std::vector<std::string>{"delete"});
+    auto ext = open_db(false, "|busy_timeout_ms=400");
+    ASSERT_EQ(raw_column(db(), "PRAGMA journal_mode"), std::vector<std::string>{"wal"});
+    ASSERT_EQ(insert_record(*ext, sample_record("p", "h", 1)), kOk);
+
+    ASSERT_EQ(sqlite3_open(db().c_str(), &raw), SQLITE_OK);
+    ASSERT_EQ(
+        sqlite3_exec(raw, "BEGIN IMMEDIATE; INSERT INTO old VALUES(1);", nullptr, nullptr, nullptr),
+        SQLITE_OK);
+    const std::vector<std::pair<const char*, std::function<bool()>>> calls = {
+        {"open",
+         [&] {
+             int32_t status = -1;
+             open_sqlite(params_for(db(), false, "|busy_timeout_ms=400"), &status);
+             return status == kOk;
+         }},
+        {"insert", [&] { return insert_record(*ext, sample_record("p", "h", 2)) == kOk; }},
+        {"bulk insert", [&] { return bulk_insert(*ext, sample_rows("p", 3)) == kOk; }},
+    };
+    for (const auto& [name, call] : calls) {
+        SCOPED_TRACE(name);
+        CerrCapture log;
+        const auto start = std::chrono::steady_clock::now();
+        EXPECT_FALSE(call());
+        const auto waited = std::chrono::steady_clock::now() - start;
+        EXPECT_GE(waited, std::chrono::milliseconds(400));
+        EXPECT_LT(waited, std::chrono::seconds(5));
+        EXPECT_NE(log.text().find("busy_timeout_ms (400 ms)"), std::string::npos) << log.text();
+    }
+    std::vector<vd::Row> rows;
+    EXPECT_TRUE(ext->select("SELECT * FROM vesk_1", rows, vd::row_field_index));
+    sqlite3_close(raw);
+    for (const auto& [name, call] : calls) {
+        SCOPED_TRACE(name);
+        EXPECT_TRUE(call());
+    }
+    EXPECT_EQ(raw_count(db()), 5);
 }
 
 }  // namespace

@@ -216,8 +216,12 @@ public:
     Watchdog& operator=(const Watchdog&) = delete;
 
     void arm(::sqlite3* db, Clock::time_point deadline) {
+        forget_if_forked();
         std::unique_lock<std::mutex> lock(mutex_);
-        if (!thread_.joinable()) thread_ = std::thread([this] { run(); });
+        if (!thread_) {
+            thread_ = std::make_unique<std::thread>([this] { run(); });
+            owner_ = ::getpid();
+        }
         db_ = db;
         deadline_ = deadline;
         fired_ = false;
@@ -232,17 +236,29 @@ public:
         return fired_;
     }
     void stop() {
+        forget_if_forked();
         {
             std::lock_guard<std::mutex> lock(mutex_);
             stopping_ = true;
             armed_ = false;
         }
         wake_.notify_one();
-        if (thread_.joinable()) thread_.join();
+        if (thread_) thread_->join();
+        thread_.reset();
         stopping_ = false;
     }
 
 private:
+    // A child process of fork has a copy of this object but not the thread
+    // (and maybe a mutex that the thread held): it starts afresh.
+    void forget_if_forked() {
+        if (!thread_ || owner_ == ::getpid()) return;
+        static_cast<void>(thread_.release());  // the parent's, not ours to join
+        new (&mutex_) std::mutex();
+        new (&wake_) std::condition_variable();
+        armed_ = idle_ = stopping_ = false;
+    }
+
     void run() {
         std::unique_lock<std::mutex> lock(mutex_);
         while (!stopping_) {
@@ -264,7 +280,8 @@ private:
 
     std::mutex mutex_;
     std::condition_variable wake_;
-    std::thread thread_;
+    std::unique_ptr<std::thread> thread_;
+    pid_t owner_ = 0;
     ::sqlite3* db_ = nullptr;
     Clock::time_point deadline_;
     bool armed_ = false;
