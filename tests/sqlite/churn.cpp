@@ -6,6 +6,8 @@
 // create the file together; with "existing" it is created first.
 //
 // Usage: sqlite_churn [processes] [cycles] [existing|create]
+// VESK_CHURN_PLUGIN_DIR, when set, names the folder of another libsqlite.so
+// to measure (for comparing builds); the staged one is used otherwise.
 // Exit 0 on success; on failure, 1 with the reason on stderr.
 #include <cstdio>
 #include <set>
@@ -26,7 +28,8 @@ vd::DataStoreConfig churn_config(const std::string& db) {
     config.type = vd::sqlite3;
     config.instance_name = "churn";
     config.extension_name = "libsqlite.so";
-    config.extension_path = kStageDir + "/datastore/lumok64/";
+    const char* other = std::getenv("VESK_CHURN_PLUGIN_DIR");
+    config.extension_path = other ? other : kStageDir + "/datastore/lumok64/";
     config.source_parameters = params_for(db);
     config.source_types.set(vd::data);
     return config;
