@@ -455,6 +455,7 @@ TEST_F(SqliteExtensionTest, LockedFileMakesEveryCallWaitThenNameTheTimeout) {
     ASSERT_EQ(insert_record(*ext, sample_record("p", "h", 1)), kOk);
 
     ASSERT_EQ(sqlite3_open(db().c_str(), &raw), SQLITE_OK);
+    const std::unique_ptr<sqlite3, int (*)(sqlite3*)> holder(raw, &sqlite3_close_v2);
     ASSERT_EQ(
         sqlite3_exec(raw, "BEGIN IMMEDIATE; INSERT INTO old VALUES(1);", nullptr, nullptr, nullptr),
         SQLITE_OK);
@@ -480,7 +481,7 @@ TEST_F(SqliteExtensionTest, LockedFileMakesEveryCallWaitThenNameTheTimeout) {
     }
     std::vector<vd::Row> rows;
     EXPECT_TRUE(ext->select("SELECT * FROM vesk_1", rows, vd::row_field_index));
-    sqlite3_close(raw);
+    ASSERT_EQ(sqlite3_exec(raw, "ROLLBACK;", nullptr, nullptr, nullptr), SQLITE_OK);
     for (const auto& [name, call] : calls) {
         SCOPED_TRACE(name);
         EXPECT_TRUE(call());
