@@ -1022,8 +1022,14 @@ int SqliteExtension::read_rows(sqlite3_stmt* stmt, const std::vector<int>& colum
     int step;
     while ((step = sqlite3_step(stmt)) == SQLITE_ROW) {
         bytes += static_cast<long long>(sizeof(Record));
-        for (size_t c = 0; c < columns.size(); ++c)
-            if (columns[c] >= 0) bytes += sqlite3_column_bytes(stmt, static_cast<int>(c));
+        for (size_t c = 0; c < columns.size(); ++c) {
+            if (columns[c] < 0) continue;
+            // Only text and blobs are asked for their size: asking a number
+            // would convert it to text.
+            const int type = sqlite3_column_type(stmt, static_cast<int>(c));
+            if (type == SQLITE_TEXT || type == SQLITE_BLOB)
+                bytes += sqlite3_column_bytes(stmt, static_cast<int>(c));
+        }
         if (bytes > max_result_bytes_) return SQLITE_TOOBIG;
         out.emplace_back();
         sqlite_ext::read_row(stmt, columns, out.back());
