@@ -96,4 +96,16 @@ std::string row_problem(const vesk::provider::header& header, const std::string&
     return "";
 }
 
+size_t record_bytes(const Row& row) {
+    size_t bytes = sizeof(Row) + row.Provider.size() + row.Hostname.size() + row.STDOUT.size() +
+                   row.STDERR.size() + row.OptionID.size() + row.Username.size();
+    for (const auto& name : row.node_names) bytes += sizeof(std::string) + name.size();
+    return bytes;
+}
+
+size_t record_bytes(const Row_baseline& row) {
+    return sizeof(Row_baseline) + row.baseline_id.size() + row.fwd_name.size() +
+           row.provider_checksum.size() + row.command_checksum.size();
+}
+
 }  // namespace vesk::datastore::checks

@@ -35,4 +35,8 @@ std::string name_problem(const std::string& name);
 std::string row_problem(const vesk::provider::header& header, const std::string& option_id,
                         const std::string& std_out, const std::string& std_err, size_t& node_bytes);
 
+// The memory one record of an answer takes: the record and its texts.
+size_t record_bytes(const Row& row);
+size_t record_bytes(const Row_baseline& row);
+
 }  // namespace vesk::datastore::checks

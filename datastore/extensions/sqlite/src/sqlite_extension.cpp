@@ -1018,21 +1018,17 @@ bool SqliteExtension::query_baseline_ids(SnapshotInfoSet& ids) {
 template <typename Record>
 int SqliteExtension::read_rows(sqlite3_stmt* stmt, const std::vector<int>& columns,
                                std::vector<Record>& out, size_t first) {
-    long long bytes = static_cast<long long>((out.size() - first) * sizeof(Record));
+    // Counted from the records read (asking SQLite for every column's size
+    // again would cost as much as reading the row).
+    size_t bytes = 0;
+    for (size_t i = first; i < out.size(); ++i) bytes += checks::record_bytes(out[i]);
+    const auto limit = static_cast<size_t>(max_result_bytes_);
     int step;
     while ((step = sqlite3_step(stmt)) == SQLITE_ROW) {
-        bytes += static_cast<long long>(sizeof(Record));
-        for (size_t c = 0; c < columns.size(); ++c) {
-            if (columns[c] < 0) continue;
-            // Only text and blobs are asked for their size: asking a number
-            // would convert it to text.
-            const int type = sqlite3_column_type(stmt, static_cast<int>(c));
-            if (type == SQLITE_TEXT || type == SQLITE_BLOB)
-                bytes += sqlite3_column_bytes(stmt, static_cast<int>(c));
-        }
-        if (bytes > max_result_bytes_) return SQLITE_TOOBIG;
         out.emplace_back();
         sqlite_ext::read_row(stmt, columns, out.back());
+        bytes += checks::record_bytes(out.back());
+        if (bytes > limit) return SQLITE_TOOBIG;
     }
     return step;
 }
