@@ -2,8 +2,13 @@
 // size limits, read-only use, bad files, injection, the statement guard and
 // snapshots.
 #include <chrono>
+#include <functional>
+#include <sys/resource.h>
+#include <sys/wait.h>
 
 #include <gtest/gtest.h>
+
+#include "vesk/str.h"
 
 #include "sqlite/sqlite_test_util.h"
 #include "test_support.h"
@@ -52,18 +57,48 @@ TEST_F(SqliteExtensionTest, OpenCloseAndRequestsThatMustFail) {
     EXPECT_EQ(ext->control(vd::SQLITE_BULK_INSERT, nullptr, nullptr, nullptr), kFailed);
     EXPECT_EQ(ext->control(1023, nullptr, nullptr, nullptr),
               vd::DataStoreExtension::UNSUPPORTED_OPERATION);
-    // The last writer to close leaves the file in rollback mode, alone.
+    // The file stays in WAL; the last connection to close takes the side files.
     EXPECT_EQ(ext->close(), kOk);
     EXPECT_EQ(files_in(dir_.file("deep/er")), std::set<std::string>{"vesk.db"});
-    EXPECT_EQ(raw_column(file, "PRAGMA journal_mode"), std::vector<std::string>{"delete"});
+    EXPECT_EQ(raw_column(file, "PRAGMA journal_mode"), std::vector<std::string>{"wal"});
     std::vector<vd::Row> rows;
     EXPECT_NE(insert_record(*ext, sample_record("p", "h", 1)), kOk);
     EXPECT_FALSE(ext->select("SELECT 1", rows, vd::row_field_index));
     EXPECT_EQ((open_sqlite(params_for(file), &status), status), kOk);  // the schema is in place
     EXPECT_EQ((open_sqlite("source=a=b", &status), status), kFailed);
-    EXPECT_EQ((open_sqlite(params_for(db(), false, "|busy_timeout_ms=soon"), &status), status),
-              kFailed);
     EXPECT_FALSE(std::filesystem::exists(db()));
+}
+
+// Unknown keys and malformed values are refused at open with a message that
+// names the key, and nothing is created.
+TEST_F(SqliteExtensionTest, ParameterStringIsCheckedKeyByKey) {
+    const std::vector<std::pair<std::string, std::string>> refused = {
+        {"|read_only=maybe", "read_only"},
+        {"|read_only=TRUE", "read_only"},
+        {"|read_onyl=true", "read_onyl"},
+        {"|busy_timeout_ms=soon", "busy_timeout_ms"},
+        {"|query_timeout_ms=-5", "query_timeout_ms"},
+        {"|max_result_bytes=1e9", "max_result_bytes"},
+        {"|max_length=", "max_length="},
+        {"|source=other.db", "source"},
+        {"|vfs=no_such_vfs", "no_such_vfs"},
+        {"|busy_timeout_ms=1234567890123", "busy_timeout_ms"}};
+    for (const auto& [more, key] : refused) {
+        SCOPED_TRACE(more);
+        CerrCapture log;
+        int32_t status = -1;
+        EXPECT_FALSE(open_sqlite(params_for(db(), false, more), &status)->is_open());
+        EXPECT_EQ(status, kFailed);
+        EXPECT_NE(log.text().find(key), std::string::npos) << log.text();
+        EXPECT_FALSE(std::filesystem::exists(db()));
+    }
+    // Every key it defines, blanks around items, an empty item.
+    int32_t status = -1;
+    open_sqlite(" source = " + db() +
+                    " | read_only=false||busy_timeout_ms=10|query_timeout_ms=20|max_length=100000"
+                    "|max_result_bytes=1000|vfs=unix",
+                &status);
+    EXPECT_EQ(status, kOk);
 }
 
 // Each limit at its maximum round-trips; one byte (or node) more is refused,
@@ -173,10 +208,16 @@ TEST_F(SqliteExtensionTest, SnapshotsAndReadOnlyUse) {
     ASSERT_EQ(ids.size(), 2u);
     EXPECT_EQ(ids.begin()->latest_unique_timestamp, 300);
     EXPECT_EQ(std::next(ids.begin())->latest_unique_timestamp, 200);
-    EXPECT_EQ(files_in(dir_.path()), std::set<std::string>{"vesk.db"});
     ext.reset();
-    EXPECT_EQ(files_in(dir_.path()), std::set<std::string>{"vesk.db"});
+    // The file is not changed; SQLite may leave its (empty) WAL side files,
+    // which the next writer takes away.
     EXPECT_TRUE(read_file(db()) == before);
+    for (const auto& name : files_in(dir_.path()))
+        EXPECT_TRUE(name == "vesk.db" || name == "vesk.db-shm" ||
+                    (name == "vesk.db-wal" && read_file(dir_.file(name)).empty()))
+            << name;
+    open_db().reset();
+    EXPECT_EQ(files_in(dir_.path()), std::set<std::string>{"vesk.db"});
 
     ext = open_db();
     EXPECT_EQ(remove_snapshot(*ext, "x' OR '1'='1"), kFailed);
@@ -211,7 +252,13 @@ TEST_F(SqliteExtensionTest, BadFilesFailClearlyAndCreateNothing) {
         EXPECT_EQ(status, kFailed);
         ASSERT_EQ(log.lines().size(), 1u) << log.text();
         EXPECT_NE(log.text().find(source), std::string::npos) << log.text();
-        EXPECT_EQ(files_in(d.path()), files);
+        // SQLite's own reason: damaged, not a database, a folder, no file.
+        EXPECT_NE(log.text().find(what.size() == 1 ? "o" : "SQLITE_"), std::string::npos)
+            << log.text();
+        auto now = files_in(d.path());  // besides SQLite's side files of a WAL file
+        now.erase("x.db-wal");
+        now.erase("x.db-shm");
+        EXPECT_EQ(now, files);
         EXPECT_TRUE(what.size() == 1 || read_file(source) == what);
     }
 }
@@ -284,6 +331,162 @@ TEST_F(SqliteExtensionTest, SelectRunsOneReadOnlyStatementOnlyAndWithinItsTime) 
     EXPECT_EQ(files_in(dir_.path()), files);
     // Trailing blanks and a closing semicolon are fine.
     EXPECT_EQ(select(*ext, "SELECT * FROM vesk_1 WHERE rowid < 3;  \n").size(), 2u);
+}
+
+}  // namespace
+
+namespace {
+
+// A provider or host name that a query could not find as written is refused
+// by both insert paths, with a message naming the field and the row.
+TEST_F(SqliteExtensionTest, NamesAQueryCouldNotFindAreRefusedAtInsert) {
+    auto ext = open_db();
+    const std::vector<std::pair<std::string, std::string>> bad = {{"  uname  ", "h"},
+                                                                  {"uname ", "h"},
+                                                                  {"\tuname", "h"},
+                                                                  {"   ", "h"},
+                                                                  {"", "h"},
+                                                                  {"nic's check", "h"},
+                                                                  {std::string("a\0b", 3), "h"},
+                                                                  {"p", " h"},
+                                                                  {"p", "h\n"},
+                                                                  {"p", " "},
+                                                                  {"p", "o'host"},
+                                                                  {"p", ""}};
+    for (const auto& [provider, host] : bad) {
+        SCOPED_TRACE("\"" + provider + "\" @ \"" + host + "\"");
+        const auto record = sample_record(provider, host, 1);
+        const bool provider_bad =
+            vesk::str::stripws(provider) != provider || provider.empty() ||
+            provider.find_first_of(std::string("'\0", 2)) != std::string::npos;
+        const std::string field = provider_bad ? "provider name" : "host name";
+        CerrCapture log;
+        EXPECT_EQ(insert_record(*ext, record), kFailed);
+        EXPECT_NE(log.text().find(field), std::string::npos) << log.text();
+        EXPECT_EQ(
+            bulk_insert(*ext, {sample_record("ok", "h", 1), sample_record("ok", "h", 2), record}),
+            kFailed);
+        EXPECT_NE(log.text().find("row 2: " + field), std::string::npos) << log.text();
+    }
+    EXPECT_FALSE(std::filesystem::exists(db()) && raw_count(db()) != 0);
+    // Inner blanks and other punctuation come back as written.
+    const auto fine = sample_record("disk usage (df -h)", "node-1.example.org", 1);
+    ASSERT_EQ(insert_record(*ext, fine), kOk);
+    std::vector<vd::Row> rows;
+    ASSERT_TRUE(ext->select_provider({"disk usage (df -h)"}, rows, ""));
+    ASSERT_EQ(rows.size(), 1u);
+    EXPECT_TRUE(same(rows[0], fine));
+}
+
+// select gives back the caller's rows on every failure: a result beyond
+// max_result_bytes, a statement stopped by query_timeout_ms inside one long
+// function call, and memory running out (in a child with a small address
+// space).
+TEST_F(SqliteExtensionTest, SelectFailuresLeaveTheCallersRowsAlone) {
+    ASSERT_EQ(bulk_insert(*open_db(), sample_rows("p", 2000)), kOk);
+    const std::vector<vd::Row> before(3);
+    struct Case {
+        std::string parameters, sql, message;
+        std::chrono::milliseconds at_most;
+    };
+    const std::vector<Case> cases = {
+        {"|max_result_bytes=100000", "SELECT * FROM vesk_1", "max_result_bytes (100000 bytes)",
+         std::chrono::seconds(5)},
+        // Few steps of SQLite's machine, each one long: only the watchdog
+        // stops this within one row of its limit.
+        {"|query_timeout_ms=300", "SELECT length(randomblob(20000000)) AS rowid FROM vesk_1",
+         "query_timeout_ms (300 ms)", std::chrono::seconds(4)}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.sql);
+        auto ext = open_db(false, c.parameters);
+        std::vector<vd::Row> rows = before;
+        CerrCapture log;
+        const auto start = std::chrono::steady_clock::now();
+        EXPECT_FALSE(ext->select(c.sql, rows, vd::row_field_index));
+        EXPECT_LT(std::chrono::steady_clock::now() - start, c.at_most);
+        EXPECT_EQ(rows.size(), before.size());
+        EXPECT_NE(log.text().find(c.message), std::string::npos) << log.text();
+        // The connection keeps working after the stop.
+        EXPECT_EQ(select(*ext, "SELECT * FROM vesk_1 WHERE rowid <= 4").size(), 4u);
+    }
+    // Within the limit the whole answer comes.
+    auto ext = open_db(false, "|max_result_bytes=100000000");
+    EXPECT_EQ(select(*ext, "SELECT * FROM vesk_1").size(), 2000u);
+#if !defined(__SANITIZE_ADDRESS__)
+    // 2000 x 2000 rows do not fit in 512 MiB of address space.
+    ext = open_db();
+    const pid_t child = ::fork();
+    if (child == 0) {
+        rlimit limit{512u << 20, 512u << 20};
+        if (::setrlimit(RLIMIT_AS, &limit) != 0) _exit(10);
+        std::vector<vd::Row> rows = before;
+        CerrCapture log;
+        if (ext->select("SELECT a.* FROM vesk_1 a, vesk_1 b", rows, vd::row_field_index)) _exit(11);
+        if (rows.size() != before.size()) _exit(12);
+        if (log.text().find("out of memory") == std::string::npos) {
+            std::fprintf(stderr, "%s\n", log.text().c_str());
+            _exit(13);
+        }
+        _exit(0);
+    }
+    int status = 0;
+    ::waitpid(child, &status, 0);
+    EXPECT_TRUE(WIFEXITED(status)) << status;
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+#endif
+}
+
+}  // namespace
+
+namespace {
+
+// While another connection holds the write lock, every open and write waits
+// busy_timeout_ms and then fails naming it; once the lock is gone, each
+// succeeds (a reader of a WAL file is never blocked by a writer). A file in the rollback journal
+// (an older store) is switched to WAL by its first writer.
+TEST_F(SqliteExtensionTest, LockedFileMakesEveryCallWaitThenNameTheTimeout) {
+    sqlite3* raw = nullptr;
+    ASSERT_EQ(sqlite3_open(db().c_str(), &raw), SQLITE_OK);
+    ASSERT_EQ(sqlite3_exec(raw, "CREATE TABLE old(x);", nullptr, nullptr, nullptr), SQLITE_OK);
+    sqlite3_close(raw);
+    ASSERT_EQ(raw_column(db(), "PRAGMA journal_mode"), std::vector<std::string>{"delete"});
+    auto ext = open_db(false, "|busy_timeout_ms=400");
+    ASSERT_EQ(raw_column(db(), "PRAGMA journal_mode"), std::vector<std::string>{"wal"});
+    ASSERT_EQ(insert_record(*ext, sample_record("p", "h", 1)), kOk);
+
+    ASSERT_EQ(sqlite3_open(db().c_str(), &raw), SQLITE_OK);
+    const std::unique_ptr<sqlite3, int (*)(sqlite3*)> holder(raw, &sqlite3_close_v2);
+    ASSERT_EQ(
+        sqlite3_exec(raw, "BEGIN IMMEDIATE; INSERT INTO old VALUES(1);", nullptr, nullptr, nullptr),
+        SQLITE_OK);
+    const std::vector<std::pair<const char*, std::function<bool()>>> calls = {
+        {"open",
+         [&] {
+             int32_t status = -1;
+             open_sqlite(params_for(db(), false, "|busy_timeout_ms=400"), &status);
+             return status == kOk;
+         }},
+        {"insert", [&] { return insert_record(*ext, sample_record("p", "h", 2)) == kOk; }},
+        {"bulk insert", [&] { return bulk_insert(*ext, sample_rows("p", 3)) == kOk; }},
+    };
+    for (const auto& [name, call] : calls) {
+        SCOPED_TRACE(name);
+        CerrCapture log;
+        const auto start = std::chrono::steady_clock::now();
+        EXPECT_FALSE(call());
+        const auto waited = std::chrono::steady_clock::now() - start;
+        EXPECT_GE(waited, std::chrono::milliseconds(400));
+        EXPECT_LT(waited, std::chrono::seconds(5));
+        EXPECT_NE(log.text().find("busy_timeout_ms (400 ms)"), std::string::npos) << log.text();
+    }
+    std::vector<vd::Row> rows;
+    EXPECT_TRUE(ext->select("SELECT * FROM vesk_1", rows, vd::row_field_index));
+    ASSERT_EQ(sqlite3_exec(raw, "ROLLBACK;", nullptr, nullptr, nullptr), SQLITE_OK);
+    for (const auto& [name, call] : calls) {
+        SCOPED_TRACE(name);
+        EXPECT_TRUE(call());
+    }
+    EXPECT_EQ(raw_count(db()), 5);
 }
 
 }  // namespace
