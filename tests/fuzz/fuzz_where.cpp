@@ -28,8 +28,8 @@ public:
 
 bool passes_check(const std::string& name) {
     try {
-        vesk::tool::check_name("provider name", name,
-                               size_t(vesk::datastore::max_provider_size), "max_provider_size");
+        vesk::tool::check_name("provider name", name, size_t(vesk::datastore::max_provider_size),
+                               "max_provider_size");
         return true;
     } catch (const vesk::tool::ToolError&) {
         return false;
