@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "filter.h"
 #include "output.h"
 
 namespace vesk::tool {
@@ -29,9 +30,12 @@ struct CollectOptions {
 
 struct RowsOptions {
     std::vector<std::string> providers;
-    std::vector<std::string> hosts;
+    std::vector<std::string> hosts;  // names or globs; also in filter.hosts
+    RowFilter filter;
     bool latest = false;
     bool show_output = false;
+    size_t limit = 0;                                // 0: every row
+    int64_t stale_after = int64_t(86400) * 1000000;  // --latest: stale behind the newest run
 };
 
 int cmd_collect(const GlobalOptions& global, const CollectOptions& options);

@@ -13,6 +13,7 @@
 
 #include "commands.h"
 #include "errors.h"
+#include "filter.h"
 #include "output.h"
 #include "session.h"
 #include "validate.h"
@@ -53,6 +54,27 @@ std::string open_message(const std::string& reason) {
     else if (text.find("unable to open database file") != std::string::npos)
         text += "; check that its folder exists and may be written";
     return text;
+}
+
+// Reads the time options of a reading command into `options`; throws
+// ToolError (exit 2) naming the option that cannot be read.
+void settle_times(RowsOptions& options, const std::string& since, const std::string& until,
+                  const std::string& stale_after) {
+    const int64_t now = now_microseconds();
+    auto read = [&](const std::string& option, const std::string& text, int64_t& when,
+                    bool& is_run) {
+        if (text.empty()) return;
+        const std::string problem = parse_when(text, now, when, is_run);
+        if (!problem.empty()) throw ToolError(kExitError, option + " \"" + text + "\" " + problem);
+    };
+    read("--since", since, options.filter.since, options.filter.since_run);
+    read("--until", until, options.filter.until, options.filter.until_run);
+    if (!stale_after.empty()) {
+        const std::string problem = parse_age(stale_after, options.stale_after);
+        if (!problem.empty())
+            throw ToolError(kExitError, "--stale-after \"" + stale_after + "\" " + problem);
+    }
+    options.filter.hosts = options.hosts;
 }
 
 int run(int argc, char** argv) {
@@ -120,20 +142,45 @@ int run(int argc, char** argv) {
                   "stored already (default: skip and count them)");
 
     RowsOptions export_options;
+    std::string export_since;
     auto* exp = app.add_subcommand("export", "Print stored rows as JSON Lines");
     exp->add_option("--provider", export_options.providers, "Only this provider (repeatable)")
         ->allow_extra_args(false);
-    exp->add_option("--host", export_options.hosts, "Only this host (repeatable)")
+    exp->add_option("--host", export_options.hosts,
+                    "Only this host, or hosts matching this glob (repeatable)")
         ->allow_extra_args(false);
+    exp->add_option("--since", export_since,
+                    "Only runs after run id RUN, or at or after TIME (2026-11-23[T10:00], 2h, "
+                    "7d): what a node has not shipped yet");
 
     // rows
     RowsOptions rows;
+    std::string rows_since;
+    std::string rows_until;
+    std::string stale_after;
+    int exit_status = 0;
     auto* r = app.add_subcommand("rows", "Show stored rows");
     r->add_option("--provider", rows.providers, "Only this provider (repeatable)")
         ->allow_extra_args(false);
-    r->add_option("--host", rows.hosts, "Only this host (repeatable)")->allow_extra_args(false);
-    r->add_flag("--latest", rows.latest, "Only the latest row per provider, option and host");
+    r->add_option("--host", rows.hosts,
+                  "Only this host, or hosts matching this glob like node0[0-4]* (repeatable)")
+        ->allow_extra_args(false);
+    r->add_flag("--latest", rows.latest,
+                "Only the latest row per provider, option and host, with a \"stale\" column");
     r->add_flag("--show-output", rows.show_output, "Print the captured outputs (decoded)");
+    r->add_flag("--failed", rows.filter.failed, "Only rows whose exit status is not 0");
+    auto* exit_option = r->add_option("--exit", exit_status, "Only rows with this exit status");
+    r->add_option("--since", rows_since,
+                  "Only runs at or after TIME (2026-11-23[T10:00[:00]][Z], or an age: 2h, 7d), "
+                  "or after run id RUN");
+    r->add_option("--until", rows_until, "Only runs before TIME, or up to run id RUN");
+    r->add_option("--run", rows.filter.run, "Only the collection run with this id")
+        ->check(CLI::PositiveNumber);
+    r->add_option("--limit", rows.limit, "At most N rows (default: all)")
+        ->check(CLI::Range(size_t(1), size_t(1) << 40));
+    r->add_option("--stale-after", stale_after,
+                  "With --latest: a host with no row this much newer than the newest run is "
+                  "stale (default 1d)");
 
     auto* hosts = app.add_subcommand("hosts", "Hosts with stored rows: counts and latest run");
     auto* providers =
@@ -227,10 +274,16 @@ int run(int argc, char** argv) {
                 throw ToolError(kExitError,
                                 "export writes JSON Lines; --format csv does not "
                                 "apply (use `--format csv rows`)");
+            settle_times(export_options, export_since, "", "");
             return cmd_export(global, export_options);
         }
         if (*chk) return cmd_check(global);
-        if (*r) return cmd_rows(global, rows);
+        if (*r) {
+            rows.filter.has_exit = exit_option->count() > 0;
+            rows.filter.exit_status = exit_status;
+            settle_times(rows, rows_since, rows_until, stale_after);
+            return cmd_rows(global, rows);
+        }
         if (*hosts) return cmd_hosts(global);
         if (*providers) return cmd_providers(global);
         if (*s_create) return cmd_snapshot_create(global, snap_name);

@@ -129,9 +129,10 @@ int cmd_snapshot_show(const GlobalOptions& global, const std::string& name, bool
     const auto providers = store->queryable_provider_names();
     const RowSource source = [&](const auto& sink) {
         for (const auto& provider : providers) {
-            auto rows = snapshot_rows(name, {provider});
-            sort_rows(rows);
-            sink(rows);
+            RowPart part;
+            part.rows = snapshot_rows(name, {provider});
+            sort_rows(part.rows);
+            sink(part);
         }
     };
     return print_rows(global, source, show_output);

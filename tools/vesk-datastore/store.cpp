@@ -215,17 +215,47 @@ std::vector<StoredSummary> Store::summary() {
     return result;
 }
 
+std::vector<Row> Store::select_from(const std::string& name, const std::string& query,
+                                    const std::string& what) {
+    std::vector<Row> rows;
+    SQLParameters sql{"", query, vesk::datastore::row_field_index};
+    ReadParameters request;
+    request.sql = &sql;
+    std::vector<Outcome> outcomes;
+    if (!run_ioctl({name}, vesk::datastore::OP_SELECT_PROVIDER, &request, &rows, outcomes))
+        throw datastore_error(what, outcomes);
+    return rows;
+}
+
 std::vector<Row> Store::select_all(const std::string& query, const std::string& what) {
     std::vector<Row> rows;
     for (const auto& name : data_names()) {
-        SQLParameters sql{"", query, vesk::datastore::row_field_index};
-        ReadParameters request;
-        request.sql = &sql;
-        std::vector<Outcome> outcomes;
-        if (!run_ioctl({name}, vesk::datastore::OP_SELECT_PROVIDER, &request, &rows, outcomes))
-            throw datastore_error(what, outcomes);
+        auto part = select_from(name, query, what);
+        rows.insert(rows.end(), std::make_move_iterator(part.begin()),
+                    std::make_move_iterator(part.end()));
     }
     return rows;
+}
+
+std::string Store::write_target() const {
+    const auto names = data_names();
+    if (names.size() == 1) return names.front();
+    std::string list;
+    for (const auto& name : names) list += (list.empty() ? "" : ", ") + name;
+    throw ToolError(kExitError, "several datastores are selected (" + list +
+                                    "): name the one to write to with --datastore NAME");
+}
+
+std::map<std::string, int64_t> Store::host_latest_runs() {
+    std::map<std::string, int64_t> latest;
+    for (const auto& row :
+         select_all("SELECT Hostname, MAX(Unique_timestamp) AS Unique_timestamp FROM " +
+                        vesk::datastore::table_name + " GROUP BY Hostname",
+                    "reading the hosts' latest runs")) {
+        auto& run = latest[row.Hostname];
+        run = std::max(run, row.Unique_timestamp);
+    }
+    return latest;
 }
 
 std::vector<std::string> Store::provider_names() {
@@ -331,7 +361,7 @@ int64_t Store::last_run() {
 
 void Store::insert(const std::vector<InsertRecord>& records) {
     if (records.empty()) return;
-    const auto names = data_names();
+    const std::vector<std::string> names{write_target()};
     std::vector<Outcome> outcomes;
     if (bulk_supported_) {
         if (run_ioctl(names, kBulkInsertOp, &records, nullptr, outcomes)) return;

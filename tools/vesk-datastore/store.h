@@ -5,6 +5,7 @@
 // the controller for its whole life and closes the datastores at the end.
 
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <set>
 #include <string>
@@ -82,11 +83,25 @@ public:
     // when a datastore fails; an empty set means there are none.
     vesk::datastore::SnapshotInfoSet snapshots();
 
-private:
-    // The rows of `query` from every "data" datastore; ToolError naming
-    // `what` when one fails.
+    // The rows of `query` (SQL on the provider table, columns named like
+    // its own) from the "data" datastore `name`. Throws ToolError (exit 2)
+    // naming `what` and the datastore when it fails: a failed read never
+    // passes for an empty one.
+    std::vector<vesk::datastore::Row> select_from(const std::string& name, const std::string& query,
+                                                  const std::string& what);
+    // The same from every "data" datastore, one answer after the other.
     std::vector<vesk::datastore::Row> select_all(const std::string& query, const std::string& what);
 
+    // The one "data" datastore a writing command writes to. Throws
+    // ToolError (exit 2) when several are selected: the target must be
+    // named with --datastore.
+    std::string write_target() const;
+
+    // Per host, its newest run (Unique_timestamp), merged over the "data"
+    // datastores.
+    std::map<std::string, int64_t> host_latest_runs();
+
+private:
     std::shared_ptr<vesk::datastore::DataStoreController> controller_;
     bool bulk_supported_ = true;
     std::set<std::string> warned_;  // skipped provider names already reported

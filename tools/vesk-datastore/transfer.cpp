@@ -292,39 +292,39 @@ int cmd_import(const GlobalOptions& global, const std::string& file, size_t batc
 }
 
 int cmd_export(const GlobalOptions& global, const RowsOptions& options) {
-    for (const auto& p : options.providers)
-        check_name("provider name", p, size_t(vesk::datastore::max_provider_size),
-                   "max_provider_size");
-    for (const auto& h : options.hosts)
-        check_name("host name", h, size_t(vesk::datastore::max_hostname_size), "max_hostname_size");
+    check_row_options(options);
     auto store = open_store(global, Access::read);
-    std::vector<std::string> providers = options.providers;
-    if (providers.empty()) providers = store->queryable_provider_names();
+    bool reported = false;
+    const auto providers = rows_providers(*store, options, reported);
 
-    const std::string filter = hosts_filter(options.hosts);
-    // One provider at a time keeps memory bounded by the largest provider.
+    // One provider at a time keeps memory bounded by the largest provider;
+    // every datastore is asked itself, and a failed read ends the export
+    // with exit 2 instead of a shorter file.
     uint64_t written = 0;
     std::string out;
     for (const auto& provider : providers) {
-        std::vector<Row> rows;
-        vesk::datastore::select_provider_data({provider}, rows, filter, false);
-        std::sort(rows.begin(), rows.end(),
-                  [](const Row& a, const Row& b) { return a.rowid < b.rowid; });
-        for (const auto& row : rows) {
-            out += row_to_line(row);
-            out += '\n';
-            if (out.size() > (size_t(1) << 20)) {
-                std::cout.write(out.data(), std::streamsize(out.size()));
-                out.clear();
-                check_stdout();
+        for (const auto& name : store->data_names()) {
+            std::vector<Row> rows =
+                store->select_from(name, row_query(provider, options, false, 0),
+                                   "reading the rows of provider \"" + provider + "\"");
+            std::sort(rows.begin(), rows.end(),
+                      [](const Row& a, const Row& b) { return a.rowid < b.rowid; });
+            for (const auto& row : rows) {
+                out += row_to_line(row);
+                out += '\n';
+                if (out.size() > (size_t(1) << 20)) {
+                    std::cout.write(out.data(), std::streamsize(out.size()));
+                    out.clear();
+                    check_stdout();
+                }
             }
+            written += rows.size();
         }
-        written += rows.size();
     }
     std::cout.write(out.data(), std::streamsize(out.size()));
     check_stdout(true);
     if (written == 0) {
-        diag() << "vesk-datastore: no rows found\n";
+        if (!reported) diag() << "vesk-datastore: no rows found\n";
         return kExitNothing;
     }
     return kExitOk;
