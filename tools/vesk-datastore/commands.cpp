@@ -639,6 +639,53 @@ int print_summary(const GlobalOptions& global, bool by_provider) {
 }  // namespace
 
 int cmd_hosts(const GlobalOptions& global) { return print_summary(global, false); }
+
+int cmd_runs(const GlobalOptions& global, const RunsOptions& options) {
+    auto store = open_store(global, Access::read);
+    // Grouped on the index that starts with Unique_timestamp, newest first;
+    // the counts travel in Row fields of their own type (rowid: rows,
+    // num_nodes: hosts, Exit_status: failed rows, Timestamp: first start).
+    const std::string query =
+        "SELECT Unique_timestamp, MIN(Timestamp) AS Timestamp, COUNT(DISTINCT Hostname) AS "
+        "num_nodes, COUNT(*) AS rowid, SUM(Exit_status <> 0) AS Exit_status FROM " +
+        vesk::datastore::table_name + " GROUP BY Unique_timestamp ORDER BY Unique_timestamp DESC" +
+        (options.limit > 0 ? " LIMIT " + std::to_string(options.limit) : std::string());
+    struct Run {
+        int64_t start = 0;
+        int64_t hosts = 0;
+        int64_t rows = 0;
+        int64_t failed = 0;
+    };
+    std::map<int64_t, Run, std::greater<int64_t>> runs;
+    for (const auto& row : store->select_all(query, "listing the runs")) {
+        Run& run = runs[row.Unique_timestamp];
+        run.start = run.start == 0 ? row.Timestamp : std::min(run.start, row.Timestamp);
+        run.hosts += row.num_nodes;
+        run.rows += row.rowid;
+        run.failed += row.Exit_status;
+    }
+    Table table{{"run", "run_time", "start", "hosts", "rows", "failed"}, {}};
+    Json list = Json::array();
+    size_t shown = 0;
+    for (const auto& [id, run] : runs) {
+        if (options.limit > 0 && shown++ >= options.limit) break;
+        table.rows.push_back({std::to_string(id), format_run(id), format_time(run.start),
+                              std::to_string(run.hosts), std::to_string(run.rows),
+                              std::to_string(run.failed)});
+        list.push_back({{"run", id},
+                        {"run_time", format_run(id)},
+                        {"start", run.start},
+                        {"hosts", run.hosts},
+                        {"rows", run.rows},
+                        {"failed", run.failed}});
+    }
+    print_result(global.format, list, table);
+    if (runs.empty()) {
+        diag() << "vesk-datastore: nothing stored\n";
+        return kExitNothing;
+    }
+    return kExitOk;
+}
 int cmd_providers(const GlobalOptions& global) { return print_summary(global, true); }
 
 }  // namespace vesk::tool

@@ -45,12 +45,39 @@ int cmd_export(const GlobalOptions& global, const RowsOptions& options);
 int cmd_rows(const GlobalOptions& global, const RowsOptions& options);
 int cmd_hosts(const GlobalOptions& global);
 int cmd_providers(const GlobalOptions& global);
-int cmd_snapshot_create(const GlobalOptions& global, const std::string& name);
+struct SnapshotCreateOptions {
+    std::string name;
+    int64_t run = 0;  // record this run exactly (0: the latest row per host)
+    bool replace = false;
+    int64_t stale_after = int64_t(86400) * 1000000;  // stale: behind the newest run by more
+};
+
+int cmd_snapshot_create(const GlobalOptions& global, const SnapshotCreateOptions& options);
 int cmd_snapshot_list(const GlobalOptions& global);
 int cmd_snapshot_show(const GlobalOptions& global, const std::string& name, bool show_output);
 int cmd_snapshot_remove(const GlobalOptions& global, const std::string& name);
-int cmd_snapshot_diff(const GlobalOptions& global, const std::string& name,
-                      const std::string& other);
+// How diff prints its answer.
+enum class DiffMode { summary, stat, name_only, quiet, full };
+
+struct DiffOptions {
+    std::vector<std::string> snapshots;  // sides named by snapshot, first
+    std::vector<int64_t> runs;           // sides named by run id, after them
+    std::vector<std::string> ignore;     // providers left out
+    bool use_ignore_file = true;         // also those of $HOME/.vesk/diff-ignore
+    double duration_tolerance = -1;      // percent; < 0: durations are not compared
+    DiffMode mode = DiffMode::summary;
+};
+
+// Compares two sides (snapshot, run, or the latest rows per host): kExitOk
+// when equal, kExitNothing when something differs.
+int cmd_diff(const GlobalOptions& global, const DiffOptions& options);
+
+struct RunsOptions {
+    size_t limit = 0;  // 0: every run
+};
+
+// The collection runs, newest first: id, start, hosts, rows, failed rows.
+int cmd_runs(const GlobalOptions& global, const RunsOptions& options);
 int cmd_sql(const std::string& sql_file, const std::string& database_file);
 int cmd_config_show(const GlobalOptions& global);
 int cmd_config_check(const GlobalOptions& global, const std::string& file);

@@ -33,11 +33,11 @@ struct RowFilter {
     bool failed = false;             // exit status not 0
     bool has_exit = false;           // exit status equal to `exit_status`
     int exit_status = 0;
-    int64_t since = 0;        // rows of runs at or after this time (0: no bound)
-    bool since_run = false;   // `since` is a run id: only runs after it
-    int64_t until = 0;        // rows of runs before this time (0: no bound)
-    bool until_run = false;   // `until` is a run id: runs up to it, itself included
-    int64_t run = 0;          // only this run (0: every run)
+    int64_t since = 0;       // rows of runs at or after this time (0: no bound)
+    bool since_run = false;  // `since` is a run id: only runs after it
+    int64_t until = 0;       // rows of runs before this time (0: no bound)
+    bool until_run = false;  // `until` is a run id: runs up to it, itself included
+    int64_t run = 0;         // only this run (0: every run)
 };
 
 // The conditions of `filter` that select rows before any grouping (hosts,

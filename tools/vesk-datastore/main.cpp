@@ -190,22 +190,75 @@ int run(int argc, char** argv) {
     auto* snap = app.add_subcommand("snapshot", "Create, list, show, remove and compare snapshots");
     snap->require_subcommand(1);
     std::string snap_name;
-    std::string snap_other;
     bool snap_show_output = false;
-    auto* s_create = snap->add_subcommand("create", "Record the latest run as snapshot NAME");
-    s_create->add_option("name", snap_name, "Snapshot name")->required();
+    SnapshotCreateOptions create;
+    std::string create_stale;
+    auto* s_create = snap->add_subcommand(
+        "create",
+        "Record the latest row per provider, option and host as snapshot NAME (every host "
+        "keeps its own run), or one run with --run");
+    s_create->add_option("name", create.name, "Snapshot name")->required();
+    s_create->add_option("--run", create.run, "Record this collection run exactly")
+        ->check(CLI::PositiveNumber);
+    s_create->add_flag("--replace", create.replace, "Record NAME anew when it exists");
+    s_create->add_option("--stale-after", create_stale,
+                         "A host whose newest row lags the newest run by more is named stale "
+                         "(default 1d)");
     auto* s_list = snap->add_subcommand("list", "List the snapshots");
     auto* s_show = snap->add_subcommand("show", "Show the rows of snapshot NAME");
     s_show->add_option("name", snap_name, "Snapshot name")->required();
     s_show->add_flag("--show-output", snap_show_output, "Print the captured outputs (decoded)");
     auto* s_remove = snap->add_subcommand("remove", "Remove snapshot NAME");
     s_remove->add_option("name", snap_name, "Snapshot name")->required();
-    auto* s_diff =
-        snap->add_subcommand("diff",
-                             "Compare snapshot NAME with the latest run, or with snapshot OTHER; "
-                             "exit status 1 when something differs");
-    s_diff->add_option("name", snap_name, "Snapshot name")->required();
-    s_diff->add_option("other", snap_other, "Other snapshot (default: the latest run)");
+    // diff, and `snapshot diff` with the same options.
+    DiffOptions diff;
+    std::string diff_format_mode;
+    auto add_diff = [&](CLI::App* parent) {
+        auto* d = parent->add_subcommand(
+            "diff",
+            "Compare two of: a snapshot, a run (--run ID), the latest rows per host (the "
+            "default right side); exit status 1 when something differs, 0 when nothing does");
+        d->add_option("snapshots", diff.snapshots, "One or two snapshot names (left first)")
+            ->expected(0, 2);
+        d->add_option("--run", diff.runs, "A side given by run id (repeatable; after snapshots)")
+            ->allow_extra_args(false)
+            ->check(CLI::PositiveNumber);
+        d->add_option("--ignore-provider", diff.ignore,
+                      "Leave this provider out (repeatable; also the names listed in "
+                      "$HOME/.vesk/diff-ignore, one a line)")
+            ->allow_extra_args(false);
+        d->add_flag(
+            "--no-ignore-file", [&](int64_t) { diff.use_ignore_file = false; },
+            "Do not read $HOME/.vesk/diff-ignore");
+        d->add_option("--duration-tolerance", diff.duration_tolerance,
+                      "A duration that changed by more than PCT percent is a difference "
+                      "(default: durations are not compared)")
+            ->check(CLI::Range(0.0, 1e9));
+        auto* g = d->add_option_group("mode", "What to print (default: a summary list)");
+        g->add_flag(
+            "--stat", [&](int64_t) { diff.mode = DiffMode::stat; },
+            "Counts per provider and per host");
+        g->add_flag(
+            "--name-only", [&](int64_t) { diff.mode = DiffMode::name_only; },
+            "The hosts that differ, one a line");
+        g->add_flag(
+            "-q,--quiet", [&](int64_t) { diff.mode = DiffMode::quiet; },
+            "Nothing: the exit status only");
+        g->add_flag(
+            "--full", [&](int64_t) { diff.mode = DiffMode::full; },
+            "Every difference with unified diffs of the outputs");
+        g->require_option(0, 1);
+        return d;
+    };
+    auto* s_diff = add_diff(snap);
+    auto* top_diff = add_diff(&app);
+
+    RunsOptions runs;
+    auto* runs_cmd = app.add_subcommand("runs",
+                                        "Collection runs, newest first: hosts, rows, "
+                                        "failed rows");
+    runs_cmd->add_option("--limit", runs.limit, "At most N runs (default: all)")
+        ->check(CLI::Range(size_t(1), size_t(1) << 40));
 
     // sql
     std::string sql_file;
@@ -286,11 +339,21 @@ int run(int argc, char** argv) {
         }
         if (*hosts) return cmd_hosts(global);
         if (*providers) return cmd_providers(global);
-        if (*s_create) return cmd_snapshot_create(global, snap_name);
+        if (*s_create) {
+            if (!create_stale.empty()) {
+                const std::string problem = parse_age(create_stale, create.stale_after);
+                if (!problem.empty())
+                    throw ToolError(kExitError,
+                                    "--stale-after \"" + create_stale + "\" " + problem);
+            }
+            return cmd_snapshot_create(global, create);
+        }
+        if (*runs_cmd) return cmd_runs(global, runs);
+        if (*top_diff) return cmd_diff(global, diff);
         if (*s_list) return cmd_snapshot_list(global);
         if (*s_show) return cmd_snapshot_show(global, snap_name, snap_show_output);
         if (*s_remove) return cmd_snapshot_remove(global, snap_name);
-        if (*s_diff) return cmd_snapshot_diff(global, snap_name, snap_other);
+        if (*s_diff) return cmd_diff(global, diff);
         if (*sql) return cmd_sql(sql_file, database_file);
         if (*cfg_show) return cmd_config_show(global);
         if (*cfg_check) return cmd_config_check(global, check_file);

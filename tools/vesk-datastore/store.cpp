@@ -381,6 +381,18 @@ void Store::insert(const std::vector<InsertRecord>& records) {
     }
 }
 
+std::vector<Row> Store::latest_rows(const std::string& name,
+                                    const std::vector<std::string>& providers) {
+    std::vector<Row> rows;
+    if (providers.empty()) return rows;
+    ReadParameters request;
+    request.first = providers;
+    std::vector<Outcome> outcomes;
+    if (!run_ioctl({name}, vesk::datastore::OP_LATEST_ROWS_PROVIDER, &request, &rows, outcomes))
+        throw datastore_error("reading the latest rows per host", outcomes);
+    return rows;
+}
+
 std::vector<Row> Store::latest_run_rows(const std::vector<std::string>& providers) {
     std::vector<Row> rows;
     if (providers.empty()) return rows;

@@ -76,6 +76,12 @@ public:
     // otherwise. Throws ToolError (exit 2) when no datastore accepts them.
     void insert(const std::vector<vesk::datastore::InsertRecord>& records);
 
+    // The latest row per provider, option and host of `providers` in the
+    // "data" datastore `name` (the library's latest-rows query). Throws
+    // ToolError (exit 2) when it fails.
+    std::vector<vesk::datastore::Row> latest_rows(const std::string& name,
+                                                  const std::vector<std::string>& providers);
+
     // The rows of the newest collection run of `providers` (operation 519).
     std::vector<vesk::datastore::Row> latest_run_rows(const std::vector<std::string>& providers);
 
