@@ -225,6 +225,7 @@ int cmd_collect(const GlobalOptions& global, const CollectOptions& options) {
         throw ToolError(kExitError, "Hostname: this host's name \"" + host + "\" " + problem);
 
     auto store = open_store(global, Access::write);
+    const std::string target = store->write_target();
     // One time stamp for the whole run, later than every run stored.
     const int64_t run = std::max(now_microseconds(), store->last_run() + 1);
     timeval run_tv{};
@@ -292,9 +293,12 @@ int cmd_collect(const GlobalOptions& global, const CollectOptions& options) {
     }
     const std::string heading = "run " + std::to_string(run) + " (" + format_run(run) + ") on " +
                                 host + ": " + std::to_string(results.size()) +
-                                (results.size() == 1 ? " row" : " rows") + " stored\n";
-    print_result(global.format, Json{{"host", host}, {"unique_timestamp", run}, {"rows", list}},
-                 table, heading, "exit");
+                                (results.size() == 1 ? " row" : " rows") + " stored in datastore " +
+                                target + "\n";
+    print_result(
+        global.format,
+        Json{{"host", host}, {"datastore", target}, {"unique_timestamp", run}, {"rows", list}},
+        table, heading, "exit");
     // A health check scripts on this: any provider that did not exit 0.
     const bool all_passed = std::all_of(results.begin(), results.end(),
                                         [](const ProviderResult& r) { return r.exit_status == 0; });

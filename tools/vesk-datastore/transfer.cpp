@@ -176,6 +176,7 @@ int cmd_import(const GlobalOptions& global, const std::string& file, size_t batc
     const std::string name = file == "-" ? "standard input" : file;
 
     auto store = open_store(global, Access::write);
+    const std::string target = store->write_target();
     // Rows without a run of their own form one new run.
     const int64_t default_run = std::max(now_microseconds(), store->last_run() + 1);
     // Rows stored before this import count as already stored; rows that
@@ -277,16 +278,18 @@ int cmd_import(const GlobalOptions& global, const std::string& file, size_t batc
         throw ToolError(kExitError, error + " (nothing of its batch was stored; " +
                                         std::to_string(stored) + " rows before it were)");
     if (global.format == Format::json) {
-        print_json(std::cout, Json{{"rows", stored}, {"skipped", skipped}, {"seconds", seconds}});
+        print_json(std::cout, Json{{"datastore", target},
+                                   {"rows", stored},
+                                   {"skipped", skipped},
+                                   {"seconds", seconds}});
     } else if (global.format == Format::csv) {
-        print_csv(
-            std::cout,
-            Table{{"rows", "skipped", "seconds"},
-                  {{std::to_string(stored), std::to_string(skipped), format_seconds(seconds)}}});
+        print_csv(std::cout, Table{{"datastore", "rows", "skipped", "seconds"},
+                                   {{target, std::to_string(stored), std::to_string(skipped),
+                                     format_seconds(seconds)}}});
     } else {
         std::cout << "imported " << with_commas(stored) << " rows, skipped " << with_commas(skipped)
-                  << " already stored, in " << format_seconds(seconds) << " s ("
-                  << with_commas(rate()) << " rows/s)\n";
+                  << " already stored, into datastore " << target << " in "
+                  << format_seconds(seconds) << " s (" << with_commas(rate()) << " rows/s)\n";
     }
     return kExitOk;
 }
