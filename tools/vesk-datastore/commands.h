@@ -41,7 +41,8 @@ struct RowsOptions {
 int cmd_collect(const GlobalOptions& global, const CollectOptions& options);
 int cmd_import(const GlobalOptions& global, const std::string& file, size_t batch_size,
                bool allow_duplicates);
-int cmd_export(const GlobalOptions& global, const RowsOptions& options);
+// Rows as JSON Lines; with `snapshots`, then one line per snapshot member.
+int cmd_export(const GlobalOptions& global, const RowsOptions& options, bool snapshots);
 int cmd_rows(const GlobalOptions& global, const RowsOptions& options);
 int cmd_hosts(const GlobalOptions& global);
 int cmd_providers(const GlobalOptions& global);
@@ -78,6 +79,19 @@ struct RunsOptions {
 
 // The collection runs, newest first: id, start, hosts, rows, failed rows.
 int cmd_runs(const GlobalOptions& global, const RunsOptions& options);
+struct PruneOptions {
+    size_t keep_runs = 0;    // keep each host's newest N runs
+    int64_t older_than = 0;  // or remove runs older than this (microseconds)
+    bool dry_run = false;    // count only (the default on a terminal)
+    bool yes = false;        // remove even on a terminal
+    bool compact = false;    // give the space back to the file system afterwards
+    size_t batch = 5000;     // rows per transaction
+};
+
+// Removes old rows of the one selected datastore, never rows a snapshot
+// records.
+int cmd_prune(const GlobalOptions& global, const PruneOptions& options);
+
 int cmd_sql(const std::string& sql_file, const std::string& database_file);
 int cmd_config_show(const GlobalOptions& global);
 int cmd_config_check(const GlobalOptions& global, const std::string& file);

@@ -152,6 +152,10 @@ int run(int argc, char** argv) {
     exp->add_option("--since", export_since,
                     "Only runs after run id RUN, or at or after TIME (2026-11-23[T10:00], 2h, "
                     "7d): what a node has not shipped yet");
+    bool export_snapshots = false;
+    exp->add_flag("--snapshots", export_snapshots,
+                  "After the rows, one line per snapshot member ({\"Snapshot\": NAME, and the "
+                  "row's key}), which import records again: a backup keeps its baselines");
 
     // rows
     RowsOptions rows;
@@ -260,6 +264,23 @@ int run(int argc, char** argv) {
     runs_cmd->add_option("--limit", runs.limit, "At most N runs (default: all)")
         ->check(CLI::Range(size_t(1), size_t(1) << 40));
 
+    // prune
+    PruneOptions prune;
+    std::string prune_age;
+    auto* prune_cmd = app.add_subcommand(
+        "prune",
+        "Remove old rows, never those a snapshot records; a dry run on a terminal unless --yes");
+    prune_cmd->add_option("--keep-runs", prune.keep_runs, "Keep each host's newest N runs")
+        ->check(CLI::Range(size_t(1), size_t(1) << 40));
+    prune_cmd->add_option("--older-than", prune_age, "Remove runs older than AGE (90m, 12h, 30d)");
+    prune_cmd->add_flag("--dry-run", prune.dry_run, "Count what would go, remove nothing");
+    prune_cmd->add_flag("-y,--yes", prune.yes, "Remove, even when standard output is a terminal");
+    prune_cmd->add_flag("--compact", prune.compact,
+                        "Then give the freed space back (PRAGMA incremental_vacuum, or VACUUM)");
+    prune_cmd->add_option("--batch", prune.batch, "Rows per transaction")
+        ->check(CLI::Range(size_t(1), size_t(1000000)))
+        ->capture_default_str();
+
     // sql
     std::string sql_file;
     std::string database_file;
@@ -328,7 +349,7 @@ int run(int argc, char** argv) {
                                 "export writes JSON Lines; --format csv does not "
                                 "apply (use `--format csv rows`)");
             settle_times(export_options, export_since, "", "");
-            return cmd_export(global, export_options);
+            return cmd_export(global, export_options, export_snapshots);
         }
         if (*chk) return cmd_check(global);
         if (*r) {
@@ -349,6 +370,14 @@ int run(int argc, char** argv) {
             return cmd_snapshot_create(global, create);
         }
         if (*runs_cmd) return cmd_runs(global, runs);
+        if (*prune_cmd) {
+            if (!prune_age.empty()) {
+                const std::string problem = parse_age(prune_age, prune.older_than);
+                if (!problem.empty())
+                    throw ToolError(kExitError, "--older-than \"" + prune_age + "\" " + problem);
+            }
+            return cmd_prune(global, prune);
+        }
         if (*top_diff) return cmd_diff(global, diff);
         if (*s_list) return cmd_snapshot_list(global);
         if (*s_show) return cmd_snapshot_show(global, snap_name, snap_show_output);

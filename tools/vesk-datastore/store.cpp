@@ -312,14 +312,9 @@ std::string literal(const std::string& text) {
 
 }  // namespace
 
-std::set<Store::RowKey> Store::stored_keys(const std::vector<InsertRecord>& records,
-                                           int64_t max_rowid) {
-    std::set<RowKey> wanted;
-    for (const auto& r : records)
-        wanted.emplace(r.header.provider, r.header.hostname, r.option_id,
-                       r.header.unique_timestamp);
-    std::set<RowKey> found;
-    if (wanted.empty() || max_rowid <= 0) return found;
+std::vector<Row> Store::rows_with_keys(const std::set<RowKey>& keys, int64_t max_rowid) {
+    std::vector<Row> found;
+    if (keys.empty() || max_rowid <= 0) return found;
     // The keys form a VALUES table joined to the provider table: SQLite
     // looks each one up in the index on (Provider, Hostname, OptionID,
     // Unique_timestamp) instead of scanning the table.
@@ -327,7 +322,7 @@ std::set<Store::RowKey> Store::stored_keys(const std::vector<InsertRecord>& reco
         "SELECT p.rowid AS rowid, p.Provider AS Provider, p.Hostname AS Hostname, "
         "p.OptionID AS OptionID, p.Unique_timestamp AS Unique_timestamp FROM (VALUES ";
     bool first = true;
-    for (const auto& [provider, host, option, run] : wanted) {
+    for (const auto& [provider, host, option, run] : keys) {
         query += first ? "(" : ",(";
         query += literal(provider) + "," + literal(host) + "," + literal(option) + "," +
                  std::to_string(run) + ")";
@@ -340,11 +335,20 @@ std::set<Store::RowKey> Store::stored_keys(const std::vector<InsertRecord>& reco
     SQLParameters sql{"", query, vesk::datastore::row_field_index};
     ReadParameters request;
     request.sql = &sql;
-    std::vector<Row> rows;
     std::vector<Outcome> outcomes;
-    if (!run_ioctl(data_names(), vesk::datastore::OP_SELECT_PROVIDER, &request, &rows, outcomes))
+    if (!run_ioctl(data_names(), vesk::datastore::OP_SELECT_PROVIDER, &request, &found, outcomes))
         throw datastore_error("looking up rows already stored", outcomes);
-    for (auto& row : rows)
+    return found;
+}
+
+std::set<Store::RowKey> Store::stored_keys(const std::vector<InsertRecord>& records,
+                                           int64_t max_rowid) {
+    std::set<RowKey> wanted;
+    for (const auto& r : records)
+        wanted.emplace(r.header.provider, r.header.hostname, r.option_id,
+                       r.header.unique_timestamp);
+    std::set<RowKey> found;
+    for (auto& row : rows_with_keys(wanted, max_rowid))
         found.emplace(std::move(row.Provider), std::move(row.Hostname), std::move(row.OptionID),
                       row.Unique_timestamp);
     return found;

@@ -71,6 +71,11 @@ public:
     std::set<RowKey> stored_keys(const std::vector<vesk::datastore::InsertRecord>& records,
                                  int64_t max_rowid);
 
+    // The stored rows (rowid and key columns only) whose keys are among
+    // `keys`, numbered at most `max_rowid`: one indexed read.
+    std::vector<vesk::datastore::Row> rows_with_keys(const std::set<RowKey>& keys,
+                                                     int64_t max_rowid);
+
     // Stores `records` in the first "data" datastore that accepts them:
     // the bulk-insert code when the datastore has it, one insert per row
     // otherwise. Throws ToolError (exit 2) when no datastore accepts them.
