@@ -38,8 +38,7 @@ public:
         sqlite3* raw = nullptr;
         const int rc = sqlite3_open_v2(file.c_str(), &raw, SQLITE_OPEN_READWRITE, nullptr);
         db_.reset(raw);
-        if (rc != SQLITE_OK)
-            fail("cannot open", raw ? sqlite3_errmsg(raw) : sqlite3_errstr(rc));
+        if (rc != SQLITE_OK) fail("cannot open", raw ? sqlite3_errmsg(raw) : sqlite3_errstr(rc));
         sqlite3_busy_timeout(db_.get(), kBusyTimeoutMs);
     }
 
@@ -75,10 +74,10 @@ public:
     // keep everything and are left out).
     std::map<std::string, int64_t> cutoffs(size_t keep) {
         std::map<std::string, int64_t> result;
-        Stmt stmt = prepare("SELECT Hostname, Unique_timestamp FROM " +
-                            vesk::datastore::table_name +
-                            " GROUP BY Hostname, Unique_timestamp ORDER BY Hostname, "
-                            "Unique_timestamp DESC");
+        Stmt stmt =
+            prepare("SELECT Hostname, Unique_timestamp FROM " + vesk::datastore::table_name +
+                    " GROUP BY Hostname, Unique_timestamp ORDER BY Hostname, "
+                    "Unique_timestamp DESC");
         std::string host;
         size_t seen = 0;
         int step;
@@ -120,8 +119,8 @@ int cmd_prune(const GlobalOptions& global, const PruneOptions& options) {
     for (const auto& config : selected_configs(global))
         if (config.instance_name == target) file = datastore_file(config);
     if (file.empty())
-        throw ToolError(kExitError, "prune works on SQLite datastore files; \"" + target +
-                                        "\" is none");
+        throw ToolError(kExitError,
+                        "prune works on SQLite datastore files; \"" + target + "\" is none");
     const bool dry_run = options.dry_run || (!options.yes && ::isatty(STDOUT_FILENO) == 1);
 
     Pruner pruner(file);
@@ -169,7 +168,8 @@ int cmd_prune(const GlobalOptions& global, const PruneOptions& options) {
         for (;;) {
             bind(remove.get(), host, cutoff);
             const int step = sqlite3_step(remove.get());
-            if (step != SQLITE_DONE) pruner.fail("cannot delete rows of", sqlite3_errmsg(pruner.db()));
+            if (step != SQLITE_DONE)
+                pruner.fail("cannot delete rows of", sqlite3_errmsg(pruner.db()));
             const int changed = sqlite3_changes(pruner.db());
             removed += changed;
             progress.show("prune: " + std::to_string(removed) + " rows removed");
@@ -204,15 +204,14 @@ int cmd_prune(const GlobalOptions& global, const PruneOptions& options) {
                                    {"rows_per_second", rate},
                                    {"compacted", compacted}});
     } else if (global.format == Format::csv) {
-        print_csv(std::cout, Table{{"datastore", "dry_run", "rows", "kept_for_snapshots",
-                                    "seconds", "rows_per_second", "compacted"},
+        print_csv(std::cout, Table{{"datastore", "dry_run", "rows", "kept_for_snapshots", "seconds",
+                                    "rows_per_second", "compacted"},
                                    {{target, dry_run ? "true" : "false", std::to_string(removed),
                                      std::to_string(kept), format_seconds(seconds),
                                      std::to_string(rate), compacted}}});
     } else if (dry_run) {
-        std::cout << "would remove " << removed << " rows from datastore " << target
-                  << "; keeps " << kept
-                  << " old rows that snapshots record (a dry run: --yes removes them)\n";
+        std::cout << "would remove " << removed << " rows from datastore " << target << "; keeps "
+                  << kept << " old rows that snapshots record (a dry run: --yes removes them)\n";
     } else {
         std::cout << "removed " << removed << " rows from datastore " << target << " in "
                   << format_seconds(seconds) << " s (" << rate << " rows/s); kept " << kept
