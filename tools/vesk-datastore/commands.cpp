@@ -541,16 +541,11 @@ int cmd_rows(const GlobalOptions& global, const RowsOptions& options) {
     extra.stale = options.latest;
 
     // Stale: a latest row that is not from its host's newest run, or whose
-    // host has no row newer than the threshold.
+    // host has no row newer than the threshold. Hosts are looked up as
+    // they appear in the answer.
     std::map<std::string, int64_t> host_runs;
     int64_t threshold = 0;
-    if (options.latest) {
-        host_runs = store->host_latest_runs();
-        int64_t newest = 0;
-        for (const auto& [host, run] : host_runs) newest = std::max(newest, run);
-        threshold = newest - options.stale_after;
-    }
-
+    if (options.latest) threshold = store->last_run() - options.stale_after;
     // One provider at a time keeps memory bounded by the largest provider;
     // each datastore is asked itself, a failure of any is an error.
     const RowSource source = [&](const auto& sink) {
@@ -584,6 +579,14 @@ int cmd_rows(const GlobalOptions& global, const RowsOptions& options) {
                     sorted.origin.push_back(std::move(part.origin[i]));
                 }
                 part = std::move(sorted);
+            }
+            if (options.latest) {
+                std::set<std::string> unknown;
+                for (const auto& row : part.rows)
+                    if (!host_runs.count(row.Hostname)) unknown.insert(row.Hostname);
+                for (const auto& [host, run] : store->host_latest_runs(unknown))
+                    host_runs[host] = run;
+                for (const auto& host : unknown) host_runs.emplace(host, 0);
             }
             if (options.latest)
                 for (const auto& row : part.rows) {

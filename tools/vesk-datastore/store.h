@@ -25,13 +25,11 @@ std::string default_config_path();
 // with the file name and the library's message when the file is bad.
 std::vector<vesk::datastore::DataStoreConfig> read_config_file(const std::string& path);
 
-// Per provider and host: the number of rows (in num_nodes), the latest start
-// time (Timestamp) and the latest run (Unique_timestamp).
+// Per provider and host: the number of rows and the latest run.
 struct StoredSummary {
     std::string provider;
     std::string host;
     int64_t rows = 0;
-    int64_t latest_start = 0;
     int64_t latest_run = 0;
 };
 
@@ -108,9 +106,9 @@ public:
     // named with --datastore.
     std::string write_target() const;
 
-    // Per host, its newest run (Unique_timestamp), merged over the "data"
-    // datastores.
-    std::map<std::string, int64_t> host_latest_runs();
+    // Per host of `hosts`, its newest run (Unique_timestamp), merged over
+    // the "data" datastores.
+    std::map<std::string, int64_t> host_latest_runs(const std::set<std::string>& hosts);
 
 private:
     std::shared_ptr<vesk::datastore::DataStoreController> controller_;
