@@ -501,9 +501,16 @@ std::string row_query(const std::string& provider, const RowsOptions& options, b
     const std::string table = vesk::datastore::table_name;
     std::string query;
     if (latest)
-        // SQLite takes the other columns from the row that holds the maximum.
-        query = "SELECT * FROM (SELECT *, MAX(Unique_timestamp) FROM " + table + " WHERE " + where +
-                " GROUP BY OptionID, Hostname)" + (outcome.empty() ? "" : " WHERE " + outcome);
+        // The newest run per option and host comes from the index alone;
+        // only the rows that hold it are read from the table (of rows
+        // stored twice under one key, the last stored).
+        query =
+            "SELECT p.*, MAX(p.rowid) FROM (SELECT Hostname AS h, OptionID AS o, "
+            "MAX(Unique_timestamp) AS m FROM " +
+            table + " WHERE " + where + " GROUP BY OptionID, Hostname) AS k JOIN " + table +
+            " AS p ON p.Provider = " + sql_literal(provider) +
+            " AND p.Hostname = k.h AND p.OptionID = k.o AND p.Unique_timestamp = k.m" +
+            (outcome.empty() ? "" : " WHERE " + outcome) + " GROUP BY p.Hostname, p.OptionID";
     else
         query = "SELECT * FROM " + table + " WHERE " + where +
                 (outcome.empty() ? "" : " AND " + outcome);

@@ -15,6 +15,7 @@
 #include "codec.h"
 #include "commands.h"
 #include "errors.h"
+#include "filter.h"
 #include "session.h"
 #include "textdiff.h"
 #include "validate.h"
@@ -251,7 +252,16 @@ Side load_side(Store& store, const vesk::datastore::SnapshotInfoSet& known,
         if (!has_snapshot(known, snapshot)) throw no_snapshot(snapshot);
         side.label = snapshot;
         side.title = "snapshot \"" + snapshot + "\"";
-        side.rows = by_key(snapshot_rows(snapshot, providers));
+        // The members joined to their rows in one read per datastore.
+        const std::set<std::string> queryable(providers.begin(), providers.end());
+        std::vector<Row> rows;
+        for (auto& row : store.select_all("SELECT p.* FROM " + vesk::datastore::table_baseline +
+                                              " AS b JOIN " + vesk::datastore::table_name +
+                                              " AS p ON p.rowid = b.datastore_rowid WHERE " +
+                                              "b.baseline_id = " + sql_literal(snapshot),
+                                          "reading snapshot \"" + snapshot + "\""))
+            if (queryable.count(row.Provider)) rows.push_back(std::move(row));
+        side.rows = by_key(std::move(rows));
     } else if (run != 0) {
         side.label = "run " + std::to_string(run);
         side.title = side.label + " (" + format_run(run) + ")";
@@ -268,9 +278,16 @@ Side load_side(Store& store, const vesk::datastore::SnapshotInfoSet& known,
     } else {
         side.label = "latest";
         side.title = "the latest rows per host";
+        // The same rows as the library's latest-rows query, read per
+        // provider through the index: only the newest rows leave the table.
+        RowsOptions latest;
         std::vector<Row> rows;
         for (const auto& name : store.data_names())
-            for (auto& row : store.latest_rows(name, providers)) rows.push_back(std::move(row));
+            for (const auto& provider : providers)
+                for (auto& row :
+                     store.select_from(name, row_query(provider, latest, true, 0),
+                                       "reading the latest rows of \"" + provider + "\""))
+                    rows.push_back(std::move(row));
         side.rows = by_key(std::move(rows));
     }
     return side;
