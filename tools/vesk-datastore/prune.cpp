@@ -31,6 +31,8 @@ using Stmt = std::unique_ptr<sqlite3_stmt, Finalize>;
 
 // How long a writer may wait for another one: as the extension's default.
 constexpr int kBusyTimeoutMs = 5000;
+// Attempts of one batch while other processes keep the file locked.
+constexpr int kBusyAttempts = 20;
 
 class Pruner {
 public:
@@ -167,7 +169,16 @@ int cmd_prune(const GlobalOptions& global, const PruneOptions& options) {
         // One short transaction per batch: others wait for one batch at most.
         for (;;) {
             bind(remove.get(), host, cutoff);
-            const int step = sqlite3_step(remove.get());
+            int step = sqlite3_step(remove.get());
+            // A batch is one transaction: when other processes hold the
+            // file past the busy timeout, it is simply tried again.
+            for (int attempt = 1;
+                 (step == SQLITE_BUSY || step == SQLITE_LOCKED) && attempt < kBusyAttempts;
+                 ++attempt) {
+                ::usleep(100000);
+                bind(remove.get(), host, cutoff);
+                step = sqlite3_step(remove.get());
+            }
             if (step != SQLITE_DONE)
                 pruner.fail("cannot delete rows of", sqlite3_errmsg(pruner.db()));
             const int changed = sqlite3_changes(pruner.db());
