@@ -1146,6 +1146,7 @@ class MultiDatastore(ToolCase):
         self.assertEqual(len(self.json_of(*both, "diff", "--run", str(NOW - HOUR + 3000),
                                           expect=NOTHING)["differences"]), 15)
         for args in (["import", self.write("x.jsonl", "")], ["snapshot", "create", "s"],
+                     ["snapshot", "remove", "s"], ["prune", "--keep-runs", "1"],
                      ["collect", "--provider", "x", "--", "true"]):
             with self.subTest(args):
                 proc = self.run_tool(*both, *args, expect=ERROR)

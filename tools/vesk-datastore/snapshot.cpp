@@ -204,14 +204,15 @@ int cmd_snapshot_show(const GlobalOptions& global, const std::string& name, bool
 int cmd_snapshot_remove(const GlobalOptions& global, const std::string& name) {
     check_name("snapshot name", name, kMaxSnapshotNameSize, "the snapshot name limit");
     auto store = open_store(global, Access::read);
+    const std::string target = store->write_target();
     require_snapshot(*store, name);
     DataStoreParseUtility::set_snapshot_remove_str(name);
     if (!DataStoreParseUtility::remove_snapshot())
         throw ToolError(kExitError, "removing snapshot \"" + name + "\" failed", true);
     if (global.format == Format::json)
-        print_json(std::cout, Json{{"removed", name}});
+        print_json(std::cout, Json{{"removed", name}, {"datastore", target}});
     else if (global.format == Format::table)
-        std::cout << "snapshot \"" << name << "\" removed\n";
+        std::cout << "snapshot \"" << name << "\" removed from datastore " << target << "\n";
     return kExitOk;
 }
 
