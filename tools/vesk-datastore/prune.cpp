@@ -103,7 +103,7 @@ private:
     Db db_;
 };
 
-// Binds the host and its cutoff to ?1 and ?2 where the statement has them.
+// Binds a host and its cutoff to ?1 and ?2.
 void bind(sqlite3_stmt* stmt, const std::string& host, int64_t cutoff) {
     sqlite3_reset(stmt);
     sqlite3_bind_text(stmt, 1, host.data(), int(host.size()), SQLITE_TRANSIENT);
@@ -132,67 +132,70 @@ int cmd_prune(const GlobalOptions& global, const PruneOptions& options) {
     pruner.exec("INSERT OR IGNORE INTO temp.keep_rows SELECT datastore_rowid FROM " +
                 vesk::datastore::table_baseline);
 
-    // Each plan step: a host (or "" for all) and a run stamp below which its
-    // rows go.
-    std::map<std::string, int64_t> plan;
+    // Which rows go: runs below each host's cutoff (a temporary table
+    // looked up by host) or below one time; never a snapshot's row.
     std::string condition;
     if (options.keep_runs > 0) {
-        plan = pruner.cutoffs(options.keep_runs);
-        condition = "Hostname = ?1 AND Unique_timestamp < ?2";
+        pruner.exec("CREATE TEMP TABLE cut(host TEXT PRIMARY KEY, stamp INTEGER)");
+        Stmt add = pruner.prepare("INSERT INTO temp.cut VALUES(?1, ?2)");
+        for (const auto& [host, cutoff] : pruner.cutoffs(options.keep_runs)) {
+            bind(add.get(), host, cutoff);
+            if (sqlite3_step(add.get()) != SQLITE_DONE)
+                pruner.fail("cannot note the cutoffs of", sqlite3_errmsg(pruner.db()));
+        }
+        condition = "Unique_timestamp < (SELECT stamp FROM temp.cut WHERE host = Hostname)";
     } else {
-        plan[""] = now_microseconds() - options.older_than;
-        condition = "?1 IS NOT NULL AND Unique_timestamp < ?2";
+        condition = "Unique_timestamp < " + std::to_string(now_microseconds() - options.older_than);
     }
-    const std::string candidates = "FROM " + table + " WHERE " + condition +
-                                   " AND rowid NOT IN (SELECT id FROM temp.keep_rows)";
+    const std::string candidates = condition + " AND rowid NOT IN (SELECT id FROM temp.keep_rows)";
 
     const auto started = std::chrono::steady_clock::now();
     int64_t removed = 0;
-    int64_t kept = 0;
-    Stmt count = pruner.prepare("SELECT COUNT(*) " + candidates);
-    Stmt kept_count = pruner.prepare("SELECT COUNT(*) FROM " + table + " WHERE " + condition +
-                                     " AND rowid IN (SELECT id FROM temp.keep_rows)");
-    Stmt remove = pruner.prepare("DELETE FROM " + table + " WHERE rowid IN (SELECT rowid " +
-                                 candidates + " LIMIT " + std::to_string(options.batch) + ")");
-    Progress progress;
-    for (const auto& [host, cutoff] : plan) {
-        bind(kept_count.get(), host, cutoff);
-        if (sqlite3_step(kept_count.get()) == SQLITE_ROW)
-            kept += sqlite3_column_int64(kept_count.get(), 0);
-        if (dry_run) {
-            bind(count.get(), host, cutoff);
-            if (sqlite3_step(count.get()) != SQLITE_ROW)
-                pruner.fail("cannot count the rows of", sqlite3_errmsg(pruner.db()));
-            removed += sqlite3_column_int64(count.get(), 0);
-            continue;
+    int64_t kept = pruner.number("SELECT COUNT(*) FROM " + table + " WHERE " + condition +
+                                 " AND rowid IN (SELECT id FROM temp.keep_rows)");
+    // Batches walk the table once in row-number order: each ends where the
+    // next one starts, so no batch scans what an earlier one has seen.
+    Stmt batch_end = pruner.prepare("SELECT MAX(rowid) FROM (SELECT rowid FROM " + table +
+                                    " WHERE rowid > ?1 AND " + candidates +
+                                    " ORDER BY rowid LIMIT " + std::to_string(options.batch) + ")");
+    Stmt remove = pruner.prepare("DELETE FROM " + table + " WHERE rowid > ?1 AND rowid <= ?2 AND " +
+                                 candidates);
+    // A statement is one transaction: when other processes hold the file
+    // past the busy timeout, it is simply tried again.
+    auto step = [&](sqlite3_stmt* stmt, int64_t first, int64_t last) {
+        int rc = SQLITE_BUSY;
+        for (int attempt = 0; (rc == SQLITE_BUSY || rc == SQLITE_LOCKED) && attempt < kBusyAttempts;
+             ++attempt) {
+            if (attempt > 0) ::usleep(100000);
+            sqlite3_reset(stmt);
+            sqlite3_bind_int64(stmt, 1, first);
+            sqlite3_bind_int64(stmt, 2, last);
+            rc = sqlite3_step(stmt);
         }
-        // One short transaction per batch: others wait for one batch at most.
+        return rc;
+    };
+    Progress progress;
+    if (dry_run) {
+        removed = pruner.number("SELECT COUNT(*) FROM " + table + " WHERE " + candidates);
+    } else {
+        int64_t last = 0;
         for (;;) {
-            bind(remove.get(), host, cutoff);
-            int step = sqlite3_step(remove.get());
-            // A batch is one transaction: when other processes hold the
-            // file past the busy timeout, it is simply tried again.
-            for (int attempt = 1;
-                 (step == SQLITE_BUSY || step == SQLITE_LOCKED) && attempt < kBusyAttempts;
-                 ++attempt) {
-                ::usleep(100000);
-                bind(remove.get(), host, cutoff);
-                step = sqlite3_step(remove.get());
-            }
-            if (step != SQLITE_DONE)
+            if (step(batch_end.get(), last, 0) != SQLITE_ROW)
+                pruner.fail("cannot read the rows of", sqlite3_errmsg(pruner.db()));
+            if (sqlite3_column_type(batch_end.get(), 0) == SQLITE_NULL) break;
+            const int64_t end = sqlite3_column_int64(batch_end.get(), 0);
+            if (step(remove.get(), last, end) != SQLITE_DONE)
                 pruner.fail("cannot delete rows of", sqlite3_errmsg(pruner.db()));
-            const int changed = sqlite3_changes(pruner.db());
-            removed += changed;
+            removed += sqlite3_changes(pruner.db());
             progress.show("prune: " + std::to_string(removed) + " rows removed");
-            if (changed < int(options.batch)) break;
+            last = end;
         }
     }
     progress.clear();
     const double seconds =
         std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
     // VACUUM refuses to run while any statement is open.
-    count.reset();
-    kept_count.reset();
+    batch_end.reset();
     remove.reset();
     std::string compacted;
     if (!dry_run && options.compact) {
