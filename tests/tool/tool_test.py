@@ -1195,6 +1195,30 @@ class Retention(ToolCase):
             with self.subTest(args):
                 self.run_tool("prune", *args, expect=ERROR)
 
+    def test_readers_alongside_prune_never_fail(self):
+        import threading
+        for round_ in range(3):
+            with self.subTest(round=round_):
+                self.import_lines(cluster_lines(runs=4), name=f"more{round_}.jsonl")
+                codes, done = [], threading.Event()
+
+                def read():
+                    while not done.is_set():
+                        codes.append(subprocess.run([TOOL, "rows", "--provider", "cpu"],
+                                                    capture_output=True, env=self.env,
+                                                    timeout=120).returncode)
+
+                reader = threading.Thread(target=read)
+                reader.start()
+                try:
+                    self.json_of("prune", "--keep-runs", "1", "--batch", "3")
+                finally:
+                    done.set()
+                    reader.join()
+                self.assertTrue(codes)
+                self.assertEqual(set(codes), {OK})
+                self.assertTrue(self.members_resolve())
+
     def test_snapshots_survive_export_and_import_byte_for_byte(self):
         exported = self.run_tool("export", "--snapshots").stdout
         lines = exported.decode().splitlines()
