@@ -14,6 +14,7 @@
 
 #include "codec.h"
 #include "collect.h"
+#include "filter.h"
 #include "jsonl.h"
 #include "output.h"
 #include "textdiff.h"
@@ -21,6 +22,76 @@
 
 namespace vesk::tool {
 namespace {
+
+TEST(Filter, TimesAgesAndRunIds) {
+    const int64_t now = int64_t(1795466127) * 1000000;
+    struct Case {
+        const char* text;
+        int64_t expect;  // microseconds; -1: refused
+        bool run;
+    };
+    const Case cases[] = {
+        {"90s", now - 90 * int64_t(1000000), false},
+        {"15m", now - 900 * int64_t(1000000), false},
+        {"2h", now - 7200 * int64_t(1000000), false},
+        {"7d", now - 7 * 86400 * int64_t(1000000), false},
+        {"2w", now - 14 * 86400 * int64_t(1000000), false},
+        {"2026-11-23Z", int64_t(1795392000) * 1000000, false},
+        {"2026-11-23T10:00Z", int64_t(1795428000) * 1000000, false},
+        {"2026-11-23T10:00:30Z", int64_t(1795428030) * 1000000, false},
+        {"1795466127549187", 1795466127549187, true},
+        {"0", 0, true},
+        {"", -1, false},
+        {"2h30m", -1, false},
+        {"h", -1, false},
+        {"-2h", -1, false},
+        {"yesterday", -1, false},
+        {"2026-13-01", -1, false},
+        {"2026-11-23T25:00", -1, false},
+        {"2026-11-23T10", -1, false},
+        {"2026-11-23 10:00 UTC", -1, false},
+        {"99999999999999999999", -1, false},
+        {"999999999999w", -1, false},
+    };
+    for (const auto& c : cases) {
+        int64_t when = -1;
+        bool run = false;
+        const std::string problem = parse_when(c.text, now, when, run);
+        if (c.expect < 0) {
+            EXPECT_FALSE(problem.empty()) << c.text;
+            continue;
+        }
+        EXPECT_EQ(problem, "") << c.text;
+        EXPECT_EQ(when, c.expect) << c.text;
+        EXPECT_EQ(run, c.run) << c.text;
+    }
+}
+
+TEST(Filter, ConditionsQuoteEveryValue) {
+    RowFilter filter;
+    EXPECT_EQ(row_conditions(filter), "");
+    EXPECT_EQ(outcome_conditions(filter), "");
+    filter.hosts = {"node01", "o'brien", "node0[0-4]*"};
+    filter.since = 5;
+    filter.since_run = true;
+    filter.until = 9;
+    filter.failed = true;
+    filter.has_exit = true;
+    filter.exit_status = 3;
+    EXPECT_EQ(row_conditions(filter),
+              "(Hostname IN ('node01','o''brien') OR Hostname GLOB 'node0[0-4]*') AND "
+              "Unique_timestamp > 5 AND Unique_timestamp < 9");
+    EXPECT_EQ(outcome_conditions(filter), "Exit_status <> 0 AND Exit_status = 3");
+    filter = RowFilter{};
+    filter.hosts = {"*"};
+    filter.since = 5;
+    filter.until = 9;
+    filter.until_run = true;
+    filter.run = 7;
+    EXPECT_EQ(row_conditions(filter),
+              "(Hostname GLOB '*') AND Unique_timestamp >= 5 AND Unique_timestamp <= 9 AND "
+              "Unique_timestamp = 7");
+}
 
 TEST(Codec, Utf8AndBase64EdgeCases) {
     const char good[] = "caf\xc3\xa9 \xe2\x82\xac \xf0\x9f\x98\x80";

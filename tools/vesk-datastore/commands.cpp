@@ -25,6 +25,7 @@
 #include "codec.h"
 #include "collect.h"
 #include "errors.h"
+#include "filter.h"
 #include "session.h"
 #include "validate.h"
 
@@ -224,6 +225,7 @@ int cmd_collect(const GlobalOptions& global, const CollectOptions& options) {
         throw ToolError(kExitError, "Hostname: this host's name \"" + host + "\" " + problem);
 
     auto store = open_store(global, Access::write);
+    const std::string target = store->write_target();
     // One time stamp for the whole run, later than every run stored.
     const int64_t run = std::max(now_microseconds(), store->last_run() + 1);
     timeval run_tv{};
@@ -291,9 +293,12 @@ int cmd_collect(const GlobalOptions& global, const CollectOptions& options) {
     }
     const std::string heading = "run " + std::to_string(run) + " (" + format_run(run) + ") on " +
                                 host + ": " + std::to_string(results.size()) +
-                                (results.size() == 1 ? " row" : " rows") + " stored\n";
-    print_result(global.format, Json{{"host", host}, {"unique_timestamp", run}, {"rows", list}},
-                 table, heading, "exit");
+                                (results.size() == 1 ? " row" : " rows") + " stored in datastore " +
+                                target + "\n";
+    print_result(
+        global.format,
+        Json{{"host", host}, {"datastore", target}, {"unique_timestamp", run}, {"rows", list}},
+        table, heading, "exit");
     // A health check scripts on this: any provider that did not exit 0.
     const bool all_passed = std::all_of(results.begin(), results.end(),
                                         [](const ProviderResult& r) { return r.exit_status == 0; });
@@ -368,13 +373,23 @@ void print_outputs(const std::vector<Row>& rows, const Style& style) {
 }  // namespace
 
 int print_rows(const GlobalOptions& global, const RowSource& source, bool show_output,
-               bool say_when_empty) {
+               bool say_when_empty, RowColumns extra) {
     size_t count = 0;
+    // The extra cells of row `i` of `part`, in column order.
+    auto origin_of = [](const RowPart& part, size_t i) {
+        return i < part.origin.size() ? part.origin[i] : std::string();
+    };
+    auto stale_of = [](const RowPart& part, size_t i) {
+        return i < part.stale.size() && part.stale[i];
+    };
     if (global.format == Format::json) {
         // One array, written element by element.
-        source([&](const std::vector<Row>& rows) {
-            for (const auto& row : rows) {
+        source([&](const RowPart& part) {
+            for (size_t i = 0; i < part.rows.size(); ++i) {
+                const Row& row = part.rows[i];
                 Json j = row_to_json(row);
+                if (extra.datastore) j["datastore"] = origin_of(part, i);
+                if (extra.stale) j["stale"] = stale_of(part, i);
                 if (show_output) {
                     j["stdout_text"] = decode_output(row.STDOUT, row.Encoding);
                     j["stderr_text"] = decode_output(row.STDERR, row.Encoding);
@@ -390,54 +405,65 @@ int print_rows(const GlobalOptions& global, const RowSource& source, bool show_o
         });
         std::cout << (count ? "\n]\n" : "[]\n");
     } else if (global.format == Format::csv) {
-        std::vector<std::string> columns = kRowColumns;
+        std::vector<std::string> columns;
+        if (extra.datastore) columns.push_back("datastore");
+        columns.insert(columns.end(), kRowColumns.begin(), kRowColumns.end());
+        if (extra.stale) columns.push_back("stale");
         if (show_output) {
             columns.push_back("stdout_text");
             columns.push_back("stderr_text");
         }
         print_csv(std::cout, Table{columns, {}});
-        source([&](const std::vector<Row>& rows) {
-            Table part{{}, {}};
-            for (const auto& row : rows) {
-                auto cells = row_cells(row);
+        source([&](const RowPart& part) {
+            Table table{{}, {}};
+            for (size_t i = 0; i < part.rows.size(); ++i) {
+                const Row& row = part.rows[i];
+                std::vector<std::string> cells;
+                if (extra.datastore) cells.push_back(origin_of(part, i));
+                for (auto& cell : row_cells(row)) cells.push_back(std::move(cell));
+                if (extra.stale) cells.push_back(stale_of(part, i) ? "stale" : "");
                 if (show_output) {
                     cells.push_back(decode_output(row.STDOUT, row.Encoding));
                     cells.push_back(decode_output(row.STDERR, row.Encoding));
                 }
-                part.rows.push_back(std::move(cells));
+                table.rows.push_back(std::move(cells));
                 ++count;
             }
-            print_csv_rows(std::cout, part);
+            print_csv_rows(std::cout, table);
             check_stdout();
         });
     } else {
         Table header;
+        if (extra.datastore) header.columns.push_back("datastore");
         for (size_t c = 0; c < kRowColumns.size(); ++c)
             if (table_column(c)) header.columns.push_back(kRowColumns[c]);
-        auto table_cells = [](const Row& row) {
-            const auto all = row_cells(row);
+        if (extra.stale) header.columns.push_back("stale");
+        auto table_cells = [&](const RowPart& part, size_t i) {
+            const auto all = row_cells(part.rows[i]);
             std::vector<std::string> cells;
+            if (extra.datastore) cells.push_back(origin_of(part, i));
             for (size_t c = 0; c < all.size(); ++c)
                 if (table_column(c)) cells.push_back(all[c]);
+            if (extra.stale) cells.push_back(stale_of(part, i) ? "stale" : "");
             return cells;
         };
         // First pass: the widths.
         TableWidths widths(header);
-        source([&](const std::vector<Row>& rows) {
-            for (const auto& row : rows) widths.add(table_cells(row));
-            count += rows.size();
+        source([&](const RowPart& part) {
+            for (size_t i = 0; i < part.rows.size(); ++i) widths.add(table_cells(part, i));
+            count += part.rows.size();
         });
         if (count > 0) {
             const Style style = stdout_style();
             widths.print_header(std::cout, style);
-            source([&](const std::vector<Row>& rows) {
-                for (const auto& row : rows)
-                    widths.print_row(std::cout, table_cells(row), style, "Exit_status");
+            source([&](const RowPart& part) {
+                for (size_t i = 0; i < part.rows.size(); ++i)
+                    widths.print_row(std::cout, table_cells(part, i), style, "Exit_status");
                 check_stdout();
             });
             if (show_output)
-                source([&](const std::vector<Row>& rows) {
-                    print_outputs(rows, style);
+                source([&](const RowPart& part) {
+                    print_outputs(part.rows, style);
                     check_stdout();
                 });
         }
@@ -449,17 +475,54 @@ int print_rows(const GlobalOptions& global, const RowSource& source, bool show_o
     return kExitOk;
 }
 
-int cmd_rows(const GlobalOptions& global, const RowsOptions& options) {
+void check_row_options(const RowsOptions& options) {
     for (const auto& p : options.providers)
         check_name("provider name", p, size_t(vesk::datastore::max_provider_size),
                    "max_provider_size");
-    for (const auto& h : options.hosts)
-        check_name("host name", h, size_t(vesk::datastore::max_hostname_size), "max_hostname_size");
-    auto store = open_store(global, Access::read);
-    const auto stored = store->queryable_provider_names();
+    for (const auto& h : options.hosts) {
+        // A glob may hold what a name may not ([, ], *, ?), never a quote:
+        // check it with those characters taken out.
+        std::string plain = h;
+        if (is_glob(h))
+            for (auto& ch : plain)
+                if (ch == '*' || ch == '?' || ch == '[' || ch == ']' || ch == '^' || ch == '-')
+                    ch = 'x';
+        check_name(is_glob(h) ? "host pattern" : "host name", plain,
+                   size_t(vesk::datastore::max_hostname_size), "max_hostname_size");
+    }
+}
 
+std::string row_query(const std::string& provider, const RowsOptions& options, bool latest,
+                      size_t limit) {
+    std::string where = "Provider = " + sql_literal(provider);
+    const std::string rows = row_conditions(options.filter);
+    if (!rows.empty()) where += " AND " + rows;
+    const std::string outcome = outcome_conditions(options.filter);
+    const std::string table = vesk::datastore::table_name;
+    std::string query;
+    if (latest)
+        // The newest run per option and host comes from the index alone;
+        // only the rows that hold it are read from the table (of rows
+        // stored twice under one key, the last stored).
+        query =
+            "SELECT p.*, MAX(p.rowid) FROM (SELECT Hostname AS h, OptionID AS o, "
+            "MAX(Unique_timestamp) AS m FROM " +
+            table + " WHERE " + where + " GROUP BY OptionID, Hostname) AS k JOIN " + table +
+            " AS p ON p.Provider = " + sql_literal(provider) +
+            " AND p.Hostname = k.h AND p.OptionID = k.o AND p.Unique_timestamp = k.m" +
+            (outcome.empty() ? "" : " WHERE " + outcome) + " GROUP BY p.Hostname, p.OptionID";
+    else
+        query = "SELECT * FROM " + table + " WHERE " + where +
+                (outcome.empty() ? "" : " AND " + outcome);
+    query += " ORDER BY Hostname, OptionID, Unique_timestamp, rowid";
+    if (limit > 0) query += " LIMIT " + std::to_string(limit);
+    return query;
+}
+
+std::vector<std::string> rows_providers(Store& store, const RowsOptions& options, bool& reported) {
+    const auto stored = store.queryable_provider_names();
     std::vector<std::string> providers;
-    bool reported = false;
+    reported = false;
     for (const auto& p : options.providers) {
         if (std::find(stored.begin(), stored.end(), p) == stored.end()) {
             diag() << "vesk-datastore: unknown provider: " << p << " (nothing stored)\n";
@@ -471,23 +534,79 @@ int cmd_rows(const GlobalOptions& global, const RowsOptions& options) {
     if (options.providers.empty()) providers = stored;
     std::sort(providers.begin(), providers.end());
     providers.erase(std::unique(providers.begin(), providers.end()), providers.end());
+    return providers;
+}
 
-    // One provider at a time keeps memory bounded by the largest provider.
-    const std::string filter = hosts_filter(options.hosts);
+int cmd_rows(const GlobalOptions& global, const RowsOptions& options) {
+    check_row_options(options);
+    auto store = open_store(global, Access::read);
+    bool reported = false;
+    const auto providers = rows_providers(*store, options, reported);
+    const auto names = store->data_names();
+    RowColumns extra;
+    extra.datastore = names.size() > 1;
+    extra.stale = options.latest;
+
+    // Stale: a latest row that is not from its host's newest run, or whose
+    // host has no row newer than the threshold. Hosts are looked up as
+    // they appear in the answer.
+    std::map<std::string, int64_t> host_runs;
+    int64_t threshold = 0;
+    if (options.latest) threshold = store->last_run() - options.stale_after;
+    // One provider at a time keeps memory bounded by the largest provider;
+    // each datastore is asked itself, a failure of any is an error.
     const RowSource source = [&](const auto& sink) {
+        size_t left = options.limit;
         for (const auto& provider : providers) {
-            std::vector<Row> rows;
+            if (options.limit > 0 && left == 0) break;
+            RowPart part;
+            for (const auto& name : names) {
+                auto rows =
+                    store->select_from(name, row_query(provider, options, options.latest, left),
+                                       "reading the rows of provider \"" + provider + "\"");
+                for (auto& row : rows) {
+                    part.origin.push_back(name);
+                    part.rows.push_back(std::move(row));
+                }
+            }
+            if (names.size() > 1) {
+                // Merged: ordered as one answer, cut to the limit again.
+                std::vector<size_t> order(part.rows.size());
+                for (size_t i = 0; i < order.size(); ++i) order[i] = i;
+                std::stable_sort(order.begin(), order.end(), [&](size_t a, size_t b) {
+                    const Row& x = part.rows[a];
+                    const Row& y = part.rows[b];
+                    return std::tie(x.Hostname, x.OptionID, x.Unique_timestamp) <
+                           std::tie(y.Hostname, y.OptionID, y.Unique_timestamp);
+                });
+                if (options.limit > 0 && order.size() > left) order.resize(left);
+                RowPart sorted;
+                for (size_t i : order) {
+                    sorted.rows.push_back(std::move(part.rows[i]));
+                    sorted.origin.push_back(std::move(part.origin[i]));
+                }
+                part = std::move(sorted);
+            }
+            if (options.latest) {
+                std::set<std::string> unknown;
+                for (const auto& row : part.rows)
+                    if (!host_runs.count(row.Hostname)) unknown.insert(row.Hostname);
+                for (const auto& [host, run] : store->host_latest_runs(unknown))
+                    host_runs[host] = run;
+                for (const auto& host : unknown) host_runs.emplace(host, 0);
+            }
             if (options.latest)
-                vesk::datastore::get_latest_rows_provider_hosts_data({provider}, rows,
-                                                                     options.hosts, false);
-            else
-                vesk::datastore::select_provider_data({provider}, rows, filter, false);
-            sort_rows(rows);
-            sink(rows);
+                for (const auto& row : part.rows) {
+                    const auto found = host_runs.find(row.Hostname);
+                    const int64_t host_run = found == host_runs.end() ? 0 : found->second;
+                    part.stale.push_back(row.Unique_timestamp < host_run || host_run < threshold);
+                }
+            if (options.limit > 0) left -= part.rows.size();
+            sink(part);
         }
     };
     // Unknown providers were named already; one message is enough.
-    return print_rows(global, source, options.show_output, !(reported && providers.empty()));
+    return print_rows(global, source, options.show_output, !(reported && providers.empty()), extra);
 }
 
 // ---- hosts, providers ----
@@ -534,6 +653,53 @@ int print_summary(const GlobalOptions& global, bool by_provider) {
 }  // namespace
 
 int cmd_hosts(const GlobalOptions& global) { return print_summary(global, false); }
+
+int cmd_runs(const GlobalOptions& global, const RunsOptions& options) {
+    auto store = open_store(global, Access::read);
+    // Grouped on the index that starts with Unique_timestamp, newest first;
+    // the counts travel in Row fields of their own type (rowid: rows,
+    // num_nodes: hosts, Exit_status: failed rows, Timestamp: first start).
+    const std::string query =
+        "SELECT Unique_timestamp, MIN(Timestamp) AS Timestamp, COUNT(DISTINCT Hostname) AS "
+        "num_nodes, COUNT(*) AS rowid, SUM(Exit_status <> 0) AS Exit_status FROM " +
+        vesk::datastore::table_name + " GROUP BY Unique_timestamp ORDER BY Unique_timestamp DESC" +
+        (options.limit > 0 ? " LIMIT " + std::to_string(options.limit) : std::string());
+    struct Run {
+        int64_t start = 0;
+        int64_t hosts = 0;
+        int64_t rows = 0;
+        int64_t failed = 0;
+    };
+    std::map<int64_t, Run, std::greater<int64_t>> runs;
+    for (const auto& row : store->select_all(query, "listing the runs")) {
+        Run& run = runs[row.Unique_timestamp];
+        run.start = run.start == 0 ? row.Timestamp : std::min(run.start, row.Timestamp);
+        run.hosts += row.num_nodes;
+        run.rows += row.rowid;
+        run.failed += row.Exit_status;
+    }
+    Table table{{"run", "run_time", "start", "hosts", "rows", "failed"}, {}};
+    Json list = Json::array();
+    size_t shown = 0;
+    for (const auto& [id, run] : runs) {
+        if (options.limit > 0 && shown++ >= options.limit) break;
+        table.rows.push_back({std::to_string(id), format_run(id), format_time(run.start),
+                              std::to_string(run.hosts), std::to_string(run.rows),
+                              std::to_string(run.failed)});
+        list.push_back({{"run", id},
+                        {"run_time", format_run(id)},
+                        {"start", run.start},
+                        {"hosts", run.hosts},
+                        {"rows", run.rows},
+                        {"failed", run.failed}});
+    }
+    print_result(global.format, list, table);
+    if (runs.empty()) {
+        diag() << "vesk-datastore: nothing stored\n";
+        return kExitNothing;
+    }
+    return kExitOk;
+}
 int cmd_providers(const GlobalOptions& global) { return print_summary(global, true); }
 
 }  // namespace vesk::tool

@@ -13,6 +13,7 @@
 
 #include "commands.h"
 #include "errors.h"
+#include "filter.h"
 #include "output.h"
 #include "session.h"
 #include "validate.h"
@@ -53,6 +54,27 @@ std::string open_message(const std::string& reason) {
     else if (text.find("unable to open database file") != std::string::npos)
         text += "; check that its folder exists and may be written";
     return text;
+}
+
+// Reads the time options of a reading command into `options`; throws
+// ToolError (exit 2) naming the option that cannot be read.
+void settle_times(RowsOptions& options, const std::string& since, const std::string& until,
+                  const std::string& stale_after) {
+    const int64_t now = now_microseconds();
+    auto read = [&](const std::string& option, const std::string& text, int64_t& when,
+                    bool& is_run) {
+        if (text.empty()) return;
+        const std::string problem = parse_when(text, now, when, is_run);
+        if (!problem.empty()) throw ToolError(kExitError, option + " \"" + text + "\" " + problem);
+    };
+    read("--since", since, options.filter.since, options.filter.since_run);
+    read("--until", until, options.filter.until, options.filter.until_run);
+    if (!stale_after.empty()) {
+        const std::string problem = parse_age(stale_after, options.stale_after);
+        if (!problem.empty())
+            throw ToolError(kExitError, "--stale-after \"" + stale_after + "\" " + problem);
+    }
+    options.filter.hosts = options.hosts;
 }
 
 int run(int argc, char** argv) {
@@ -120,20 +142,49 @@ int run(int argc, char** argv) {
                   "stored already (default: skip and count them)");
 
     RowsOptions export_options;
+    std::string export_since;
     auto* exp = app.add_subcommand("export", "Print stored rows as JSON Lines");
     exp->add_option("--provider", export_options.providers, "Only this provider (repeatable)")
         ->allow_extra_args(false);
-    exp->add_option("--host", export_options.hosts, "Only this host (repeatable)")
+    exp->add_option("--host", export_options.hosts,
+                    "Only this host, or hosts matching this glob (repeatable)")
         ->allow_extra_args(false);
+    exp->add_option("--since", export_since,
+                    "Only runs after run id RUN, or at or after TIME (2026-11-23[T10:00], 2h, "
+                    "7d): what a node has not shipped yet");
+    bool export_snapshots = false;
+    exp->add_flag("--snapshots", export_snapshots,
+                  "After the rows, one line per snapshot member ({\"Snapshot\": NAME, and the "
+                  "row's key}), which import records again: a backup keeps its baselines");
 
     // rows
     RowsOptions rows;
+    std::string rows_since;
+    std::string rows_until;
+    std::string stale_after;
+    int exit_status = 0;
     auto* r = app.add_subcommand("rows", "Show stored rows");
     r->add_option("--provider", rows.providers, "Only this provider (repeatable)")
         ->allow_extra_args(false);
-    r->add_option("--host", rows.hosts, "Only this host (repeatable)")->allow_extra_args(false);
-    r->add_flag("--latest", rows.latest, "Only the latest row per provider, option and host");
+    r->add_option("--host", rows.hosts,
+                  "Only this host, or hosts matching this glob like node0[0-4]* (repeatable)")
+        ->allow_extra_args(false);
+    r->add_flag("--latest", rows.latest,
+                "Only the latest row per provider, option and host, with a \"stale\" column");
     r->add_flag("--show-output", rows.show_output, "Print the captured outputs (decoded)");
+    r->add_flag("--failed", rows.filter.failed, "Only rows whose exit status is not 0");
+    auto* exit_option = r->add_option("--exit", exit_status, "Only rows with this exit status");
+    r->add_option("--since", rows_since,
+                  "Only runs at or after TIME (2026-11-23[T10:00[:00]][Z], or an age: 2h, 7d), "
+                  "or after run id RUN");
+    r->add_option("--until", rows_until, "Only runs before TIME, or up to run id RUN");
+    r->add_option("--run", rows.filter.run, "Only the collection run with this id")
+        ->check(CLI::PositiveNumber);
+    r->add_option("--limit", rows.limit, "At most N rows (default: all)")
+        ->check(CLI::Range(size_t(1), size_t(1) << 40));
+    r->add_option("--stale-after", stale_after,
+                  "With --latest: a host with no row this much newer than the newest run is "
+                  "stale (default 1d)");
 
     auto* hosts = app.add_subcommand("hosts", "Hosts with stored rows: counts and latest run");
     auto* providers =
@@ -143,22 +194,92 @@ int run(int argc, char** argv) {
     auto* snap = app.add_subcommand("snapshot", "Create, list, show, remove and compare snapshots");
     snap->require_subcommand(1);
     std::string snap_name;
-    std::string snap_other;
     bool snap_show_output = false;
-    auto* s_create = snap->add_subcommand("create", "Record the latest run as snapshot NAME");
-    s_create->add_option("name", snap_name, "Snapshot name")->required();
+    SnapshotCreateOptions create;
+    std::string create_stale;
+    auto* s_create = snap->add_subcommand(
+        "create",
+        "Record the latest row per provider, option and host as snapshot NAME (every host "
+        "keeps its own run), or one run with --run");
+    s_create->add_option("name", create.name, "Snapshot name")->required();
+    s_create->add_option("--run", create.run, "Record this collection run exactly")
+        ->check(CLI::PositiveNumber);
+    s_create->add_flag("--replace", create.replace, "Record NAME anew when it exists");
+    s_create->add_option("--stale-after", create_stale,
+                         "A host whose newest row lags the newest run by more is named stale "
+                         "(default 1d)");
     auto* s_list = snap->add_subcommand("list", "List the snapshots");
     auto* s_show = snap->add_subcommand("show", "Show the rows of snapshot NAME");
     s_show->add_option("name", snap_name, "Snapshot name")->required();
     s_show->add_flag("--show-output", snap_show_output, "Print the captured outputs (decoded)");
     auto* s_remove = snap->add_subcommand("remove", "Remove snapshot NAME");
     s_remove->add_option("name", snap_name, "Snapshot name")->required();
-    auto* s_diff =
-        snap->add_subcommand("diff",
-                             "Compare snapshot NAME with the latest run, or with snapshot OTHER; "
-                             "exit status 1 when something differs");
-    s_diff->add_option("name", snap_name, "Snapshot name")->required();
-    s_diff->add_option("other", snap_other, "Other snapshot (default: the latest run)");
+    // diff, and `snapshot diff` with the same options.
+    DiffOptions diff;
+    std::string diff_format_mode;
+    auto add_diff = [&](CLI::App* parent) {
+        auto* d = parent->add_subcommand(
+            "diff",
+            "Compare two of: a snapshot, a run (--run ID), the latest rows per host (the "
+            "default right side); exit status 1 when something differs, 0 when nothing does");
+        d->add_option("snapshots", diff.snapshots, "One or two snapshot names (left first)")
+            ->expected(0, 2);
+        d->add_option("--run", diff.runs, "A side given by run id (repeatable; after snapshots)")
+            ->allow_extra_args(false)
+            ->check(CLI::PositiveNumber);
+        d->add_option("--ignore-provider", diff.ignore,
+                      "Leave this provider out (repeatable; also the names listed in "
+                      "$HOME/.vesk/diff-ignore, one a line)")
+            ->allow_extra_args(false);
+        d->add_flag(
+            "--no-ignore-file", [&](int64_t) { diff.use_ignore_file = false; },
+            "Do not read $HOME/.vesk/diff-ignore");
+        d->add_option("--duration-tolerance", diff.duration_tolerance,
+                      "A duration that changed by more than PCT percent is a difference "
+                      "(default: durations are not compared)")
+            ->check(CLI::Range(0.0, 1e9));
+        auto* g = d->add_option_group("mode", "What to print (default: a summary list)");
+        g->add_flag(
+            "--stat", [&](int64_t) { diff.mode = DiffMode::stat; },
+            "Counts per provider and per host");
+        g->add_flag(
+            "--name-only", [&](int64_t) { diff.mode = DiffMode::name_only; },
+            "The hosts that differ, one a line");
+        g->add_flag(
+            "-q,--quiet", [&](int64_t) { diff.mode = DiffMode::quiet; },
+            "Nothing: the exit status only");
+        g->add_flag(
+            "--full", [&](int64_t) { diff.mode = DiffMode::full; },
+            "Every difference with unified diffs of the outputs");
+        g->require_option(0, 1);
+        return d;
+    };
+    auto* s_diff = add_diff(snap);
+    auto* top_diff = add_diff(&app);
+
+    RunsOptions runs;
+    auto* runs_cmd = app.add_subcommand("runs",
+                                        "Collection runs, newest first: hosts, rows, "
+                                        "failed rows");
+    runs_cmd->add_option("--limit", runs.limit, "At most N runs (default: all)")
+        ->check(CLI::Range(size_t(1), size_t(1) << 40));
+
+    // prune
+    PruneOptions prune;
+    std::string prune_age;
+    auto* prune_cmd = app.add_subcommand(
+        "prune",
+        "Remove old rows, never those a snapshot records; a dry run on a terminal unless --yes");
+    prune_cmd->add_option("--keep-runs", prune.keep_runs, "Keep each host's newest N runs")
+        ->check(CLI::Range(size_t(1), size_t(1) << 40));
+    prune_cmd->add_option("--older-than", prune_age, "Remove runs older than AGE (90m, 12h, 30d)");
+    prune_cmd->add_flag("--dry-run", prune.dry_run, "Count what would go, remove nothing");
+    prune_cmd->add_flag("-y,--yes", prune.yes, "Remove, even when standard output is a terminal");
+    prune_cmd->add_flag("--compact", prune.compact,
+                        "Then give the freed space back (PRAGMA incremental_vacuum, or VACUUM)");
+    prune_cmd->add_option("--batch", prune.batch, "Rows per transaction")
+        ->check(CLI::Range(size_t(1), size_t(1000000)))
+        ->capture_default_str();
 
     // sql
     std::string sql_file;
@@ -227,17 +348,41 @@ int run(int argc, char** argv) {
                 throw ToolError(kExitError,
                                 "export writes JSON Lines; --format csv does not "
                                 "apply (use `--format csv rows`)");
-            return cmd_export(global, export_options);
+            settle_times(export_options, export_since, "", "");
+            return cmd_export(global, export_options, export_snapshots);
         }
         if (*chk) return cmd_check(global);
-        if (*r) return cmd_rows(global, rows);
+        if (*r) {
+            rows.filter.has_exit = exit_option->count() > 0;
+            rows.filter.exit_status = exit_status;
+            settle_times(rows, rows_since, rows_until, stale_after);
+            return cmd_rows(global, rows);
+        }
         if (*hosts) return cmd_hosts(global);
         if (*providers) return cmd_providers(global);
-        if (*s_create) return cmd_snapshot_create(global, snap_name);
+        if (*s_create) {
+            if (!create_stale.empty()) {
+                const std::string problem = parse_age(create_stale, create.stale_after);
+                if (!problem.empty())
+                    throw ToolError(kExitError,
+                                    "--stale-after \"" + create_stale + "\" " + problem);
+            }
+            return cmd_snapshot_create(global, create);
+        }
+        if (*runs_cmd) return cmd_runs(global, runs);
+        if (*prune_cmd) {
+            if (!prune_age.empty()) {
+                const std::string problem = parse_age(prune_age, prune.older_than);
+                if (!problem.empty())
+                    throw ToolError(kExitError, "--older-than \"" + prune_age + "\" " + problem);
+            }
+            return cmd_prune(global, prune);
+        }
+        if (*top_diff) return cmd_diff(global, diff);
         if (*s_list) return cmd_snapshot_list(global);
         if (*s_show) return cmd_snapshot_show(global, snap_name, snap_show_output);
         if (*s_remove) return cmd_snapshot_remove(global, snap_name);
-        if (*s_diff) return cmd_snapshot_diff(global, snap_name, snap_other);
+        if (*s_diff) return cmd_diff(global, diff);
         if (*sql) return cmd_sql(sql_file, database_file);
         if (*cfg_show) return cmd_config_show(global);
         if (*cfg_check) return cmd_config_check(global, check_file);

@@ -70,10 +70,23 @@ private:
     std::chrono::steady_clock::time_point last_{};
 };
 
-// Hands the rows of a command to `sink` one provider at a time, each part
+// A part of a command's answer: rows, and per row the datastore it came
+// from and whether it is stale (both may be left empty).
+struct RowPart {
+    std::vector<vesk::datastore::Row> rows;
+    std::vector<std::string> origin;
+    std::vector<bool> stale;
+};
+
+// Extra columns of printed rows.
+struct RowColumns {
+    bool datastore = false;  // "datastore" first: the answer merges several
+    bool stale = false;      // "stale" last: --latest marks old rows
+};
+
+// Hands the rows of a command to `sink` one part at a time, each part
 // ordered by host, option, run and row number; called once per output pass.
-using RowSource =
-    std::function<void(const std::function<void(const std::vector<vesk::datastore::Row>&)>& sink)>;
+using RowSource = std::function<void(const std::function<void(const RowPart&)>& sink)>;
 
 // Prints the rows of `source` in the chosen format as a stream, one part at
 // a time (a table reads the source twice: widths first); `show_output` adds
@@ -83,7 +96,22 @@ using RowSource =
 // found" on standard error unless `say_when_empty` is false. Returns kExitOk,
 // or kExitNothing when empty.
 int print_rows(const GlobalOptions& global, const RowSource& source, bool show_output,
-               bool say_when_empty = true);
+               bool say_when_empty = true, RowColumns extra = {});
+
+// Throws ToolError (exit 2) for a provider name or host name or pattern
+// of `options` that a query cannot hold.
+void check_row_options(const RowsOptions& options);
+
+// The SQL that reads the rows of `provider` that `options` keeps (the
+// latest per option and host when `latest`), ordered by host, option and
+// run, at most `limit` of them (0: all).
+std::string row_query(const std::string& provider, const RowsOptions& options, bool latest,
+                      size_t limit);
+
+// The providers a reading command asks for: those of `options` that are
+// stored (naming the others on standard error, `reported` then true), or
+// every queryable one.
+std::vector<std::string> rows_providers(Store& store, const RowsOptions& options, bool& reported);
 
 // Sorts one provider's rows by host, option, run and row number.
 void sort_rows(std::vector<vesk::datastore::Row>& rows);

@@ -38,16 +38,6 @@ namespace {
 // Bulk insert (declared by the SQLite extension): all rows or none.
 constexpr uint16_t kBulkInsertOp = vesk::datastore::SQLITE_BULK_INSERT;
 
-// What is stored, per provider and host, in one statement. The columns are
-// named and ordered like the provider table, so that the extension maps
-// them onto Row fields whether it goes by name or by position: num_nodes
-// carries the row count.
-const char* const kSummaryQuery =
-    "SELECT MIN(rowid) AS rowid, Provider, Hostname, COUNT(*) AS num_nodes, '' AS node_names, "
-    "0 AS Exit_status, MAX(Timestamp) AS Timestamp, 0.0 AS Duration, 0 AS Encoding, "
-    "'' AS STDOUT, '' AS STDERR, '' AS OptionID, 0 AS version, '' AS Username, "
-    "MAX(Unique_timestamp) AS Unique_timestamp FROM vesk_1 GROUP BY Provider, Hostname";
-
 // Statuses reported by execute_ioctl's callback, per visited datastore.
 struct Outcome {
     std::string instance;
@@ -136,6 +126,20 @@ private:
 
 }  // namespace
 
+namespace {
+
+// A text as an SQL literal: quotes doubled. Callers never pass a NUL byte.
+std::string literal(const std::string& text) {
+    std::string out = "'";
+    for (char c : text) {
+        if (c == '\'') out += '\'';
+        out += c;
+    }
+    return out + "'";
+}
+
+}  // namespace
+
 std::string default_config_path() {
     const std::filesystem::path path =
         DataStoreParseUtility::get_default_install_path() + "/etc/datastore/default_sqlite.xml";
@@ -217,22 +221,27 @@ std::vector<std::string> Store::data_names() const {
 }
 
 std::vector<StoredSummary> Store::summary() {
+    // Per provider, a range of the index on (Provider, Hostname, OptionID,
+    // Unique_timestamp): it holds every column asked for, so the table
+    // itself is never read.
     std::map<std::pair<std::string, std::string>, StoredSummary> merged;
+    const auto providers = provider_names();
     for (const auto& name : data_names()) {
-        SQLParameters sql{"", kSummaryQuery, vesk::datastore::row_field_index};
-        ReadParameters request;
-        request.sql = &sql;
-        std::vector<Row> rows;
-        std::vector<Outcome> outcomes;
-        if (!run_ioctl({name}, vesk::datastore::OP_SELECT_PROVIDER, &request, &rows, outcomes))
-            throw datastore_error("reading what is stored", outcomes);
-        for (const auto& row : rows) {
-            auto& entry = merged[{row.Provider, row.Hostname}];
-            entry.provider = row.Provider;
-            entry.host = row.Hostname;
-            entry.rows += row.num_nodes;
-            entry.latest_start = std::max(entry.latest_start, row.Timestamp);
-            entry.latest_run = std::max(entry.latest_run, row.Unique_timestamp);
+        for (const auto& provider : providers) {
+            const auto rows =
+                select_from(name,
+                            "SELECT Hostname, COUNT(*) AS num_nodes, MAX(Unique_timestamp) AS "
+                            "Unique_timestamp FROM " +
+                                vesk::datastore::table_name +
+                                " WHERE Provider = " + literal(provider) + " GROUP BY Hostname",
+                            "reading what is stored");
+            for (const auto& row : rows) {
+                auto& entry = merged[{provider, row.Hostname}];
+                entry.provider = provider;
+                entry.host = row.Hostname;
+                entry.rows += row.num_nodes;
+                entry.latest_run = std::max(entry.latest_run, row.Unique_timestamp);
+            }
         }
     }
     std::vector<StoredSummary> result;
@@ -240,26 +249,74 @@ std::vector<StoredSummary> Store::summary() {
     return result;
 }
 
+std::map<std::string, int64_t> Store::host_latest_runs(const std::set<std::string>& hosts) {
+    std::map<std::string, int64_t> latest;
+    if (hosts.empty()) return latest;
+    // Seeks on the index on (Provider, Hostname, ...): one per provider and
+    // host, never a walk over the table.
+    std::string provider_list;
+    for (const auto& p : provider_names())
+        provider_list += (provider_list.empty() ? "" : ",") + literal(p);
+    if (provider_list.empty()) return latest;
+    std::string host_list;
+    for (const auto& h : hosts) host_list += (host_list.empty() ? "" : ",") + literal(h);
+    for (const auto& row :
+         select_all("SELECT Hostname, MAX(Unique_timestamp) AS Unique_timestamp FROM " +
+                        vesk::datastore::table_name + " WHERE Provider IN (" + provider_list +
+                        ") AND Hostname IN (" + host_list + ") GROUP BY Hostname",
+                    "reading the hosts' latest runs")) {
+        auto& run = latest[row.Hostname];
+        run = std::max(run, row.Unique_timestamp);
+    }
+    return latest;
+}
+
+std::vector<Row> Store::select_from(const std::string& name, const std::string& query,
+                                    const std::string& what) {
+    std::vector<Row> rows;
+    SQLParameters sql{"", query, vesk::datastore::row_field_index};
+    ReadParameters request;
+    request.sql = &sql;
+    std::vector<Outcome> outcomes;
+    if (!run_ioctl({name}, vesk::datastore::OP_SELECT_PROVIDER, &request, &rows, outcomes))
+        throw datastore_error(what, outcomes);
+    return rows;
+}
+
 std::vector<Row> Store::select_all(const std::string& query, const std::string& what) {
     std::vector<Row> rows;
     for (const auto& name : data_names()) {
-        SQLParameters sql{"", query, vesk::datastore::row_field_index};
-        ReadParameters request;
-        request.sql = &sql;
-        std::vector<Outcome> outcomes;
-        if (!run_ioctl({name}, vesk::datastore::OP_SELECT_PROVIDER, &request, &rows, outcomes))
-            throw datastore_error(what, outcomes);
+        auto part = select_from(name, query, what);
+        rows.insert(rows.end(), std::make_move_iterator(part.begin()),
+                    std::make_move_iterator(part.end()));
     }
     return rows;
 }
 
+std::string Store::write_target() const {
+    const auto names = data_names();
+    if (names.size() == 1) return names.front();
+    std::string list;
+    for (const auto& name : names) list += (list.empty() ? "" : ", ") + name;
+    throw ToolError(kExitError, "several datastores are selected (" + list +
+                                    "): name the one to write to with --datastore NAME");
+}
+
 std::vector<std::string> Store::provider_names() {
-    // One row per provider, read from the index that starts with Provider.
+    // A skip-scan on the index that starts with Provider: one seek per
+    // provider instead of a walk over every row's entry.
     std::set<std::string> names;
-    for (auto& row :
-         select_all("SELECT Provider FROM " + vesk::datastore::table_name + " GROUP BY Provider",
-                    "reading the stored providers"))
-        names.insert(std::move(row.Provider));
+    for (const auto& name : data_names()) {
+        std::string query = "SELECT Provider FROM " + vesk::datastore::table_name +
+                            " WHERE Provider >= '' ORDER BY Provider LIMIT 1";
+        for (;;) {
+            auto rows = select_from(name, query, "reading the stored providers");
+            if (rows.empty()) break;
+            query = "SELECT Provider FROM " + vesk::datastore::table_name + " WHERE Provider > " +
+                    literal(rows.front().Provider) + " ORDER BY Provider LIMIT 1";
+            names.insert(std::move(rows.front().Provider));
+        }
+    }
     return {names.begin(), names.end()};
 }
 
@@ -293,28 +350,9 @@ int64_t Store::last_rowid() {
     return last;
 }
 
-namespace {
-
-// A text as an SQL literal: quotes doubled. Callers never pass a NUL byte.
-std::string literal(const std::string& text) {
-    std::string out = "'";
-    for (char c : text) {
-        if (c == '\'') out += '\'';
-        out += c;
-    }
-    return out + "'";
-}
-
-}  // namespace
-
-std::set<Store::RowKey> Store::stored_keys(const std::vector<InsertRecord>& records,
-                                           int64_t max_rowid) {
-    std::set<RowKey> wanted;
-    for (const auto& r : records)
-        wanted.emplace(r.header.provider, r.header.hostname, r.option_id,
-                       r.header.unique_timestamp);
-    std::set<RowKey> found;
-    if (wanted.empty() || max_rowid <= 0) return found;
+std::vector<Row> Store::rows_with_keys(const std::set<RowKey>& keys, int64_t max_rowid) {
+    std::vector<Row> found;
+    if (keys.empty() || max_rowid <= 0) return found;
     // The keys form a VALUES table joined to the provider table: SQLite
     // looks each one up in the index on (Provider, Hostname, OptionID,
     // Unique_timestamp) instead of scanning the table.
@@ -322,7 +360,7 @@ std::set<Store::RowKey> Store::stored_keys(const std::vector<InsertRecord>& reco
         "SELECT p.rowid AS rowid, p.Provider AS Provider, p.Hostname AS Hostname, "
         "p.OptionID AS OptionID, p.Unique_timestamp AS Unique_timestamp FROM (VALUES ";
     bool first = true;
-    for (const auto& [provider, host, option, run] : wanted) {
+    for (const auto& [provider, host, option, run] : keys) {
         query += first ? "(" : ",(";
         query += literal(provider) + "," + literal(host) + "," + literal(option) + "," +
                  std::to_string(run) + ")";
@@ -335,11 +373,20 @@ std::set<Store::RowKey> Store::stored_keys(const std::vector<InsertRecord>& reco
     SQLParameters sql{"", query, vesk::datastore::row_field_index};
     ReadParameters request;
     request.sql = &sql;
-    std::vector<Row> rows;
     std::vector<Outcome> outcomes;
-    if (!run_ioctl(data_names(), vesk::datastore::OP_SELECT_PROVIDER, &request, &rows, outcomes))
+    if (!run_ioctl(data_names(), vesk::datastore::OP_SELECT_PROVIDER, &request, &found, outcomes))
         throw datastore_error("looking up rows already stored", outcomes);
-    for (auto& row : rows)
+    return found;
+}
+
+std::set<Store::RowKey> Store::stored_keys(const std::vector<InsertRecord>& records,
+                                           int64_t max_rowid) {
+    std::set<RowKey> wanted;
+    for (const auto& r : records)
+        wanted.emplace(r.header.provider, r.header.hostname, r.option_id,
+                       r.header.unique_timestamp);
+    std::set<RowKey> found;
+    for (auto& row : rows_with_keys(wanted, max_rowid))
         found.emplace(std::move(row.Provider), std::move(row.Hostname), std::move(row.OptionID),
                       row.Unique_timestamp);
     return found;
@@ -356,7 +403,7 @@ int64_t Store::last_run() {
 
 void Store::insert(const std::vector<InsertRecord>& records) {
     if (records.empty()) return;
-    const auto names = data_names();
+    const std::vector<std::string> names{write_target()};
     std::vector<Outcome> outcomes;
     if (bulk_supported_) {
         if (run_ioctl(names, kBulkInsertOp, &records, nullptr, outcomes)) return;
@@ -374,6 +421,18 @@ void Store::insert(const std::vector<InsertRecord>& records) {
         if (!run_ioctl(names, vesk::datastore::OP_INSERT, nullptr, &copy, outcomes))
             throw datastore_error("storing a row", outcomes);
     }
+}
+
+std::vector<Row> Store::latest_rows(const std::string& name,
+                                    const std::vector<std::string>& providers) {
+    std::vector<Row> rows;
+    if (providers.empty()) return rows;
+    ReadParameters request;
+    request.first = providers;
+    std::vector<Outcome> outcomes;
+    if (!run_ioctl({name}, vesk::datastore::OP_LATEST_ROWS_PROVIDER, &request, &rows, outcomes))
+        throw datastore_error("reading the latest rows per host", outcomes);
+    return rows;
 }
 
 std::vector<Row> Store::latest_run_rows(const std::vector<std::string>& providers) {

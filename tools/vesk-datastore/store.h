@@ -5,6 +5,7 @@
 // the controller for its whole life and closes the datastores at the end.
 
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <set>
 #include <string>
@@ -24,13 +25,11 @@ std::string default_config_path();
 // with the file name and the library's message when the file is bad.
 std::vector<vesk::datastore::DataStoreConfig> read_config_file(const std::string& path);
 
-// Per provider and host: the number of rows (in num_nodes), the latest start
-// time (Timestamp) and the latest run (Unique_timestamp).
+// Per provider and host: the number of rows and the latest run.
 struct StoredSummary {
     std::string provider;
     std::string host;
     int64_t rows = 0;
-    int64_t latest_start = 0;
     int64_t latest_run = 0;
 };
 
@@ -70,10 +69,21 @@ public:
     std::set<RowKey> stored_keys(const std::vector<vesk::datastore::InsertRecord>& records,
                                  int64_t max_rowid);
 
+    // The stored rows (rowid and key columns only) whose keys are among
+    // `keys`, numbered at most `max_rowid`: one indexed read.
+    std::vector<vesk::datastore::Row> rows_with_keys(const std::set<RowKey>& keys,
+                                                     int64_t max_rowid);
+
     // Stores `records` in the first "data" datastore that accepts them:
     // the bulk-insert code when the datastore has it, one insert per row
     // otherwise. Throws ToolError (exit 2) when no datastore accepts them.
     void insert(const std::vector<vesk::datastore::InsertRecord>& records);
+
+    // The latest row per provider, option and host of `providers` in the
+    // "data" datastore `name` (the library's latest-rows query). Throws
+    // ToolError (exit 2) when it fails.
+    std::vector<vesk::datastore::Row> latest_rows(const std::string& name,
+                                                  const std::vector<std::string>& providers);
 
     // The rows of the newest collection run of `providers` (operation 519).
     std::vector<vesk::datastore::Row> latest_run_rows(const std::vector<std::string>& providers);
@@ -82,11 +92,25 @@ public:
     // when a datastore fails; an empty set means there are none.
     vesk::datastore::SnapshotInfoSet snapshots();
 
-private:
-    // The rows of `query` from every "data" datastore; ToolError naming
-    // `what` when one fails.
+    // The rows of `query` (SQL on the provider table, columns named like
+    // its own) from the "data" datastore `name`. Throws ToolError (exit 2)
+    // naming `what` and the datastore when it fails: a failed read never
+    // passes for an empty one.
+    std::vector<vesk::datastore::Row> select_from(const std::string& name, const std::string& query,
+                                                  const std::string& what);
+    // The same from every "data" datastore, one answer after the other.
     std::vector<vesk::datastore::Row> select_all(const std::string& query, const std::string& what);
 
+    // The one "data" datastore a writing command writes to. Throws
+    // ToolError (exit 2) when several are selected: the target must be
+    // named with --datastore.
+    std::string write_target() const;
+
+    // Per host of `hosts`, its newest run (Unique_timestamp), merged over
+    // the "data" datastores.
+    std::map<std::string, int64_t> host_latest_runs(const std::set<std::string>& hosts);
+
+private:
     std::shared_ptr<vesk::datastore::DataStoreController> controller_;
     bool bulk_supported_ = true;
     std::set<std::string> warned_;  // skipped provider names already reported

@@ -5,10 +5,13 @@
 #include <cstring>
 #include <deque>
 #include <iostream>
+#include <map>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <thread>
 
+#include "vesk/datastore/parse_utility.h"
 #include "vesk/datastore/queries.h"
 #include "vesk/datastore/vocabulary.h"
 
@@ -97,6 +100,101 @@ std::string check_line(const std::string& line, int64_t default_run, InsertRecor
     return "";
 }
 
+// One snapshot membership read from a line of an import.
+struct Member {
+    std::string snapshot;
+    Store::RowKey key;
+    size_t line = 0;
+};
+
+// True when `line` is a snapshot membership line (export --snapshots);
+// `member` is filled in, or `error` says why it cannot be.
+bool snapshot_member(const std::string& line, Member& member, std::string& error) {
+    if (line.find("\"Snapshot\"") == std::string::npos) return false;
+    Json j;
+    try {
+        j = Json::parse(line);
+    } catch (const std::exception&) {
+        return false;  // not even JSON: the row parser says why
+    }
+    if (!j.is_object() || !j.contains("Snapshot")) return false;
+    auto text = [&](const char* key, std::string& into, size_t max, const std::string& limit) {
+        if (!error.empty()) return;
+        const auto found = j.find(key);
+        if (found == j.end() || !found->is_string()) {
+            error = std::string(key) + ": must be a string";
+            return;
+        }
+        into = found->get<std::string>();
+        if (max == 0) return;
+        const std::string problem = name_problem(into, max, limit);
+        if (!problem.empty()) error = std::string(key) + ": " + problem;
+    };
+    auto& [provider, host, option, run] = member.key;
+    text("Snapshot", member.snapshot, kMaxSnapshotNameSize, "the snapshot name limit");
+    text("Provider", provider, size_t(vesk::datastore::max_provider_size), "max_provider_size");
+    text("Hostname", host, size_t(vesk::datastore::max_hostname_size), "max_hostname_size");
+    text("OptionID", option, 0, "");
+    if (error.empty()) {
+        const auto found = j.find("Unique_timestamp");
+        if (found == j.end() || !found->is_number_integer() || found->get<int64_t>() < 0)
+            error = "Unique_timestamp: must be an integer, 0 or more";
+        else
+            run = found->get<int64_t>();
+    }
+    if (error.empty() && j.size() != 5)
+        error =
+            "a snapshot line holds Snapshot, Provider, Hostname, OptionID and "
+            "Unique_timestamp only";
+    return true;
+}
+
+// Records `members` (already checked) as snapshots of the datastore
+// `target`, each snapshot in one commit. Returns the number recorded;
+// throws ToolError naming the line of a member whose row is not stored.
+size_t record_members(Store& store, const std::string& target, const std::vector<Member>& members,
+                      const std::string& file) {
+    if (members.empty()) return 0;
+    const int64_t last = store.last_rowid();
+    std::map<std::string, std::vector<const Member*>> by_snapshot;
+    for (const auto& m : members) by_snapshot[m.snapshot].push_back(&m);
+    size_t recorded = 0;
+    for (const auto& [snapshot, list] : by_snapshot) {
+        std::set<Store::RowKey> keys;
+        for (const auto* m : list) keys.insert(m->key);
+        std::vector<Row> rows;
+        // Lookups of a bounded number of keys each.
+        std::set<Store::RowKey> part;
+        for (auto next = keys.begin(); next != keys.end();) {
+            part.insert(*next++);
+            if (part.size() == 500 || next == keys.end()) {
+                for (auto& row : store.rows_with_keys(part, last)) rows.push_back(std::move(row));
+                part.clear();
+            }
+        }
+        std::set<Store::RowKey> found;
+        for (const auto& row : rows)
+            found.emplace(row.Provider, row.Hostname, row.OptionID, row.Unique_timestamp);
+        for (const auto* m : list)
+            if (!found.count(m->key))
+                throw ToolError(kExitError, file + ":" + std::to_string(m->line) + ": snapshot \"" +
+                                                snapshot + "\": its row (" + std::get<0>(m->key) +
+                                                " on " + std::get<1>(m->key) + ", run " +
+                                                std::to_string(std::get<3>(m->key)) +
+                                                ") is not stored; import the rows first");
+        std::map<std::string, vesk::datastore::ProviderInfo> providers;
+        for (const auto& row : rows) providers[row.Provider].name = row.Provider;
+        vesk::datastore::DataStoreParseUtility::update_snapshot_dictionary(snapshot, target, rows,
+                                                                           providers);
+        const bool committed = vesk::datastore::DataStoreParseUtility::commit_snapshot_updates();
+        vesk::datastore::DataStoreParseUtility::forget_snapshot(snapshot);
+        if (!committed)
+            throw ToolError(kExitError, "recording snapshot \"" + snapshot + "\" failed", true);
+        recorded += rows.size();
+    }
+    return recorded;
+}
+
 // Batches handed from the parsing thread to the storing one; at most two
 // wait at a time, so memory stays bounded whatever the input size.
 class BatchQueue {
@@ -176,6 +274,7 @@ int cmd_import(const GlobalOptions& global, const std::string& file, size_t batc
     const std::string name = file == "-" ? "standard input" : file;
 
     auto store = open_store(global, Access::write);
+    const std::string target = store->write_target();
     // Rows without a run of their own form one new run.
     const int64_t default_run = std::max(now_microseconds(), store->last_run() + 1);
     // Rows stored before this import count as already stored; rows that
@@ -185,6 +284,7 @@ int cmd_import(const GlobalOptions& global, const std::string& file, size_t batc
     // Lines are parsed on a second thread while this one stores batches;
     // only this thread calls the library.
     BatchQueue queue;
+    std::vector<Member> members;  // the parser's until it is joined
     std::thread parser([&] {
         LineReader reader(input);
         Batch batch;
@@ -194,6 +294,16 @@ int cmd_import(const GlobalOptions& global, const std::string& file, size_t batc
         while (reader.next(line)) {
             ++number;
             if (line.find_first_not_of(" \t\r") == std::string::npos) continue;
+            Member member;
+            if (snapshot_member(line, member, error)) {
+                if (!error.empty()) {
+                    queue.finish(name + ":" + std::to_string(number) + ": " + error);
+                    return;
+                }
+                member.line = number;
+                members.push_back(std::move(member));
+                continue;
+            }
             InsertRecord record;
             error = check_line(line, default_run, record);
             if (!error.empty()) {
@@ -276,55 +386,118 @@ int cmd_import(const GlobalOptions& global, const std::string& file, size_t batc
     if (!error.empty())
         throw ToolError(kExitError, error + " (nothing of its batch was stored; " +
                                         std::to_string(stored) + " rows before it were)");
+    // Snapshot members name rows by key: recorded once every row is stored.
+    const size_t recorded = record_members(*store, target, members, name);
     if (global.format == Format::json) {
-        print_json(std::cout, Json{{"rows", stored}, {"skipped", skipped}, {"seconds", seconds}});
+        print_json(std::cout, Json{{"datastore", target},
+                                   {"rows", stored},
+                                   {"skipped", skipped},
+                                   {"snapshot_members", recorded},
+                                   {"seconds", seconds}});
     } else if (global.format == Format::csv) {
-        print_csv(
-            std::cout,
-            Table{{"rows", "skipped", "seconds"},
-                  {{std::to_string(stored), std::to_string(skipped), format_seconds(seconds)}}});
+        print_csv(std::cout, Table{{"datastore", "rows", "skipped", "seconds"},
+                                   {{target, std::to_string(stored), std::to_string(skipped),
+                                     format_seconds(seconds)}}});
     } else {
         std::cout << "imported " << with_commas(stored) << " rows, skipped " << with_commas(skipped)
-                  << " already stored, in " << format_seconds(seconds) << " s ("
-                  << with_commas(rate()) << " rows/s)\n";
+                  << " already stored, into datastore " << target << " in "
+                  << format_seconds(seconds) << " s (" << with_commas(rate()) << " rows/s)\n";
+        if (recorded > 0) std::cout << "recorded " << recorded << " snapshot members\n";
     }
     return kExitOk;
 }
 
-int cmd_export(const GlobalOptions& global, const RowsOptions& options) {
-    for (const auto& p : options.providers)
-        check_name("provider name", p, size_t(vesk::datastore::max_provider_size),
-                   "max_provider_size");
-    for (const auto& h : options.hosts)
-        check_name("host name", h, size_t(vesk::datastore::max_hostname_size), "max_hostname_size");
-    auto store = open_store(global, Access::read);
-    std::vector<std::string> providers = options.providers;
-    if (providers.empty()) providers = store->queryable_provider_names();
+namespace {
 
-    const std::string filter = hosts_filter(options.hosts);
-    // One provider at a time keeps memory bounded by the largest provider.
+// Rows per read of export: memory stays bounded whatever the store's size.
+constexpr size_t kExportPage = 20000;
+
+// One snapshot membership as a line: the snapshot and the key of its row
+// (row numbers differ from store to store).
+std::string snapshot_line(const std::string& snapshot, const Row& row) {
+    const Json line = {{"Snapshot", snapshot},
+                       {"Provider", row.Provider},
+                       {"Hostname", row.Hostname},
+                       {"OptionID", row.OptionID},
+                       {"Unique_timestamp", row.Unique_timestamp}};
+    return line.dump(-1, ' ', false, Json::error_handler_t::replace);
+}
+
+}  // namespace
+
+int cmd_export(const GlobalOptions& global, const RowsOptions& options, bool snapshots) {
+    check_row_options(options);
+    auto store = open_store(global, Access::read);
+    bool reported = false;
+    const auto providers = rows_providers(*store, options, reported);
+    const std::set<std::string> wanted(providers.begin(), providers.end());
+
+    // Pages in row-number order, on the primary key: a store filled by
+    // import exports its rows in the order they were stored, so export,
+    // import and export again give the same bytes. Every datastore is
+    // asked itself; a failed read ends the export with exit 2.
+    std::string conditions = row_conditions(options.filter);
+    if (!options.providers.empty()) {
+        std::string list;
+        for (const auto& p : providers) list += (list.empty() ? "" : ",") + sql_literal(p);
+        conditions += std::string(conditions.empty() ? "" : " AND ") + "Provider IN (" +
+                      (list.empty() ? "NULL" : list) + ")";
+    }
     uint64_t written = 0;
     std::string out;
-    for (const auto& provider : providers) {
-        std::vector<Row> rows;
-        vesk::datastore::select_provider_data({provider}, rows, filter, false);
-        std::sort(rows.begin(), rows.end(),
-                  [](const Row& a, const Row& b) { return a.rowid < b.rowid; });
-        for (const auto& row : rows) {
-            out += row_to_line(row);
-            out += '\n';
-            if (out.size() > (size_t(1) << 20)) {
-                std::cout.write(out.data(), std::streamsize(out.size()));
-                out.clear();
-                check_stdout();
+    auto flush = [&](bool all) {
+        if (!all && out.size() < (size_t(1) << 20)) return;
+        std::cout.write(out.data(), std::streamsize(out.size()));
+        out.clear();
+        check_stdout();
+    };
+    for (const auto& name : store->data_names()) {
+        int64_t after = 0;
+        for (;;) {
+            const auto rows = store->select_from(
+                name,
+                "SELECT * FROM " + vesk::datastore::table_name + " WHERE rowid > " +
+                    std::to_string(after) + (conditions.empty() ? "" : " AND " + conditions) +
+                    " ORDER BY rowid LIMIT " + std::to_string(kExportPage),
+                "reading rows after row " + std::to_string(after));
+            for (const auto& row : rows) {
+                // Names the queries cannot hold were reported once, and stay out.
+                if (!wanted.count(row.Provider)) continue;
+                out += row_to_line(row);
+                out += '\n';
+                ++written;
+                flush(false);
+            }
+            if (rows.size() < kExportPage) break;
+            after = rows.back().rowid;
+        }
+    }
+    size_t members = 0;
+    if (snapshots) {
+        for (const auto& info : store->snapshots()) {
+            std::map<std::string, std::vector<Row>> by_provider;
+            std::map<std::string, std::vector<vesk::datastore::Row_baseline>> baselines;
+            if (!vesk::datastore::get_snapshot_provider_data(info.baseline_id, by_provider,
+                                                             baselines, providers, {}, false) &&
+                !providers.empty())
+                throw ToolError(kExitError, "reading snapshot \"" + info.baseline_id + "\" failed",
+                                true);
+            std::vector<Row> rows;
+            for (auto& [provider, list] : by_provider)
+                for (auto& row : list) rows.push_back(std::move(row));
+            sort_rows(rows);
+            for (const auto& row : rows) {
+                out += snapshot_line(info.baseline_id, row);
+                out += '\n';
+                ++members;
+                flush(false);
             }
         }
-        written += rows.size();
     }
-    std::cout.write(out.data(), std::streamsize(out.size()));
+    flush(true);
     check_stdout(true);
-    if (written == 0) {
-        diag() << "vesk-datastore: no rows found\n";
+    if (written == 0 && members == 0) {
+        if (!reported) diag() << "vesk-datastore: no rows found\n";
         return kExitNothing;
     }
     return kExitOk;
