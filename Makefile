@@ -1,15 +1,21 @@
 # Two commands do everything on a fresh Debian machine:
 #   make demo   bootstrap, build, and a real session on the default datastore
 #   make test   bootstrap, build and run every test
-# Further targets: build, asan (sanitizer build + tests), bench, install, format.
+# Further targets: build, asan (sanitizer build + tests), bench, install, format,
+# fuzz (libFuzzer targets, built with clang in build-fuzz; README "Fuzzing").
 
 BUILD      ?= build
 ASAN_BUILD ?= build-asan
 BENCH_BUILD ?= build-bench
+FUZZ_BUILD ?= build-fuzz
+# Every unit is instrumented for coverage and checked by ASan and UBSan; only
+# the fuzz programs link libFuzzer itself.
+FUZZ_FLAGS := -g -O1 -fno-omit-frame-pointer -fsanitize=fuzzer-no-link,address,undefined \
+              -fno-sanitize-recover=all
 JOBS       ?= $(shell nproc)
 PREFIX     ?= /usr/local
 
-.PHONY: all bootstrap configure build test asan bench demo install format format-check clean
+.PHONY: all bootstrap configure build test asan bench fuzz demo install format format-check clean
 
 all: build
 
@@ -35,6 +41,13 @@ bench: bootstrap
 	cmake --build $(BENCH_BUILD) -j $(JOBS)
 	@for b in $(BENCH_BUILD)/bench/bench_*; do [ -x "$$b" ] && "$$b" || exit 1; done
 
+fuzz: bootstrap
+	cmake -S . -B $(FUZZ_BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVESK_FUZZ=ON \
+	  -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
+	  -DCMAKE_C_FLAGS="$(FUZZ_FLAGS)" -DCMAKE_CXX_FLAGS="$(FUZZ_FLAGS)"
+	cmake --build $(FUZZ_BUILD) -j $(JOBS) --target vesk_fuzzers
+	cd $(FUZZ_BUILD) && ctest --output-on-failure -R '^fuzz\.'
+
 demo: build
 	@scripts/demo $(BUILD)/stage
 
@@ -48,4 +61,4 @@ format-check:
 	git ls-files '*.cpp' '*.h' | xargs clang-format --dry-run --Werror
 
 clean:
-	rm -rf $(BUILD) $(ASAN_BUILD) $(BENCH_BUILD)
+	rm -rf $(BUILD) $(ASAN_BUILD) $(BENCH_BUILD) $(FUZZ_BUILD)

@@ -1,7 +1,11 @@
 #include "vesk/str.h"
 
 #include <cctype>
-#include <wordexp.h>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <pwd.h>
+#include <unistd.h>
 
 namespace vesk::str {
 
@@ -38,22 +42,135 @@ std::string squeeze(std::string text, char ch) {
     return out;
 }
 
+namespace {
+
+// True when `c` is one of the characters of `set` (never for a NUL byte).
+bool one_of(const char* set, char c) { return c != '\0' && std::strchr(set, c) != nullptr; }
+
+// Variable names are ASCII whatever the locale: a letter or "_", then digits too.
+bool is_name_start(char c) { return c == '_' || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); }
+bool is_name_char(char c) { return is_name_start(c) || (c >= '0' && c <= '9'); }
+
+// The home folder of `user` ("" for the caller) from the password database;
+// false when there is no such user.
+bool home_of(const std::string& user, std::string& home) {
+    struct passwd entry {};
+    struct passwd* found = nullptr;
+    long size = ::sysconf(_SC_GETPW_R_SIZE_MAX);
+    std::vector<char> buffer(size > 0 ? size_t(size) : size_t(16384));
+    for (;;) {
+        const int rc =
+            user.empty() ? ::getpwuid_r(::getuid(), &entry, buffer.data(), buffer.size(), &found)
+                         : ::getpwnam_r(user.c_str(), &entry, buffer.data(), buffer.size(), &found);
+        if (rc == ERANGE && buffer.size() < (size_t(1) << 20)) {
+            buffer.resize(buffer.size() * 2);
+            continue;
+        }
+        if (rc != 0 || found == nullptr || found->pw_dir == nullptr) return false;
+        home = found->pw_dir;
+        return true;
+    }
+}
+
+// The expansion of a leading "~" or "~user" (the prefix up to the first
+// "/"), or false to keep the prefix as written.
+bool expand_tilde(const std::string& user, std::string& home) {
+    for (char c : user)
+        if (!(is_name_char(c) || c == '.' || c == '-')) return false;  // quoted or odd: as written
+    if (user.empty()) {
+        const char* env = std::getenv("HOME");
+        if (env != nullptr && *env != '\0') {
+            home = env;
+            return true;
+        }
+    }
+    return home_of(user, home);
+}
+
+// Expands the "$" at text[pos] into `out` and moves `pos` past what it
+// consumed; false for a form that is not expanded here.
+bool expand_dollar(const std::string& text, size_t& pos, std::string& out) {
+    const size_t next = pos + 1;
+    if (next == text.size() || !(is_name_start(text[next]) || text[next] == '{')) {
+        // "$(", "$1", "$$", "$?" and the like are not expanded.
+        if (next < text.size() && (text[next] == '(' || (text[next] >= '0' && text[next] <= '9') ||
+                                   one_of("$?#@*!-", text[next])))
+            return false;
+        out += '$';  // a lone "$" is text, as in the shell
+        pos = next;
+        return true;
+    }
+    size_t begin = next;
+    size_t end = next;
+    if (text[next] == '{') {
+        begin = next + 1;
+        end = begin;
+        if (end == text.size() || !is_name_start(text[end])) return false;
+        while (end < text.size() && is_name_char(text[end])) ++end;
+        if (end == text.size() || text[end] != '}') return false;  // an operator or no "}"
+        pos = end + 1;
+    } else {
+        while (end < text.size() && is_name_char(text[end])) ++end;
+        pos = end;
+    }
+    if (const char* value = std::getenv(text.substr(begin, end - begin).c_str())) out += value;
+    return true;
+}
+
+}  // namespace
+
 std::string wordexp(std::string text) {
-    if (text.empty()) return text;
-    ::wordexp_t words{};
-    // WRDE_NOCMD: a "$(...)" or backquote makes the call fail instead of
-    // running anything; WRDE_UNDEF is not set, so unset variables expand empty.
-    const int rc = ::wordexp(text.c_str(), &words, WRDE_NOCMD);
-    if (rc != 0) {
-        if (rc == WRDE_NOSPACE) ::wordfree(&words);
-        return text;
-    }
     std::string out;
-    for (size_t i = 0; i < words.we_wordc; ++i) {
-        if (i) out += ' ';
-        out += words.we_wordv[i];
+    out.reserve(text.size());
+    size_t pos = 0;
+    if (!text.empty() && text[0] == '~') {
+        const size_t slash = text.find('/');
+        const std::string user = text.substr(1, slash == std::string::npos ? slash : slash - 1);
+        std::string home;
+        if (expand_tilde(user, home)) {
+            out = home;
+            pos = slash == std::string::npos ? text.size() : slash;
+        }
     }
-    ::wordfree(&words);
+    // Outside quotes, in double quotes, or in single quotes.
+    enum { kPlain, kDouble, kSingle } quote = kPlain;
+    while (pos < text.size()) {
+        const char c = text[pos];
+        if (quote == kSingle) {
+            if (c == '\'')
+                quote = kPlain;
+            else
+                out += c;
+            ++pos;
+        } else if (c == '`') {
+            return text;  // command substitution
+        } else if (c == '$') {
+            if (!expand_dollar(text, pos, out)) return text;
+        } else if (c == '\\') {
+            // A backslash keeps the next character as it is; in double
+            // quotes only before the characters that are special there.
+            if (pos + 1 == text.size()) {
+                out += c;
+                ++pos;
+            } else if (quote == kPlain || one_of("$`\"\\\n", text[pos + 1])) {
+                if (text[pos + 1] != '\n') out += text[pos + 1];
+                pos += 2;
+            } else {
+                out += c;
+                ++pos;
+            }
+        } else if (c == '"') {
+            quote = quote == kDouble ? kPlain : kDouble;
+            ++pos;
+        } else if (c == '\'' && quote == kPlain) {
+            quote = kSingle;
+            ++pos;
+        } else {
+            out += c;
+            ++pos;
+        }
+    }
+    if (quote != kPlain) return text;  // unbalanced quotes
     return out;
 }
 

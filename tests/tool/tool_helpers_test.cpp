@@ -3,6 +3,8 @@
 // end-to-end tests already show through the binary is not repeated here.
 #include <algorithm>
 #include <chrono>
+#include <clocale>
+#include <cmath>
 #include <fstream>
 #include <string>
 #include <thread>
@@ -13,7 +15,9 @@
 #include "codec.h"
 #include "collect.h"
 #include "jsonl.h"
+#include "output.h"
 #include "textdiff.h"
+#include "validate.h"
 
 namespace vesk::tool {
 namespace {
@@ -117,6 +121,56 @@ bool is_dead(const std::string& pid) {
             stat.substr(stat.rfind(')') + 2, 1) == "Z")
             return true;
     return false;
+}
+
+TEST(Validate, NamesThatWouldNotComeBackAsWritten) {
+    const struct {
+        std::string name;
+        std::string problem;  // "" when fine
+    } cases[] = {
+        {"uname", ""},
+        {"caf\xc3\xa9-1", ""},
+        {"", "is empty"},
+        {" \t ", "is blank"},
+        {" uname", "has blanks around it"},
+        {"uname ", "has blanks around it"},
+        {"nic's", "contains a quote"},
+        {"a\"b", "contains a quote"},
+        {"a\\b", "contains a backslash"},
+        {std::string("a\0b", 3), "contains the control byte 0x00"},
+        {"a\x7f", "contains the control byte 0x7f"},
+        {"caf\xe9", "is not valid UTF-8"},
+        {std::string(9, 'n'), "is 9 bytes, longer than lim (8)"},
+    };
+    for (const auto& c : cases) EXPECT_EQ(name_problem(c.name, 8, "lim"), c.problem) << c.name;
+}
+
+TEST(Validate, RepeatedTopLevelKeys) {
+    EXPECT_EQ(repeated_key(R"({"a":1,"b":{"a":2},"c":[{"a":3}]})"), "");
+    EXPECT_EQ(repeated_key(R"({"a":1, "b":2 , "a" :3})"), "a");
+    // Quotes, braces and colons inside strings are text, not structure.
+    EXPECT_EQ(repeated_key(R"({"a":"x\":{\"a\":1","b":"}","c":"a"})"), "");
+    EXPECT_EQ(repeated_key(R"({"k\"q":1,"k\"q":2})"), "k\\\"q");
+}
+
+TEST(Validate, Timeouts) {
+    for (double ok : {0.001, 1.0, kMaxTimeoutSeconds}) EXPECT_EQ(timeout_problem(ok), "") << ok;
+    for (double bad : {0.0, -1.0, kMaxTimeoutSeconds * 2, 1e10, std::nan(""), HUGE_VAL})
+        EXPECT_NE(timeout_problem(bad), "") << bad;
+}
+
+TEST(Output, TerminalSafeTextAndDisplayWidth) {
+    EXPECT_EQ(terminal_safe("a\x1b]0;t\x07z\n\tq", true), "a\\x1b]0;t\\x07z\n\tq");
+    EXPECT_EQ(terminal_safe("a\nb\tc", false), "a\\x0ab\\x09c");
+    EXPECT_EQ(terminal_safe("caf\xc3\xa9 \xc2\x9b"
+                            "1m \xff",
+                            true),
+              "caf\xc3\xa9 \\xc2\\x9b"
+              "1m \\xff");  // C1 CSI and a stray byte
+    ASSERT_NE(std::setlocale(LC_CTYPE, "C.UTF-8"), nullptr);
+    EXPECT_EQ(display_width("abc"), 3u);
+    EXPECT_EQ(display_width("\xe6\x97\xa5\xe6\x9c\xac"), 4u);  // two wide characters
+    EXPECT_EQ(display_width("caf\xc3\xa9"), 4u);
 }
 
 TEST(Runner, TimeoutKillsTheGroupWhileOthersRunWithinTheLimits) {

@@ -16,6 +16,7 @@ import sys
 import tempfile
 import textwrap
 import time
+import unicodedata
 import unittest
 
 TOOL = os.environ.get("VESK_TOOL", "")
@@ -64,6 +65,22 @@ class ToolCase(unittest.TestCase):
         with sqlite3.connect(self.database) as db:
             return db.execute("SELECT COUNT(*) FROM provider_datastore").fetchone()[0]
 
+    def stored_rows(self):
+        """Every stored row and snapshot membership, read directly, for before/after checks."""
+        if not os.path.exists(self.database):
+            return None
+        with sqlite3.connect(self.database) as db:
+            rows = db.execute("SELECT * FROM provider_datastore ORDER BY rowid").fetchall()
+            snaps = db.execute("SELECT baseline_id, datastore_rowid FROM baseline_datastore "
+                               "ORDER BY 1, 2").fetchall()
+        return rows, snaps
+
+    def import_lines(self, lines, *after, before=(), expect=OK, name="rows.jsonl"):
+        """Imports `lines` (dicts become JSON); returns the file's path and the process."""
+        path = self.write(name, "".join(json.dumps(l) + "\n" if isinstance(l, dict) else l + "\n"
+                                        for l in lines))
+        return path, self.run_tool(*before, "import", path, *after, expect=expect)
+
     def providers_file(self, text):
         return self.write("providers.txt", textwrap.dedent(text))
 
@@ -90,7 +107,7 @@ class Usage(ToolCase):
 
     def test_names_that_would_break_sql_are_refused(self):
         proc = self.run_tool("rows", "--provider", "x' OR '1'='1", expect=ERROR)
-        self.assertIn("not allowed", self.stderr_line(proc))
+        self.assertIn("contains a quote", self.stderr_line(proc))
         self.run_tool("snapshot", "create", "a'b", expect=ERROR)
 
 
@@ -133,7 +150,8 @@ class Config(ToolCase):
             "file.xml": ('<d><group><entry config_file="">libsqlite.so</entry></group></d>',
                          "Invalid file attribute"),
             "noentry.xml": ("<d></d>", "no datastore entry"),
-            "broken.xml": ("<configuration", "not a well-formed XML file"),
+            # libxml2's own reason, with its line and column.
+            "broken.xml": ("<configuration", "(line 1, column "),
         }
         for name, (text, message) in cases.items():
             path = self.write(name, text)
@@ -161,7 +179,7 @@ class Collect(ToolCase):
 
     def test_one_run_with_every_outcome(self):
         started = time.monotonic()
-        result = self.collect(self.PROVIDERS)
+        result = self.collect(self.PROVIDERS, expect=NOTHING)  # some providers failed
         self.assertLess(time.monotonic() - started, 10, "providers must not wait for each other")
         by_name = {r["provider"]: r for r in result["rows"]}
         self.assertEqual([r["provider"] for r in result["rows"]],
@@ -248,8 +266,10 @@ class Rows(ToolCase):
 
     def test_nothing_found_is_exit_1(self):
         proc = self.run_tool("rows", "--provider", "nosuch", expect=NOTHING)
-        self.assertIn(b"unknown provider: nosuch", proc.stderr)
-        self.run_tool("rows", "--host", "nohost", expect=NOTHING)
+        self.assertEqual(self.stderr_line(proc),
+                         "vesk-datastore: unknown provider: nosuch (nothing stored)")
+        proc = self.run_tool("rows", "--host", "nohost", expect=NOTHING)
+        self.assertEqual(self.stderr_line(proc), "vesk-datastore: no rows found")
 
     def test_hosts_and_providers(self):
         hosts = {h["host"]: h for h in self.json_of("hosts")}
@@ -258,24 +278,29 @@ class Rows(ToolCase):
         self.assertEqual(hosts["h1"]["latest_run"], 3000000)
         self.assertEqual(hosts["h2"]["latest_run"], 2000000)
         providers = {p["provider"]: p for p in self.json_of("providers")}
-        self.assertEqual(providers["p2"], {"provider": "p2", "hosts": 2, "rows": 3,
-                                           "latest_run": 3000000})
+        self.assertEqual({k: v for k, v in providers["p2"].items() if k != "latest_run_time"},
+                         {"provider": "p2", "hosts": 2, "rows": 3, "latest_run": 3000000})
 
     def test_table_and_csv(self):
         table = self.run_tool("rows", "--provider", "p2").stdout.decode().splitlines()
-        self.assertEqual(table[0].split(), ["rowid", "provider", "host", "option", "exit",
-                                            "start", "duration", "run"])
+        self.assertEqual(table[0].split(), ["rowid", "Provider", "Hostname", "num_nodes",
+                                            "node_names", "Exit_status", "Timestamp", "Duration",
+                                            "Encoding", "OptionID", "version", "Username",
+                                            "Unique_timestamp"])
         self.assertEqual(len(table), 4)
         self.assertNotIn("\033[", "".join(table))  # no colour off a terminal
         csv = self.run_tool("--format", "csv", "rows", "--provider", "p2",
                             "--show-output").stdout.decode()
-        self.assertTrue(csv.startswith("rowid,provider,host,option,exit,start,duration,"
-                                       "unique_timestamp,stdout,stderr\r\n"))
+        self.assertTrue(csv.startswith("rowid,Provider,Hostname,num_nodes,node_names,Exit_status,"
+                                       "Timestamp,Duration,Encoding,STDOUT,STDERR,OptionID,"
+                                       "version,Username,Unique_timestamp,stdout_text,"
+                                       "stderr_text\r\n"), csv)
         self.assertIn('"p2-a\n"', csv)
 
     def test_empty_datastore(self):
         env = dict(self.env, HOME=os.path.join(self.home, "empty"))
         os.mkdir(env["HOME"])
+        self.run_tool("import", "-", stdin=b"", env=env)  # creates the store, stores nothing
         for command in ("rows", "hosts", "providers", "export"):
             self.run_tool(command, expect=NOTHING, env=env)
 
@@ -287,7 +312,7 @@ class ImportExport(ToolCase):
                        for i in range(count))
 
     def test_round_trip(self):
-        self.collect("hello : echo hello\nbinary : printf '\\377'\nfail : exit 4\n")
+        self.collect("hello : echo hello\nbinary : printf '\\377'\nfail : exit 4\n", expect=NOTHING)
         exported = self.run_tool("export").stdout.decode().splitlines()
         self.assertEqual(len(exported), 3)
         other = os.path.join(self.home, "other")
@@ -317,12 +342,12 @@ class ImportExport(ToolCase):
     def test_bad_line_is_reported_and_its_batch_not_written(self):
         good = self.rows(4).splitlines()
         cases = [
-            ("{not json", "line 5: "),
+            ("{not json", "5: invalid JSON"),
             ('{"Provider": "p", "Hostname": "h", "Exit_status": "zero"}',
-             'line 5: "Exit_status" must be an integer'),
-            ('{"Provider": "p", "Hostname": "h", "Colour": 1}', 'line 5: unknown key "Colour"'),
-            ('{"Hostname": "h"}', 'line 5: "Provider" is missing or empty'),
-            ('[1, 2]', "line 5: expected a JSON object"),
+             '5: Exit_status: must be an integer'),
+            ('{"Provider": "p", "Hostname": "h", "Colour": 1}', '5: unknown key "Colour"'),
+            ('{"Hostname": "h"}', '5: Provider: is missing or empty'),
+            ('[1, 2]', "5: expected a JSON object"),
         ]
         for bad, message in cases:
             with self.subTest(bad):
@@ -330,7 +355,7 @@ class ImportExport(ToolCase):
                 path = self.write("bad.jsonl", "\n".join(good + [bad] + good[:1]) + "\n")
                 proc = self.run_tool("import", "--batch", "2", path, expect=ERROR)
                 line = self.stderr_line(proc)
-                self.assertIn(f"{path}: {message}", line)
+                self.assertIn(f"{path}:{message}", line)
                 self.assertIn("4 rows before it were", line)
                 # Lines 1-4 were two whole batches; line 5 and 6 were not written.
                 self.assertEqual(self.stored_count(), before + 4)
@@ -357,7 +382,7 @@ class Snapshot(ToolCase):
 
         self.write("value", "one\n2\nthree\n")
         self.write("code", "5")
-        self.collect(stable + "extra : echo new\n")
+        self.collect(stable + "extra : echo new\n", expect=NOTHING)  # status exits 5
         diff = self.json_of("snapshot", "diff", "before", expect=NOTHING)
         changes = {d["provider"]: d for d in diff["differences"]}
         self.assertEqual(set(changes), {"changes", "status", "extra"})
@@ -386,11 +411,13 @@ class Snapshot(ToolCase):
         self.assertEqual([s["snapshot"] for s in self.json_of("snapshot", "list")], ["after"])
         for args in (["remove", "before"], ["show", "before"], ["diff", "before"],
                      ["diff", "after", "before"]):
-            proc = self.run_tool("snapshot", *args, expect=NOTHING)
-            self.assertEqual(self.stderr_line(proc), 'vesk-datastore: no snapshot named "before"')
+            proc = self.run_tool("snapshot", *args, expect=ERROR)  # never "a difference"
+            self.assertTrue(self.stderr_line(proc).startswith(
+                'vesk-datastore: no snapshot named "before"'), proc.stderr)
         self.assertEqual(self.stored_count(), 7)  # removing a snapshot keeps the rows
 
     def test_nothing_to_snapshot(self):
+        self.run_tool("import", "-", stdin=b"")
         self.run_tool("snapshot", "create", "empty", expect=NOTHING)
 
 
@@ -405,7 +432,11 @@ class Sql(ToolCase):
             self.assertEqual(conn.execute("SELECT SUM(a) FROM t").fetchone()[0], 3)
         bad = self.write("bad.sql", "INSERT INTO t VALUES (3, 'z');\nINSERT INTO nowhere VALUES (1);\n")
         proc = self.run_tool("sql", bad, db, expect=ERROR)
-        self.assertIn("SQL command error: INSERT INTO nowhere VALUES (1);", self.stderr_line(proc))
+        line = self.stderr_line(proc)
+        self.assertIn("SQL command error: INSERT INTO nowhere VALUES (1);", line)
+        self.assertIn(f"{bad}:2: no such table: nowhere; nothing of the file was applied", line)
+        with sqlite3.connect(db) as conn:  # the first line was rolled back with the second
+            self.assertEqual(conn.execute("SELECT COUNT(*) FROM t").fetchone()[0], 2)
         proc = self.run_tool("sql", os.path.join(self.home, "none.sql"), db, expect=ERROR)
         self.assertIn("Unable to open sql file for reading", self.stderr_line(proc))
 
@@ -428,7 +459,7 @@ class Failures(ToolCase):
         conf = self.write("bad.xml", """<configuration instance_name="nowhere" type="sqlite3"
             source_types="data" source_parameters="source=/dev/null/vesk.db"/>""")
         proc = self.run_tool("--config", conf, "collect", expect=ERROR)
-        self.assertIn("cannot open datastore", self.stderr_line(proc))
+        self.assertIn("cannot open sqlite datastore", self.stderr_line(proc))
 
     def test_unwritable_home(self):
         if os.geteuid() == 0:
@@ -441,12 +472,459 @@ class Failures(ToolCase):
 
     def test_timeout_option_and_hung_provider(self):
         started = time.monotonic()
-        result = self.collect("hang : sleep 60\nquick : echo ok\n", "--timeout", "0.5")
+        result = self.collect("hang : sleep 60\nquick : echo ok\n", "--timeout", "0.5",
+                              expect=NOTHING)
         self.assertLess(time.monotonic() - started, 5)
         status = {r["provider"]: r["exit_status"] for r in result["rows"]}
         self.assertEqual(status, {"hang": 124, "quick": 0})
         self.assertEqual(self.stored_count(), 2)
 
+
+class Writes(ToolCase):
+    """Output that cannot be written is an error, never a cut file with exit 0."""
+
+    def test_full_disk_is_reported(self):
+        self.import_lines([{"Provider": f"p{i % 5}", "Hostname": "h", "STDOUT": "x" * 300}
+                           for i in range(3000)])
+        self.run_tool("snapshot", "create", "s")
+        commands = [["export"], ["hosts"], ["providers"], ["rows"], ["--format", "json", "rows"],
+                    ["--format", "csv", "rows"], ["snapshot", "list"], ["config", "show"],
+                    ["--version"], ["rows", "--help"]]
+        for args in commands:
+            with self.subTest(args), open("/dev/full", "wb") as full:
+                proc = subprocess.run([TOOL, *args], stdout=full, stderr=subprocess.PIPE,
+                                      env=self.env, timeout=60)
+                self.assertEqual(proc.returncode, ERROR, proc.stderr)
+                self.assertEqual(proc.stderr.decode().strip().splitlines(),
+                                 ["vesk-datastore: write error: No space left on device"])
+
+    def test_closed_pipe_stays_quiet(self):
+        self.import_lines([{"Provider": "p", "Hostname": "h", "STDOUT": "x" * 1000}] * 2000,
+                          "--allow-duplicates")
+        proc = subprocess.run(f"'{TOOL}' export | head -c 10 > /dev/null; "
+                              "echo ${PIPESTATUS[0]}", shell=True, executable="/bin/bash",
+                              env=self.env, capture_output=True, timeout=60)
+        self.assertEqual(proc.stderr, b"")
+        self.assertIn(proc.stdout.strip(), (b"0", b"141"))  # done, or ended by SIGPIPE
+
+
+class Names(ToolCase):
+    """A name the queries would refuse or misread never gets into the store."""
+
+    BAD = [("nic's check", "contains a quote"), ("  uname  ", "has blanks around it"),
+           ("   ", "is blank"), ('say "hi"', "contains a quote"), ("a\\b", "contains a backslash"),
+           ("tab\there", "control byte 0x09"), ("line\nbreak", "control byte 0x0a"),
+           ("nul\u0000byte", "control byte 0x00"), ("p" * 65, "longer than 64 bytes")]
+
+    def setUp(self):
+        super().setUp()
+        self.import_lines([{"Provider": "uname", "Hostname": "h1", "Unique_timestamp": 5}])
+
+    def test_import_refuses_bad_provider_and_host_names(self):
+        before = self.stored_rows()
+        for field in ("Provider", "Hostname"):
+            for name, problem in self.BAD:
+                if field == "Hostname" and name.startswith("p" * 65):
+                    name, problem = "h" * 257, "longer than 256 bytes"
+                with self.subTest(field=field, name=name):
+                    path, proc = self.import_lines(
+                        [{"Provider": "ok", "Hostname": "h"},
+                         {"Provider": "ok", "Hostname": "h", field: name}], expect=ERROR)
+                    line = self.stderr_line(proc)
+                    self.assertIn(f"{path}:2: {field}: ", line)
+                    self.assertIn(problem, line)
+        self.assertEqual(self.stored_rows(), before)
+
+    def test_collect_refuses_bad_names_with_file_and_line(self):
+        before = self.stored_rows()
+        cases = [("ok : true\nnic's : true\n", "2: provider: "),
+                 ("ok option=a'b : true\n", "1: option: \"a'b\" contains a quote"),
+                 ("ok option=x timeout=abc : true\n", "1: timeout: ")]
+        for text, message in cases:
+            with self.subTest(text):
+                path = self.providers_file(text)
+                proc = self.run_tool("collect", "--providers-file", path, expect=ERROR)
+                self.assertIn(f"{path}:{message}", self.stderr_line(proc))
+        proc = self.run_tool("collect", "--provider", "  sp ", "--", "true", expect=ERROR)
+        self.assertIn("provider: ", self.stderr_line(proc))
+        self.assertEqual(self.stored_rows(), before)
+
+    def test_one_unusual_stored_name_does_not_break_the_reads(self):
+        # Written behind the tool's back, as an older version could have.
+        self.import_lines([{"Provider": "other", "Hostname": "h1", "Unique_timestamp": 5}])
+        with sqlite3.connect(self.database) as db:
+            db.execute("INSERT INTO provider_datastore(Provider, Hostname, OptionID, "
+                       "Unique_timestamp, node_names, STDOUT, STDERR, Username) "
+                       "VALUES ('nic''s check', 'h1', '', 5, '', '', '', '')")
+        before = self.stored_rows()
+        warning = "skipping the rows of provider \"nic's check\""
+        for args in (["rows"], ["rows", "--latest"], ["rows", "--host", "h1"], ["export"]):
+            with self.subTest(args):
+                proc = self.run_tool(*args)
+                self.assertEqual(proc.stderr.decode().count(warning), 1, proc.stderr)
+                self.assertIn(b"uname", proc.stdout)
+                self.assertNotIn(b"nic's", proc.stdout)
+        self.assertEqual(self.json_of("snapshot", "create", "s")["rows"], 2)
+        self.assertEqual(self.json_of("snapshot", "diff", "s")["identical"], 2)
+        self.assertEqual(len(self.json_of("snapshot", "show", "s")), 2)
+        self.assertEqual(len(self.json_of("providers")), 3)  # listed, with its count
+        self.assertEqual(self.stored_rows()[0], before[0])
+
+
+class Idempotent(ToolCase):
+    """Importing the same rows again stores nothing twice."""
+
+    def lines(self, count, start=0):
+        return [{"Provider": f"p{i % 7}", "Hostname": f"h{i % 3}", "OptionID": f"o{i % 2}",
+                 "Unique_timestamp": 1000 + i, "STDOUT": f"{i}\n"} for i in range(start, count)]
+
+    def test_second_import_skips_what_is_stored(self):
+        path, proc = self.import_lines(self.lines(500), before=("--format", "json"))
+        self.assertEqual(json.loads(proc.stdout)["rows"], 500)
+        first = self.stored_rows()
+        again = json.loads(self.run_tool("--format", "json", "import", path).stdout)
+        self.assertEqual((again["rows"], again["skipped"]), (0, 500))
+        self.assertEqual(self.stored_rows(), first)
+        text = self.run_tool("import", path).stdout.decode()
+        self.assertIn("imported 0 rows, skipped 500 already stored", text)
+
+        # An interrupted import is finished by running it again: only the rest is stored.
+        self.import_lines(self.lines(800), "--batch", "64", name="more.jsonl",
+                          before=("--format", "json"))
+        rows, _ = self.stored_rows()
+        self.assertEqual(len(rows), 800)
+        self.assertEqual(sorted(r[-1] for r in rows), list(range(1000, 1800)))
+
+        # --allow-duplicates stores them anyway; a file's own repeats are kept either way.
+        self.run_tool("import", path, "--allow-duplicates")
+        self.assertEqual(self.stored_count(), 1300)
+        dup = self.lines(2) * 2
+        self.import_lines(dup, name="dup.jsonl")
+        self.assertEqual(self.stored_count(), 1300)
+        self.import_lines(self.lines(2, 0)[:1] + [{**self.lines(1)[0], "Unique_timestamp": 5}] * 2,
+                          name="repeat.jsonl")
+        self.assertEqual(self.stored_count(), 1302)
+
+    def test_lookup_uses_the_index(self):
+        self.import_lines(self.lines(10))
+        with sqlite3.connect(self.database) as db:
+            plan = db.execute(
+                "EXPLAIN QUERY PLAN SELECT p.rowid FROM (VALUES ('p1','h1','o1',1001)) AS k "
+                "JOIN provider_datastore AS p ON p.Provider = k.column1 AND "
+                "p.Hostname = k.column2 AND p.OptionID = k.column3 AND "
+                "p.Unique_timestamp = k.column4 WHERE p.rowid <= 10").fetchall()
+        text = " ".join(str(step[-1]) for step in plan)
+        self.assertIn("SEARCH p USING COVERING INDEX provider_datastore_latest", text)
+        self.assertNotIn("SCAN p", text)
+
+
+class Validation(ToolCase):
+    """Every field is checked against what it means and the library's limits."""
+
+    def test_bad_fields_are_refused_with_file_line_and_field(self):
+        self.run_tool("import", "-", stdin=b"")  # an empty store to compare with
+        base = {"Provider": "p", "Hostname": "h"}
+        cases = [
+            ({"Encoding": 2}, "Encoding: 2 (raw)"),
+            ({"Encoding": 1, "STDOUT": "not base64!"}, "STDOUT: is not base64"),
+            ({"Encoding": 1, "STDERR": "@@@@"}, "STDERR: is not base64"),
+            ({"Encoding": 7}, "Encoding: must be"),
+            ({"num_nodes": 3, "node_names": ["a", "b"]}, "num_nodes: 3 disagrees with the 2"),
+            ({"num_nodes": -1, "node_names": []}, "num_nodes: is negative"),
+            ({"node_names": ["a", "b\nc"]}, "node_names: \"b\\x0ac\" contains the control byte"),
+            ({"node_names": [" a"]}, "node_names: \" a\" has blanks around it"),
+            ({"Unique_timestamp": -5}, "Unique_timestamp: is negative"),
+            ({"Timestamp": -1}, "Timestamp: is negative"),
+            ({"Duration": -0.5}, "Duration: must be a finite number"),
+            ({"OptionID": "o" * 65}, "OptionID: is 65 bytes, longer than max_option_id_size"),
+            ({"OptionID": "a\tb"}, "OptionID: contains the control byte 0x09"),
+            ({"Username": "u" * 65}, "Username: is 65 bytes, longer than max_username_size"),
+            ({"Username": "x\u0000y"}, "Username: contains the control byte 0x00"),
+        ]
+        before = self.stored_rows()
+        for extra, message in cases:
+            with self.subTest(extra):
+                path, proc = self.import_lines([base, {**base, **extra}], expect=ERROR)
+                self.assertIn(f"{path}:2: {message}", self.stderr_line(proc))
+        # A key given twice is refused instead of "last wins".
+        path, proc = self.import_lines(['{"Provider": "p", "Hostname": "h", "Provider": "q"}'],
+                                       expect=ERROR)
+        self.assertIn(f"{path}:1: Provider: the key appears twice", self.stderr_line(proc))
+        self.assertEqual(self.stored_rows(), before)
+        # What is fine passes: base64 that decodes, matching node counts.
+        self.import_lines([{**base, "Encoding": 1, "STDOUT": "aGk=", "num_nodes": 2,
+                            "node_names": ["n1", "n2"]}])
+        self.assertEqual(self.stored_count(), 1)
+
+    def test_refusal_inside_a_later_batch_names_the_line(self):
+        lines = [{"Provider": "p", "Hostname": "h", "Unique_timestamp": i} for i in range(1, 10)]
+        lines[6]["Hostname"] = "h" * 300
+        path, proc = self.import_lines(lines, "--batch", "4", expect=ERROR)
+        line = self.stderr_line(proc)
+        self.assertIn(f"{path}:7: Hostname: is longer than 256 bytes", line)
+        self.assertIn("4 rows before it were", line)
+        self.assertEqual(self.stored_count(), 4)
+
+    def test_one_bad_name_among_ten_thousand_rows(self):
+        lines = [{"Provider": f"p{i % 10}", "Hostname": f"h{i % 4}", "Unique_timestamp": 1 + i,
+                  "STDOUT": f"row {i}\n"} for i in range(10000)]
+        lines[7321]["Provider"] = "nic's check"
+        path, proc = self.import_lines(lines, "--batch", "1000", expect=ERROR)
+        line = self.stderr_line(proc)
+        self.assertIn(f"{path}:7322: Provider: contains a quote", line)
+        # Batches of lines 1-7000 were stored; nothing of 7001-8000 nor after.
+        rows, _ = self.stored_rows()
+        self.assertEqual(len(rows), 7000)
+        self.assertEqual(max(r[-1] for r in rows), 7000)
+        for args in (["rows"], ["rows", "--latest"], ["hosts"], ["providers"], ["export"],
+                     ["snapshot", "create", "s"], ["snapshot", "list"], ["snapshot", "show", "s"],
+                     ["snapshot", "diff", "s"], ["check"]):
+            with self.subTest(args):
+                proc = self.run_tool(*args)
+                self.assertEqual(proc.stderr, b"")
+        self.assertEqual(len(self.json_of("rows")), 7000)
+        self.assertEqual(len(self.json_of("rows", "--latest")), 20)  # provider, host pairs
+
+
+class Environment(ToolCase):
+    """Durations, HOME, missing stores, --version and -v."""
+
+    def test_durations_are_bounded(self):
+        for value in ("1e10", "nan", "inf", "0", "-1", "86401", "abc"):
+            with self.subTest(value):
+                proc = self.run_tool("collect", "--timeout", value, "--provider", "x", "--",
+                                     "true", expect=ERROR)
+                line = proc.stderr.decode().splitlines()[0]
+                self.assertIn("--timeout", line)
+                self.assertLess(len(line), 120)  # no 309-digit range
+            with self.subTest(file=value):
+                path = self.providers_file(f"x timeout={value} : true\n")
+                proc = self.run_tool("collect", "--providers-file", path, expect=ERROR)
+                self.assertIn(f"{path}:1: timeout: ", self.stderr_line(proc))
+        self.assertFalse(os.path.exists(self.database))
+        result = self.json_of("collect", "--timeout", "86400", "--provider", "x", "--", "true")
+        self.assertEqual(result["rows"][0]["exit_status"], 0)
+
+    def test_home_unset_or_empty_uses_the_password_database(self):
+        import pwd
+        home = pwd.getpwuid(os.geteuid()).pw_dir
+        for env in ({k: v for k, v in self.env.items() if k != "HOME"}, dict(self.env, HOME="")):
+            with self.subTest(home=env.get("HOME")):
+                [store] = json.loads(self.run_tool("--format", "json", "config", "show",
+                                                   env=env).stdout)["datastores"]
+                self.assertEqual(store["datastore_file"], f"{home}/.vesk/2019.2.1/vesk.db")
+        self.assertFalse(os.path.exists("/.vesk"))
+
+    def test_no_home_at_all_is_refused(self):
+        if os.geteuid() != 0:
+            self.skipTest("needs root to run as a user the password database does not know")
+        env = {k: v for k, v in self.env.items() if k != "HOME"}
+
+        def stranger():
+            os.setgroups([])
+            os.setgid(54321)
+            os.setuid(54321)
+
+        proc = subprocess.run([TOOL, "collect", "--provider", "x", "--", "true"], env=env,
+                              cwd="/", capture_output=True, timeout=60, preexec_fn=stranger)
+        self.assertEqual(proc.returncode, ERROR, proc.stderr)
+        self.assertIn(b"HOME is not set and the password database names no home directory",
+                      proc.stderr)
+        self.assertFalse(os.path.exists("/.vesk"))
+
+    def test_read_commands_never_create_a_store(self):
+        for args in (["rows"], ["rows", "--latest"], ["hosts"], ["providers"], ["export"],
+                     ["snapshot", "list"], ["snapshot", "show", "s"], ["snapshot", "diff", "s"],
+                     ["snapshot", "create", "s"], ["snapshot", "remove", "s"], ["check"]):
+            with self.subTest(args):
+                proc = self.run_tool(*args, expect=ERROR)
+                self.assertIn(f"no datastore at {self.database}", self.stderr_line(proc))
+        self.assertFalse(os.path.exists(os.path.join(self.home, ".vesk")))
+
+    def test_version_verbose_and_help(self):
+        self.assertRegex(self.run_tool("--version").stdout.decode(),
+                         r"^vesk-datastore \d+\.\d+\.\d+\n$")
+        self.collect("one : true\n")
+        proc = self.run_tool("-v", "hosts")
+        self.assertIn(b"configuration ", proc.stderr)
+        self.assertIn(f'datastore "vesk_default": {self.database}'.encode(), proc.stderr)
+        help_texts = {args[0]: self.run_tool(*args, "--help").stdout.decode()
+                      for args in (["collect"], ["import"], ["rows"], ["check"])}
+        self.assertRegex(help_texts["collect"], r"--jobs[^\n]*=8")
+        self.assertIn("10", help_texts["collect"].split("--timeout")[1].split("--")[0])
+        self.assertRegex(help_texts["import"], r"--batch[^\n]*=10000")
+        for text in help_texts.values():
+            self.assertIn("--config FILE", text)
+            self.assertIn("--format", text)
+
+
+class ExitCodes(ToolCase):
+    def test_missing_snapshot_is_an_error_and_failed_providers_are_1(self):
+        result = self.collect("good : true\n")
+        self.assertEqual(result["rows"][0]["exit_status"], 0)
+        self.json_of("snapshot", "create", "base")
+        for args in (["diff", "NOSUCH"], ["diff", "base", "NOSUCH"], ["show", "NOSUCH"],
+                     ["remove", "NOSUCH"]):
+            with self.subTest(args):
+                self.run_tool("snapshot", *args, expect=ERROR)
+        for text in ("bad : exit 3\n", "slow timeout=0.2 : sleep 5\n", "gone : kill -KILL $$\n",
+                     "missing : exec /nonexistent\n"):
+            with self.subTest(text):
+                self.collect("good : true\n" + text, expect=NOTHING)
+        self.collect("good : true\n")
+        self.json_of("snapshot", "diff", "base")
+
+
+class Output(ToolCase):
+    def test_empty_answers_are_valid_in_every_format(self):
+        self.run_tool("import", "-", stdin=b"")
+        for args in (["rows"], ["hosts"], ["providers"], ["snapshot", "list"]):
+            with self.subTest(args):
+                self.assertEqual(self.json_of(*args, expect=NOTHING), [])
+                csv = self.run_tool("--format", "csv", *args, expect=NOTHING).stdout.decode()
+                self.assertEqual(len(csv.splitlines()), 1)  # the header alone
+        self.run_tool("--format", "csv", "export", expect=ERROR)
+
+    def test_one_column_set_in_every_format(self):
+        self.import_lines([{"Provider": "p", "Hostname": "h", "num_nodes": 1, "node_names": ["n"],
+                            "Username": "u", "version": 3, "Unique_timestamp": 7000000}])
+        [row] = self.json_of("rows")
+        csv = self.run_tool("--format", "csv", "rows").stdout.decode().splitlines()
+        table = self.run_tool("rows").stdout.decode().splitlines()
+        self.assertEqual(csv[0].split(","), list(row.keys()))
+        self.assertEqual(table[0].split(), [k for k in row if k not in ("STDOUT", "STDERR")])
+        self.assertEqual(dict(zip(csv[0].split(","), csv[1].split(","))),
+                         {k: str(v if k != "node_names" else ",".join(v)) if k != "Duration"
+                          else "0.000" for k, v in row.items()})
+        for command, key in (("hosts", "host"), ("providers", "provider")):
+            [entry] = self.json_of(command)
+            header = self.run_tool("--format", "csv", command).stdout.decode().splitlines()[0]
+            self.assertEqual(header.split(","), list(entry.keys()))
+            self.assertEqual(self.run_tool(command).stdout.decode().split()[:len(entry)],
+                             list(entry.keys()))
+            self.assertEqual(entry["latest_run"], 7000000)
+
+    def test_control_bytes_are_escaped_and_binary_diffs_summarised(self):
+        self.write("blob", b"\xff\x00one")
+        providers = "evil : printf '\\033]0;owned\\007x\\n'\nbin : cat $HOME/blob\n"
+        self.collect(providers)
+        shown = self.run_tool("rows", "--show-output").stdout
+        self.assertNotIn(b"\x1b", shown)
+        self.assertNotIn(b"\x07", shown)
+        self.assertIn(b"\\x1b]0;owned\\x07x", shown)
+        self.json_of("snapshot", "create", "s")
+        self.write("blob", b"\xff\x00two!")
+        providers = "evil : printf '\\033]0;other\\007x\\n'\nbin : cat $HOME/blob\n"
+        self.collect(providers)
+        diff = self.run_tool("snapshot", "diff", "s", expect=NOTHING).stdout
+        self.assertNotIn(b"\x1b", diff)
+        self.assertIn(b"binary output differs (5 bytes -> 6 bytes)", diff)
+
+    def test_table_pads_by_display_width(self):
+        self.import_lines([{"Provider": "日本語", "Hostname": "h1"},
+                           {"Provider": "abc", "Hostname": "h2"}])
+        lines = self.run_tool("providers").stdout.decode().splitlines()
+
+        def column(line):
+            """The display column where the second cell begins."""
+            first = line.split()[0]
+            wide = sum(unicodedata.east_asian_width(c) == "W" for c in first)
+            return line.index(line.split()[1]) + wide
+
+        # Three wide characters take six columns: both rows line up.
+        self.assertEqual(len({column(line) for line in lines}), 1, lines)
+
+
+class Damage(ToolCase):
+    """Open failures and damaged files say what is wrong, cause first."""
+
+    def damage(self, path):
+        with open(path, "r+b") as f:
+            f.seek(4096)
+            f.write(b"\xde\xad" * 8192)
+
+    def test_damaged_file_is_named_and_check_tells_more(self):
+        self.collect("one : echo 1\ntwo : echo 2\n")
+        self.assertEqual(self.json_of("check")[0]["findings"], ["ok"])
+        self.assertIn(b"ok", self.run_tool("check").stdout)
+        self.damage(self.database)
+        with open(self.database, "rb") as f:
+            before = f.read()[100:]  # past the header, whose counters an open may move
+        for args in (["rows"], ["hosts"], ["export"], ["snapshot", "create", "s"]):
+            with self.subTest(args):
+                proc = self.run_tool(*args, expect=ERROR)
+                self.assertEqual(self.stderr_line(proc),
+                                 f"vesk-datastore: datastore {self.database} is damaged: database "
+                                 "disk image is malformed; `vesk-datastore check` tells more")
+        [report] = self.json_of("check", expect=ERROR)
+        self.assertFalse(report["ok"])
+        self.assertEqual(report["file"], self.database)
+        self.assertGreater(len(report["findings"]), 1)
+        with open(self.database, "rb") as f:
+            self.assertEqual(f.read()[100:], before)  # reading and checking changed no page
+
+    def test_open_failure_puts_the_cause_first(self):
+        conf = self.write("bad.xml", """<configuration instance_name="nowhere" type="sqlite3"
+            source_types="data" source_parameters="source=/dev/null/vesk.db"/>""")
+        line = self.stderr_line(self.run_tool("--config", conf, "collect", expect=ERROR))
+        self.assertEqual(line, 'vesk-datastore: cannot open sqlite datastore "nowhere" '
+                               '(/dev/null/vesk.db): cannot create folder "/dev/null": '
+                               "Not a directory")
+
+    def test_config_check_reports_what_the_extension_says(self):
+        folder = os.path.join(self.home, "folder.db")
+        os.mkdir(folder)
+        conf = self.write("folder.xml", f"""<configuration instance_name="f" type="sqlite3"
+            source_types="data" source_parameters="source={folder}"/>""")
+        line = self.stderr_line(self.run_tool("config", "check", conf, expect=ERROR))
+        self.assertTrue(line.startswith(f"vesk-datastore: {conf}: cannot open sqlite datastore"),
+                        line)
+        self.assertIn("it is a folder, not a file", line)
+        # A file not created yet is fine, and config check does not create it.
+        new = self.write("new.xml", f"""<configuration instance_name="n" type="sqlite3"
+            source_types="data" source_parameters="source={self.home}/new.db"/>""")
+        self.run_tool("config", "check", new)
+        self.assertFalse(os.path.exists(os.path.join(self.home, "new.db")))
+
+    # The SQLite extension's own check of its parameter keys lands separately;
+    # until it does, an unknown value opens read-write and this test fails.
+    @unittest.expectedFailure
+    def test_config_check_refuses_unknown_parameter_values(self):
+        self.collect("one : true\n")
+        conf = self.write("maybe.xml", f"""<configuration instance_name="m" type="sqlite3"
+            source_types="data" source_parameters="read_only=maybe|source={self.database}"/>""")
+        line = self.stderr_line(self.run_tool("config", "check", conf, expect=ERROR))
+        self.assertIn("read_only", line)
+
+    def test_unwritable_store_suggests_read_only(self):
+        self.collect("one : true\n")
+        before = self.stored_rows()
+        if os.geteuid() == 0:
+            # Permissions do not bind root: another user meets the root-owned file.
+            for root, dirs, files in os.walk(self.home):
+                for name in dirs + files:
+                    os.chmod(os.path.join(root, name), 0o755 if name in dirs else 0o644)
+            os.chmod(self.home, 0o755)
+            run = lambda *args: subprocess.run(  # noqa: E731
+                [TOOL, *args], env=self.env, capture_output=True, timeout=60,
+                preexec_fn=lambda: (os.setgroups([]), os.setgid(54321), os.setuid(54321)))
+        else:
+            os.chmod(self.database, 0o444)
+            run = lambda *args: subprocess.run([TOOL, *args], env=self.env,  # noqa: E731
+                                               capture_output=True, timeout=60)
+        try:
+            for args in (["collect"], ["rows"]):
+                with self.subTest(args):
+                    proc = run(*args)
+                    self.assertEqual(proc.returncode, ERROR, proc.stderr)
+                    line = self.stderr_line(proc)
+                    self.assertTrue(line.startswith(
+                        f'vesk-datastore: cannot open sqlite datastore "vesk_default" '
+                        f"({self.database}): "), line)
+                    self.assertIn("add read_only=true to its source_parameters", line)
+        finally:
+            os.chmod(self.database, 0o644)
+        self.assertEqual(self.stored_rows(), before)
 
 if __name__ == "__main__":
     unittest.main()

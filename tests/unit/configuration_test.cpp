@@ -1,11 +1,13 @@
 // Records and name tables; configuration files, default paths and fields, the
 // datastore list and SQL files.
+#include <algorithm>
 #include <filesystem>
 #include <memory>
 #include <set>
 #include <stdexcept>
 #include <stdlib.h>
 #include <string>
+#include <sys/stat.h>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -223,21 +225,121 @@ TEST_F(ConfigurationTest, EntriesOfGroupsResolveAgainstTheInstallPath) {
     EXPECT_EQ(configs[1].source_parameters, "dsn");
 }
 
-TEST_F(ConfigurationTest, UnreadableConfigurationFileThrowsWithItsPathAndQuietly) {
+TEST_F(ConfigurationTest, UnreadableConfigurationFileThrowsTheFixedTextAndLogsWhy) {
     Utility::db_vec.emplace_back(DataStoreConfig(), std::weak_ptr<DataStoreExtension>());
     dir_.write("etc/datastore/broken.xml", "<configuration instance_name=\"x\"");
-    for (const std::string file : {"missing.xml", "broken.xml"}) {
-        // Neither libxml2 nor the error log prints anything to file descriptor 2.
+    const std::vector<std::pair<std::string, std::string>> cases{
+        {"missing.xml", "cannot read: No such file or directory"},
+        {"broken.xml", "(line 1, column "}};
+    for (const auto& [file, reason] : cases) {
+        // libxml2 prints nothing itself; the error log writes one line at level 3.
+        vesk::log::LOG_LEVEL = 3;
         ::testing::internal::CaptureStderr();
         EXPECT_THAT(
             [&] {
                 parse_group("<group><entry config_file=\"" + file + "\">libx.so</entry></group>");
             },
-            ::testing::ThrowsMessage<std::runtime_error>("Error opening datastore configuration: " +
-                                                         dir_.file("etc/datastore/" + file)));
-        EXPECT_EQ(::testing::internal::GetCapturedStderr(), "") << file;
+            ::testing::ThrowsMessage<std::runtime_error>("Error opening datastore configuration"));
+        const std::string logged = ::testing::internal::GetCapturedStderr();
+        EXPECT_THAT(logged, ::testing::HasSubstr(reason));
+        EXPECT_THAT(logged, ::testing::EndsWith(" in datastore configuration " +
+                                                dir_.file("etc/datastore/" + file) + "\n"));
+        EXPECT_EQ(std::count(logged.begin(), logged.end(), '\n'), 1) << logged;
     }
     EXPECT_EQ(Utility::db_vec.size(), 1u);
+}
+
+// Every refusal before the walk: the fixed text alone, and one level-3 line
+// that says why and names the file. A document that passes is walked.
+TEST_F(ConfigurationTest, ReadConfigDocumentRefusesWhatCouldExhaustMemory) {
+    const std::string good = "<configuration " + kGoodAttributes + "/>";
+    std::string big = "<configuration " + kGoodAttributes + ">";
+    big += std::string(Utility::max_config_file_size, ' ') + "</configuration>";
+    std::filesystem::create_directories(dir_.file("folder"));
+    ASSERT_EQ(::mkfifo(dir_.file("fifo").c_str(), 0600), 0);
+    struct Case {
+        std::string name;
+        std::string text;  // not written when empty
+        std::string reason;
+    };
+    const std::vector<Case> cases{
+        {"big.xml", big,
+         "larger than the limit of 1048576 bytes (" + std::to_string(big.size()) + " bytes)"},
+        {"gzip.xml", std::string("\x1f\x8b\x08\x00", 4) + good, "compressed file (gzip)"},
+        {"xz.xml",
+         std::string("\xfd"
+                     "7zXZ\0",
+                     6) +
+             good,
+         "compressed file (xz)"},
+        {"entity.xml",
+         "<!DOCTYPE configuration [<!ENTITY a \"aaaa\">]><configuration type=\"sqlite3\" "
+         "source_types=\"data\" source_parameters=\"p\" instance_name=\"&a;&a;\"/>",
+         "the document type declares entities"},
+        {"pentity.xml", "<!DOCTYPE configuration [<!ENTITY % p \"\">]>" + good,
+         "the document type declares entities"},
+        {"system.xml", "<!DOCTYPE configuration SYSTEM \"c.dtd\">" + good,
+         "the document type names an external DTD subset"},
+        {"public.xml", "<!DOCTYPE configuration PUBLIC \"-//x//y\" \"c.dtd\">" + good,
+         "the document type names an external DTD subset"},
+        {"empty.xml", " ", "Start tag expected, '<' not found (line 1, column 2)"},
+        {"mismatch.xml", "<configuration>\n  <a></b>\n</configuration>",
+         "Opening and ending tag mismatch: a line 2 and b (line 2, column 10)"},
+        {"folder", "", "not a regular file"},
+        {"fifo", "", "not a regular file"},
+        {"missing.xml", "", "cannot read: No such file or directory"}};
+    vesk::log::LOG_LEVEL = 3;
+    for (const auto& c : cases) {
+        const std::string file = dir_.file(c.name);
+        if (!c.text.empty()) dir_.write(c.name, c.text);
+        vesk::test::CerrCapture cerr;
+        EXPECT_THAT(
+            [&] { Utility::read_config_document(file); },
+            ::testing::ThrowsMessage<std::runtime_error>("Error opening datastore configuration"))
+            << c.name;
+        EXPECT_EQ(cerr.lines(), Names{c.reason + " in datastore configuration " + file});
+    }
+    // An internal DTD without entities is fine, and so is a file just at the limit.
+    dir_.write("dtd.xml", "<!DOCTYPE configuration [<!ELEMENT configuration EMPTY>]>" + good);
+    DataStoreConfig config;
+    EXPECT_TRUE(Utility::parse_xml(Utility::read_config_document(dir_.file("dtd.xml")), config));
+    EXPECT_EQ(config.instance_name, "one");
+    std::string at_limit = good;
+    at_limit.resize(Utility::max_config_file_size, ' ');
+    dir_.write("limit.xml", at_limit);
+    EXPECT_NO_THROW(Utility::read_config_document(dir_.file("limit.xml")));
+}
+
+// The inputs that crashed the C library's wordexp: literal paths, no crash,
+// and a datastore opened at the literal path.
+TEST_F(ConfigurationTest, ShellOperatorsInPathsStayLiteral) {
+    ScopedEnv home("HOME", dir_.path());
+    ::unsetenv("NOPE");
+    ::unsetenv("OM");
+    write_config("default_sqlite.xml",
+                 "instance_name=\"lit\" type=\"sqlite3\" source_types=\"data\" "
+                 "source_parameters=\"source=" +
+                     dir_.path() + "/${NOPE?}/x.db\"");
+    write_config("arith.xml",
+                 "instance_name=\"arith\" type=\"sqlite3\" source_types=\"data\" "
+                 "source_parameters=\"source=" +
+                     dir_.path() + "/$(())\"");
+    auto configs = parse_group(
+        "<group path=\"${OM?}/a\"><entry>libsqlite.so</entry>"
+        "<entry config_file=\"arith.xml\">libsqlite.so</entry></group>");
+    ASSERT_EQ(configs.size(), 2u);
+    const std::string here = std::filesystem::current_path().string();
+    EXPECT_EQ(configs[0].extension_path, here + "/${OM?}/a");
+    EXPECT_EQ(configs[0].source_parameters, "source=" + dir_.path() + "/${NOPE?}/x.db");
+    EXPECT_EQ(configs[1].source_parameters, "source=" + dir_.path() + "/$(())");
+
+    // Opened by the real SQLite extension: the files have the literal names.
+    for (auto& config : configs) {
+        config.extension_path = vesk::test::kStageDir + "/datastore/lumok64";
+        Utility::load_utest_config(config, true);
+    }
+    EXPECT_TRUE(std::filesystem::is_regular_file(dir_.file("${NOPE?}/x.db")));
+    EXPECT_TRUE(std::filesystem::is_regular_file(dir_.file("$(())")));
 }
 
 // ---- the attributes of a configuration element ----

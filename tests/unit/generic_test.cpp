@@ -2,6 +2,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <memory>
+#include <pwd.h>
 #include <stdlib.h>
 #include <string>
 #include <vector>
@@ -46,6 +47,47 @@ TEST(StringTest, WordexpExpandsVariablesButNeverRunsCommands) {
          {"$(touch " + marker + ")", "`touch " + marker + "`", std::string("a|b")})
         EXPECT_EQ(vesk::str::wordexp(text), text);
     EXPECT_FALSE(std::filesystem::exists(marker));
+}
+
+// What the shell would do with a configured path, without a shell: every
+// form that is not expanded leaves the whole text as written.
+TEST(StringTest, WordexpTable) {
+    vesk::test::ScopedEnv home("HOME", "/h");
+    vesk::test::ScopedEnv dir("VESK_TEST_DIR", "/d d");
+    vesk::test::ScopedEnv gone("VESK_TEST_UNSET_VARIABLE", "");
+    ::unsetenv("VESK_TEST_UNSET_VARIABLE");
+    std::string root_home;
+    if (const struct passwd* root = ::getpwnam("root")) root_home = root->pw_dir;
+    struct Case {
+        std::string text;
+        std::string expected;
+    };
+    const Case cases[] = {
+        {"", ""},
+        {"${HOME}/x", "/h/x"},
+        {"$VESK_TEST_DIR-$HOME", "/d d-/h"},
+        {"${VESK_TEST_UNSET_VARIABLE}x", "x"},
+        {"~", "/h"},
+        {"a/~/b", "a/~/b"},
+        {"~root/db", root_home.empty() ? "~root/db" : root_home + "/db"},
+        {"~vesk-no-such-user/db", "~vesk-no-such-user/db"},
+        {"'$HOME' \\$HOME \"$HOME\"", "$HOME $HOME /h"},
+        {"a  b *.db [x]?", "a  b *.db [x]?"},
+        {"$", "$"},
+        {"cost$/x", "cost$/x"},
+        // Not expanded: the text comes back as written.
+        {"source=${NOPE?}/x.db", "source=${NOPE?}/x.db"},
+        {"${OM?}/a", "${OM?}/a"},
+        {"$(())", "$(())"},
+        {"$HOME/$((1+2))", "$HOME/$((1+2))"},
+        {"${HOME:-/x}", "${HOME:-/x}"},
+        {"${#HOME}", "${#HOME}"},
+        {"${HOME", "${HOME"},
+        {"$1/$$/$?", "$1/$$/$?"},
+        {"\"$HOME", "\"$HOME"},
+        {"'a", "'a"},
+    };
+    for (const auto& c : cases) EXPECT_EQ(vesk::str::wordexp(c.text), c.expected) << c.text;
 }
 
 TEST(PathTest, DirnameAbspathAndSelfpath) {

@@ -144,4 +144,66 @@ TEST_F(RecorderTest, MarkLatestRecordsTheNewestRunAndCommitsToTheFirst) {
     EXPECT_EQ(err.text(), "");
 }
 
+std::vector<std::string> names(const std::map<std::string, ds::ProviderInfoSet>& snapshots) {
+    std::vector<std::string> out;
+    for (const auto& snapshot : snapshots) out.push_back(snapshot.first);
+    return out;
+}
+
+TEST_F(RecorderTest, OnlyASuccessfulRemovalDropsTheIdFromTheAskedDatastore) {
+    RecorderState* a = add("a");
+    add("b");
+    struct Case {
+        ControlScript answer;
+        bool removed;
+        std::vector<std::string> left_in_a;
+    };
+    const std::vector<std::string> both{"keep", "old"};
+    for (const Case& c : {Case{answer(1), false, both}, Case{answer(512), false, both},
+                          Case{answer(7), false, both}, Case{throws(), false, both},
+                          Case{answer(0), true, {"keep"}}}) {
+        // "a" is the datastore asked; "b" and "c" (not open) keep theirs.
+        P::snapshot_dict = {
+            {"a", {{"old", {}}, {"keep", {}}}}, {"b", {{"old", {}}}}, {"c", {{"old", {}}}}};
+        P::set_snapshot_remove_str("old");
+        a->scripts = {{520, c.answer}};
+        CerrCapture err;
+        EXPECT_EQ(P::remove_snapshot(), c.removed);
+        EXPECT_EQ(names(P::snapshot_dict["a"]), c.left_in_a);
+        EXPECT_THAT(names(P::snapshot_dict["b"]), ElementsAre("old"));
+        EXPECT_THAT(names(P::snapshot_dict["c"]), ElementsAre("old"));
+    }
+    // The last snapshot of a datastore takes its entry with it.
+    P::snapshot_dict = {{"a", {{"old", {}}}}};
+    EXPECT_TRUE(P::remove_snapshot());
+    EXPECT_THAT(P::snapshot_dict, IsEmpty());
+}
+
+TEST_F(RecorderTest, AForgottenSnapshotIsNoLongerCommitted) {
+    RecorderState* a = add("a");
+    P::snapshot_dict = {{"a", {{"refused", {ds::ProviderInfo{5, "p", nullptr}}}}},
+                        {"b", {{"refused", {}}, {"other", {}}}}};
+    // A refused commit keeps the dictionary, so the next one sends it again...
+    a->scripts = {{518, answer(1)}};
+    CerrCapture err;
+    EXPECT_FALSE(P::commit_snapshot_updates());
+    EXPECT_THAT(names(P::snapshot_dict["a"]), ElementsAre("refused"));
+    // ...until it is forgotten everywhere; the datastores are not asked.
+    a->controls.clear();
+    EXPECT_TRUE(P::forget_snapshot("refused"));
+    EXPECT_FALSE(P::forget_snapshot("refused"));
+    EXPECT_THAT(a->controls, IsEmpty());
+    EXPECT_EQ(P::snapshot_dict.count("a"), 0u);
+    EXPECT_THAT(names(P::snapshot_dict["b"]), ElementsAre("other"));
+    P::snapshot_dict["a"]["next"] = {ds::ProviderInfo{6, "p", nullptr}};
+    a->scripts = {{518, answer(0)}};
+    EXPECT_TRUE(P::commit_snapshot_updates());
+    ASSERT_EQ(a->controls.size(), 1u);
+    EXPECT_THAT(names(a->controls[0].snapshots), ElementsAre("next"));
+    // Clearing drops everything at once.
+    P::clear_snapshot_dictionary();
+    EXPECT_THAT(P::snapshot_dict, IsEmpty());
+    EXPECT_FALSE(P::forget_snapshot("next"));
+}
+
 }  // namespace

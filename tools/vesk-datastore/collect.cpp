@@ -14,14 +14,16 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "vesk/datastore/vocabulary.h"
 #include "vesk/str.h"
 
 #include "errors.h"
+#include "validate.h"
 
 namespace vesk::tool {
 
 bool valid_provider_name(const std::string& name) {
-    if (name.empty() || name.size() > 64) return false;
+    if (name.empty() || name.size() > size_t(vesk::datastore::max_provider_size)) return false;
     for (unsigned char c : name)
         if (!std::isalnum(c) && std::strchr("._:+-", c) == nullptr) return false;
     return true;
@@ -73,7 +75,10 @@ std::vector<ProviderCommand> read_provider_file(const std::string& path) {
         std::istringstream head(text.substr(0, split));
         std::string name;
         head >> name;
-        if (!valid_provider_name(name)) throw bad("invalid provider name \"" + name + "\"");
+        if (!valid_provider_name(name))
+            throw bad("provider: \"" + name + "\" is not 1 to " +
+                      std::to_string(vesk::datastore::max_provider_size) +
+                      " letters, digits and \"._:+-\"");
         if (command.empty()) throw bad("provider " + name + " has no command");
         ProviderCommand provider = shell_provider(name, command);
         for (std::string item; head >> item;) {
@@ -83,11 +88,14 @@ std::vector<ProviderCommand> read_provider_file(const std::string& path) {
             if (key == "timeout") {
                 char* end = nullptr;
                 provider.timeout = std::strtod(value.c_str(), &end);
-                if (value.empty() || *end != '\0' || !(provider.timeout > 0))
-                    throw bad("invalid timeout \"" + value + "\"");
+                if (value.empty() || *end != '\0')
+                    throw bad("timeout: \"" + value + "\" is not a number");
+                if (const std::string problem = timeout_problem(provider.timeout); !problem.empty())
+                    throw bad("timeout: " + value + " " + problem);
             } else if (key == "option") {
-                if (value.empty() || value.size() > 64 || value.find('\'') != std::string::npos)
-                    throw bad("invalid option id \"" + value + "\"");
+                const std::string problem = name_problem(
+                    value, size_t(vesk::datastore::max_option_id_size), "max_option_id_size");
+                if (!problem.empty()) throw bad("option: \"" + value + "\" " + problem);
                 provider.option_id = value;
             } else {
                 throw bad("unknown setting \"" + item + "\"");

@@ -2,24 +2,31 @@
 #include "commands.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <climits>
+#include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <iostream>
 #include <map>
+#include <memory>
 #include <pwd.h>
 #include <set>
 #include <sys/stat.h>
 #include <sys/time.h>
 #include <unistd.h>
 
+#include "tessdb/tessdb.h"
 #include "vesk/datastore/parse_utility.h"
 #include "vesk/datastore/queries.h"
 #include "vesk/datastore/vocabulary.h"
+#include "vesk/str.h"
 
 #include "codec.h"
 #include "collect.h"
 #include "errors.h"
 #include "session.h"
+#include "validate.h"
 
 namespace vesk::tool {
 
@@ -67,19 +74,12 @@ int print_configs(const GlobalOptions& global, const std::string& path,
                         {"extension_path", tidy(c.extension_path + "/")},
                         {"extension_name", c.extension_name},
                         {"library_found", ::access(library.c_str(), R_OK) == 0},
+                        {"datastore_file", datastore_file(c)},
                         {"source_parameters", c.source_parameters}});
     }
     print_result(global.format, Json{{"file", path}, {"datastores", list}}, table,
                  "configuration: " + path + "\n");
     return kExitOk;
-}
-
-// Rows in a stable order: provider, host, option, run, row number.
-void sort_rows(std::vector<Row>& rows) {
-    std::sort(rows.begin(), rows.end(), [](const Row& a, const Row& b) {
-        return std::tie(a.Provider, a.Hostname, a.OptionID, a.Unique_timestamp, a.rowid) <
-               std::tie(b.Provider, b.Hostname, b.OptionID, b.Unique_timestamp, b.rowid);
-    });
 }
 
 std::string this_host() {
@@ -112,6 +112,23 @@ int cmd_config_check(const GlobalOptions& global, const std::string& file) {
             throw ToolError(kExitError, file + ": datastore \"" + c.instance_name +
                                             "\": extension library " + library + " not found");
     }
+    // A datastore whose file exists is opened as configured, so that its
+    // extension judges the parameters; none is created here.
+    std::vector<DataStoreConfig> existing;
+    for (const auto& c : configs) {
+        const std::string data_file = datastore_file(c);
+        if (!data_file.empty() && c.source_types.test(vesk::datastore::data) &&
+            ::access(data_file.c_str(), F_OK) == 0)
+            existing.push_back(c);
+    }
+    if (!existing.empty()) {
+        try {
+            Store opened(existing);
+        } catch (const ToolError& e) {
+            throw ToolError(kExitError, file + ": " + e.what(), e.datastore_failure,
+                            e.open_failure);
+        }
+    }
     if (global.format == Format::table) {
         std::cout << file << ": ok, " << configs.size()
                   << (configs.size() == 1 ? " datastore" : " datastores") << "\n";
@@ -123,11 +140,36 @@ int cmd_config_check(const GlobalOptions& global, const std::string& file) {
 // ---- sql ----
 
 int cmd_sql(const std::string& sql_file, const std::string& database_file) {
-    try {
-        DataStoreParseUtility::create_from_sqlfile(sql_file, database_file);
-    } catch (const std::exception& e) {
-        throw ToolError(kExitError, e.what());
+    // The same file format and messages as the library's SQL loader, run
+    // in one transaction: a failing line leaves the database as it was.
+    std::ifstream in(sql_file);
+    if (!in.is_open())
+        throw ToolError(kExitError, "Unable to open sql file for reading " + sql_file + ": " +
+                                        std::strerror(errno));
+    tessdb1::Connection* raw = nullptr;
+    if (tessdb1::newConnection(database_file.c_str(), 0, &raw) != 0)
+        throw ToolError(kExitError, "Unable to open datastore file " + database_file);
+    const std::unique_ptr<tessdb1::Connection> connection(raw);
+    if (connection->issueCommand("BEGIN IMMEDIATE;") != 0)
+        throw ToolError(kExitError, "Unable to open datastore file " + database_file + ": " +
+                                        connection->lastError());
+    size_t number = 0;
+    for (std::string line; std::getline(in, line, '\n');) {
+        ++number;
+        if (vesk::str::stripws(line).empty()) continue;
+        if (connection->issueCommand(line.c_str()) != 0) {
+            const std::string reason = connection->lastError();
+            connection->issueCommand("ROLLBACK;");
+            throw ToolError(kExitError, "SQL command error: " + line + " (" + sql_file + ":" +
+                                            std::to_string(number) + ": " + reason +
+                                            "; nothing of the file was applied)");
+        }
     }
+    if (in.bad())
+        throw ToolError(kExitError, "cannot read " + sql_file + ": " + std::strerror(errno));
+    if (connection->issueCommand("COMMIT;") != 0)
+        throw ToolError(kExitError, "cannot commit " + sql_file + " into " + database_file + ": " +
+                                        connection->lastError());
     return kExitOk;
 }
 
@@ -140,7 +182,9 @@ int cmd_collect(const GlobalOptions& global, const CollectOptions& options) {
         if (options.providers.size() != 1)
             throw ToolError(kExitError, "a command after \"--\" needs exactly one --provider NAME");
         if (!valid_provider_name(options.providers[0]))
-            throw ToolError(kExitError, "invalid provider name \"" + options.providers[0] + "\"");
+            throw ToolError(kExitError, "provider: \"" + options.providers[0] + "\" is not 1 to " +
+                                            std::to_string(vesk::datastore::max_provider_size) +
+                                            " letters, digits and \"._:+-\"");
         ProviderCommand provider;
         provider.name = options.providers[0];
         provider.argv = options.command;
@@ -165,12 +209,21 @@ int cmd_collect(const GlobalOptions& global, const CollectOptions& options) {
         }
         if (options.providers.empty()) providers = all;
     }
-    if (!options.option_id.empty()) check_name("option id", options.option_id, 64);
+    if (!options.option_id.empty())
+        check_name("option id", options.option_id, size_t(vesk::datastore::max_option_id_size),
+                   "max_option_id_size");
     if (providers.empty()) throw ToolError(kExitError, "no provider to run");
     if (options.timeout > 0)
         for (auto& provider : providers) provider.timeout = options.timeout;
 
-    auto store = open_store(global);
+    const std::string host = this_host();
+    const std::string user = this_user();
+    if (const std::string problem =
+            name_problem(host, size_t(vesk::datastore::max_hostname_size), "max_hostname_size");
+        !problem.empty())
+        throw ToolError(kExitError, "Hostname: this host's name \"" + host + "\" " + problem);
+
+    auto store = open_store(global, Access::write);
     // One time stamp for the whole run, later than every run stored.
     const int64_t run = std::max(now_microseconds(), store->last_run() + 1);
     timeval run_tv{};
@@ -191,8 +244,6 @@ int cmd_collect(const GlobalOptions& global, const CollectOptions& options) {
     const auto results = run_providers(providers, options.jobs, size_t(64) << 20, show);
     progress.clear();
 
-    const std::string host = this_host();
-    const std::string user = this_user();
     std::vector<InsertRecord> records;
     for (const auto& r : results) {
         InsertRecord record;
@@ -205,7 +256,7 @@ int cmd_collect(const GlobalOptions& global, const CollectOptions& options) {
         h.timestamp = r.start;
         h.duration = r.duration;
         h.version = 1;
-        h.username = user;
+        h.username = user.substr(0, size_t(vesk::datastore::max_username_size));
         h.unique_timestamp = run;
         record.option_id = r.option_id;
         // Both texts share one encoding: base64 when either is not UTF-8.
@@ -243,21 +294,69 @@ int cmd_collect(const GlobalOptions& global, const CollectOptions& options) {
                                 (results.size() == 1 ? " row" : " rows") + " stored\n";
     print_result(global.format, Json{{"host", host}, {"unique_timestamp", run}, {"rows", list}},
                  table, heading, "exit");
-    return kExitOk;
+    // A health check scripts on this: any provider that did not exit 0.
+    const bool all_passed = std::all_of(results.begin(), results.end(),
+                                        [](const ProviderResult& r) { return r.exit_status == 0; });
+    return all_passed ? kExitOk : kExitNothing;
 }
 
 // ---- rows ----
 
+void sort_rows(std::vector<Row>& rows) {
+    std::sort(rows.begin(), rows.end(), [](const Row& a, const Row& b) {
+        return std::tie(a.Provider, a.Hostname, a.OptionID, a.Unique_timestamp, a.rowid) <
+               std::tie(b.Provider, b.Hostname, b.OptionID, b.Unique_timestamp, b.rowid);
+    });
+}
+
 namespace {
+
+// The columns of a printed row, in every format.
+const std::vector<std::string> kRowColumns = {
+    "rowid",       "Provider",  "Hostname", "num_nodes", "node_names",
+    "Exit_status", "Timestamp", "Duration", "Encoding",  "STDOUT",
+    "STDERR",      "OptionID",  "version",  "Username",  "Unique_timestamp"};
+
+std::string join_nodes(const std::vector<std::string>& names) {
+    std::string text;
+    for (size_t i = 0; i < names.size(); ++i) text += (i ? "," : "") + names[i];
+    return text;
+}
+
+// A row's cells under kRowColumns; the texts as stored.
+std::vector<std::string> row_cells(const Row& row) {
+    return {std::to_string(row.rowid),
+            row.Provider,
+            row.Hostname,
+            std::to_string(row.num_nodes),
+            join_nodes(row.node_names),
+            std::to_string(row.Exit_status),
+            std::to_string(row.Timestamp),
+            format_seconds(row.Duration),
+            std::to_string(row.Encoding),
+            row.STDOUT,
+            row.STDERR,
+            row.OptionID,
+            std::to_string(row.version),
+            row.Username,
+            std::to_string(row.Unique_timestamp)};
+}
+
+// Indexes of the columns a table shows: all but the two output texts.
+bool table_column(size_t index) {
+    return kRowColumns[index] != "STDOUT" && kRowColumns[index] != "STDERR";
+}
 
 void print_outputs(const std::vector<Row>& rows, const Style& style) {
     for (const auto& row : rows) {
         std::cout << "\n"
-                  << style.cyan() << "=== " << row.Provider << " on " << row.Hostname
-                  << (row.OptionID.empty() ? "" : " [" + row.OptionID + "]") << ", row "
-                  << row.rowid << ", exit " << row.Exit_status << style.reset() << "\n";
-        const std::string out = decode_output(row.STDOUT, row.Encoding);
-        const std::string err = decode_output(row.STDERR, row.Encoding);
+                  << style.cyan() << "=== "
+                  << terminal_safe(row.Provider + " on " + row.Hostname +
+                                       (row.OptionID.empty() ? "" : " [" + row.OptionID + "]"),
+                                   false)
+                  << ", row " << row.rowid << ", exit " << row.Exit_status << style.reset() << "\n";
+        const std::string out = terminal_safe(decode_output(row.STDOUT, row.Encoding), true);
+        const std::string err = terminal_safe(decode_output(row.STDERR, row.Encoding), true);
         std::cout << out << (out.empty() || out.back() == '\n' ? "" : "\n");
         if (!err.empty()) {
             std::cout << style.red() << "--- stderr" << style.reset() << "\n"
@@ -268,63 +367,96 @@ void print_outputs(const std::vector<Row>& rows, const Style& style) {
 
 }  // namespace
 
-int print_rows(const GlobalOptions& global, std::vector<Row> rows, bool show_output) {
-    sort_rows(rows);
+int print_rows(const GlobalOptions& global, const RowSource& source, bool show_output,
+               bool say_when_empty) {
+    size_t count = 0;
     if (global.format == Format::json) {
-        Json list = Json::array();
-        for (const auto& row : rows) {
-            Json j = row_to_json(row);
-            if (show_output) {
-                j["stdout_text"] = decode_output(row.STDOUT, row.Encoding);
-                j["stderr_text"] = decode_output(row.STDERR, row.Encoding);
+        // One array, written element by element.
+        source([&](const std::vector<Row>& rows) {
+            for (const auto& row : rows) {
+                Json j = row_to_json(row);
+                if (show_output) {
+                    j["stdout_text"] = decode_output(row.STDOUT, row.Encoding);
+                    j["stderr_text"] = decode_output(row.STDERR, row.Encoding);
+                }
+                std::string text = j.dump(2, ' ', false, Json::error_handler_t::replace);
+                // Indented one level inside the array.
+                for (size_t at = text.find('\n'); at != std::string::npos;
+                     at = text.find('\n', at + 3))
+                    text.replace(at, 1, "\n  ");
+                std::cout << (count++ ? ",\n  " : "[\n  ") << text;
             }
-            list.push_back(std::move(j));
-        }
-        print_json(std::cout, list);
-        return kExitOk;
-    }
-    Table table{{"rowid", "provider", "host", "option", "exit", "start", "duration", "run"}, {}};
-    if (global.format == Format::csv) {
-        table.columns = {"rowid", "provider", "host",     "option",
-                         "exit",  "start",    "duration", "unique_timestamp"};
+            check_stdout();
+        });
+        std::cout << (count ? "\n]\n" : "[]\n");
+    } else if (global.format == Format::csv) {
+        std::vector<std::string> columns = kRowColumns;
         if (show_output) {
-            table.columns.push_back("stdout");
-            table.columns.push_back("stderr");
+            columns.push_back("stdout_text");
+            columns.push_back("stderr_text");
         }
-    }
-    for (const auto& row : rows) {
-        std::vector<std::string> cells = {std::to_string(row.rowid), row.Provider, row.Hostname,
-                                          row.OptionID, std::to_string(row.Exit_status)};
-        if (global.format == Format::csv) {
-            cells.push_back(std::to_string(row.Timestamp));
-            cells.push_back(format_seconds(row.Duration));
-            cells.push_back(std::to_string(row.Unique_timestamp));
-            if (show_output) {
-                cells.push_back(decode_output(row.STDOUT, row.Encoding));
-                cells.push_back(decode_output(row.STDERR, row.Encoding));
+        print_csv(std::cout, Table{columns, {}});
+        source([&](const std::vector<Row>& rows) {
+            Table part{{}, {}};
+            for (const auto& row : rows) {
+                auto cells = row_cells(row);
+                if (show_output) {
+                    cells.push_back(decode_output(row.STDOUT, row.Encoding));
+                    cells.push_back(decode_output(row.STDERR, row.Encoding));
+                }
+                part.rows.push_back(std::move(cells));
+                ++count;
             }
-        } else {
-            cells.push_back(format_time(row.Timestamp));
-            cells.push_back(format_seconds(row.Duration));
-            cells.push_back(std::to_string(row.Unique_timestamp));
-        }
-        table.rows.push_back(std::move(cells));
-    }
-    if (global.format == Format::csv) {
-        print_csv(std::cout, table);
+            print_csv_rows(std::cout, part);
+            check_stdout();
+        });
     } else {
-        const Style style = stdout_style();
-        print_table(std::cout, table, style, "exit");
-        if (show_output) print_outputs(rows, style);
+        Table header;
+        for (size_t c = 0; c < kRowColumns.size(); ++c)
+            if (table_column(c)) header.columns.push_back(kRowColumns[c]);
+        auto table_cells = [](const Row& row) {
+            const auto all = row_cells(row);
+            std::vector<std::string> cells;
+            for (size_t c = 0; c < all.size(); ++c)
+                if (table_column(c)) cells.push_back(all[c]);
+            return cells;
+        };
+        // First pass: the widths.
+        TableWidths widths(header);
+        source([&](const std::vector<Row>& rows) {
+            for (const auto& row : rows) widths.add(table_cells(row));
+            count += rows.size();
+        });
+        if (count > 0) {
+            const Style style = stdout_style();
+            widths.print_header(std::cout, style);
+            source([&](const std::vector<Row>& rows) {
+                for (const auto& row : rows)
+                    widths.print_row(std::cout, table_cells(row), style, "Exit_status");
+                check_stdout();
+            });
+            if (show_output)
+                source([&](const std::vector<Row>& rows) {
+                    print_outputs(rows, style);
+                    check_stdout();
+                });
+        }
+    }
+    if (count == 0) {
+        if (say_when_empty) diag() << "vesk-datastore: no rows found\n";
+        return kExitNothing;
     }
     return kExitOk;
 }
 
 int cmd_rows(const GlobalOptions& global, const RowsOptions& options) {
-    for (const auto& p : options.providers) check_name("provider name", p, 64);
-    for (const auto& h : options.hosts) check_name("host name", h, 256);
-    auto store = open_store(global);
-    const auto stored = store->provider_names();
+    for (const auto& p : options.providers)
+        check_name("provider name", p, size_t(vesk::datastore::max_provider_size),
+                   "max_provider_size");
+    for (const auto& h : options.hosts)
+        check_name("host name", h, size_t(vesk::datastore::max_hostname_size), "max_hostname_size");
+    auto store = open_store(global, Access::read);
+    const auto stored = store->queryable_provider_names();
 
     std::vector<std::string> providers;
     bool reported = false;
@@ -337,23 +469,25 @@ int cmd_rows(const GlobalOptions& global, const RowsOptions& options) {
         }
     }
     if (options.providers.empty()) providers = stored;
-    if (providers.empty()) {
-        // Unknown providers were named already; one message is enough.
-        if (!reported) diag() << "vesk-datastore: no rows found\n";
-        return kExitNothing;
-    }
+    std::sort(providers.begin(), providers.end());
+    providers.erase(std::unique(providers.begin(), providers.end()), providers.end());
 
-    std::vector<Row> rows;
-    if (options.latest) {
-        vesk::datastore::get_latest_rows_provider_hosts_data(providers, rows, options.hosts, false);
-    } else {
-        vesk::datastore::select_provider_data(providers, rows, hosts_filter(options.hosts), false);
-    }
-    if (rows.empty()) {
-        diag() << "vesk-datastore: no rows found\n";
-        return kExitNothing;
-    }
-    return print_rows(global, std::move(rows), options.show_output);
+    // One provider at a time keeps memory bounded by the largest provider.
+    const std::string filter = hosts_filter(options.hosts);
+    const RowSource source = [&](const auto& sink) {
+        for (const auto& provider : providers) {
+            std::vector<Row> rows;
+            if (options.latest)
+                vesk::datastore::get_latest_rows_provider_hosts_data({provider}, rows,
+                                                                     options.hosts, false);
+            else
+                vesk::datastore::select_provider_data({provider}, rows, filter, false);
+            sort_rows(rows);
+            sink(rows);
+        }
+    };
+    // Unknown providers were named already; one message is enough.
+    return print_rows(global, source, options.show_output, !(reported && providers.empty()));
 }
 
 // ---- hosts, providers ----
@@ -362,7 +496,7 @@ namespace {
 
 // Counts of what is stored, grouped by the provider (by_provider) or host.
 int print_summary(const GlobalOptions& global, bool by_provider) {
-    auto store = open_store(global);
+    auto store = open_store(global, Access::read);
     struct Group {
         std::set<std::string> others;
         int64_t rows = 0;
@@ -375,22 +509,23 @@ int print_summary(const GlobalOptions& global, bool by_provider) {
         g.rows += s.rows;
         g.latest_run = std::max(g.latest_run, s.latest_run);
     }
-    if (groups.empty()) {
-        diag() << "vesk-datastore: nothing stored\n";
-        return kExitNothing;
-    }
     const std::string key = by_provider ? "provider" : "host";
     const std::string other = by_provider ? "hosts" : "providers";
-    Table table{{key, other, "rows", "latest_run"}, {}};
+    Table table{{key, other, "rows", "latest_run", "latest_run_time"}, {}};
     Json list = Json::array();
     for (const auto& [name, g] : groups) {
         table.rows.push_back({name, std::to_string(g.others.size()), std::to_string(g.rows),
-                              global.format == Format::csv ? std::to_string(g.latest_run)
-                                                           : format_run(g.latest_run)});
+                              std::to_string(g.latest_run), format_run(g.latest_run)});
         list.push_back({{key, name},
                         {other, g.others.size()},
                         {"rows", g.rows},
-                        {"latest_run", g.latest_run}});
+                        {"latest_run", g.latest_run},
+                        {"latest_run_time", format_run(g.latest_run)}});
+    }
+    if (groups.empty()) {
+        if (global.format != Format::table) print_result(global.format, list, table);
+        diag() << "vesk-datastore: nothing stored\n";
+        return kExitNothing;
     }
     print_result(global.format, list, table);
     return kExitOk;

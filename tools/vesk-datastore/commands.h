@@ -35,7 +35,8 @@ struct RowsOptions {
 };
 
 int cmd_collect(const GlobalOptions& global, const CollectOptions& options);
-int cmd_import(const GlobalOptions& global, const std::string& file, size_t batch_size);
+int cmd_import(const GlobalOptions& global, const std::string& file, size_t batch_size,
+               bool allow_duplicates);
 int cmd_export(const GlobalOptions& global, const RowsOptions& options);
 int cmd_rows(const GlobalOptions& global, const RowsOptions& options);
 int cmd_hosts(const GlobalOptions& global);
@@ -49,5 +50,8 @@ int cmd_snapshot_diff(const GlobalOptions& global, const std::string& name,
 int cmd_sql(const std::string& sql_file, const std::string& database_file);
 int cmd_config_show(const GlobalOptions& global);
 int cmd_config_check(const GlobalOptions& global, const std::string& file);
+// SQLite's integrity check of each selected SQLite datastore: kExitOk when
+// all are sound, kExitError otherwise.
+int cmd_check(const GlobalOptions& global);
 
 }  // namespace vesk::tool

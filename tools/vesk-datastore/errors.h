@@ -19,11 +19,17 @@ enum ExitCode : int {
 // with `code`.
 class ToolError : public std::runtime_error {
 public:
-    ToolError(int code, const std::string& message, bool datastore_failure = false)
-        : std::runtime_error(message), code(code), datastore_failure(datastore_failure) {}
+    ToolError(int code, const std::string& message, bool datastore_failure = false,
+              bool open_failure = false)
+        : std::runtime_error(message),
+          code(code),
+          datastore_failure(datastore_failure),
+          open_failure(open_failure) {}
     int code;
     // A datastore refused or failed: its own messages tell why (see -v).
     bool datastore_failure;
+    // A datastore could not be opened: its own message replaces `what`.
+    bool open_failure;
 };
 
 // The tool's own standard error. main points std::cerr, which the library's

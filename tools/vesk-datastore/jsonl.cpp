@@ -2,6 +2,7 @@
 
 #include <cmath>
 #include <cstring>
+#include <stdexcept>
 #include <string_view>
 
 #include <nlohmann/json.hpp>
@@ -10,6 +11,7 @@
 #include "vesk/str.h"
 
 #include "codec.h"
+#include "jsonl_paths.h"
 #include "output.h"
 
 namespace vesk::tool {
@@ -312,11 +314,14 @@ private:
         } else {
             while (p_ < end_ && *p_ >= '0' && *p_ <= '9') ++p_;
         }
+        bool integral = true;
         if (take('.')) {
+            integral = false;
             if (p_ == end_ || *p_ < '0' || *p_ > '9') return false;
             while (p_ < end_ && *p_ >= '0' && *p_ <= '9') ++p_;
         }
         if (p_ < end_ && (*p_ == 'e' || *p_ == 'E')) {
+            integral = false;
             ++p_;
             if (p_ < end_ && (*p_ == '+' || *p_ == '-')) ++p_;
             if (p_ == end_ || *p_ < '0' || *p_ > '9') return false;
@@ -324,6 +329,8 @@ private:
         }
         const std::string text(start, size_t(p_ - start));
         out = std::strtod(text.c_str(), nullptr);
+        // The general path reads "-0" as the integer 0, so as +0.0.
+        if (integral && out == 0) out = 0.0;
         return std::isfinite(out);
     }
     // An array of strings; text joined by "," takes the general path.
@@ -351,19 +358,32 @@ private:
 // The general path: any JSON, with precise messages for what is wrong.
 bool parse_with_dom(const std::string& line, vesk::datastore::InsertRecord& record, Seen& seen,
                     std::string& error) {
+    // The JSON reader takes a NUL byte for the end of the text, so a line
+    // with one would be read only up to it.
+    if (const auto nul = line.find('\0'); nul != std::string::npos) {
+        error = "NUL byte at column " + std::to_string(nul + 1);
+        return false;
+    }
     json object = json::parse(line, nullptr, false);
     if (object.is_discarded()) {
-        // Parse again to learn where and why: the error path only.
+        // Parse again to learn where and why: the error path only. Every
+        // exception of the reader is caught here (a number out of range is
+        // not a parse_error), as this runs on the parser threads.
         try {
             const json again = json::parse(line);
             (void)again;
-        } catch (const json::parse_error& e) {
+        } catch (const json::exception& e) {
             error = e.what();
-            const std::string prefix = "[json.exception.parse_error.101] ";
-            if (error.rfind(prefix, 0) == 0) error = error.substr(prefix.size());
+            if (error.rfind("[json.exception.", 0) == 0) {
+                const auto close = error.find("] ");
+                if (close != std::string::npos) error = error.substr(close + 2);
+            }
             // The text is one line: "at line 1, column 5" says only the column.
             const std::string where = "parse error at line 1, ";
             if (error.rfind(where, 0) == 0) error = "invalid JSON at " + error.substr(where.size());
+            return false;
+        } catch (const std::exception& e) {
+            error = std::string("invalid JSON: ") + e.what();
             return false;
         }
         error = "not valid JSON";
@@ -377,7 +397,10 @@ bool parse_with_dom(const std::string& line, vesk::datastore::InsertRecord& reco
     record = vesk::datastore::InsertRecord{};
     seen = Seen{};
     auto& h = record.header;
-    for (auto& [key, value] : object.items()) {
+    for (auto& item : object.items()) {
+        // (Not a structured binding: clang cannot capture one in the lambda.)
+        const std::string& key = item.key();
+        json& value = item.value();
         auto wrong = [&](const char* expected) {
             error = "\"" + key + "\" must be " + expected;
             return false;
@@ -456,9 +479,27 @@ bool parse_with_dom(const std::string& line, vesk::datastore::InsertRecord& reco
 
 bool parse_row_line(const std::string& line, int64_t default_run,
                     vesk::datastore::InsertRecord& record, std::string& error) {
+    return detail::parse_row_line_by(detail::JsonPath::automatic, line, default_run, record, error);
+}
+
+namespace detail {
+
+bool parse_row_line_by(JsonPath path, const std::string& line, int64_t default_run,
+                       vesk::datastore::InsertRecord& record, std::string& error) {
     Seen seen;
-    if (!FastParser(line, record, seen).parse() && !parse_with_dom(line, record, seen, error))
+    bool parsed = false;
+    try {
+        if (path != JsonPath::validating_only) parsed = FastParser(line, record, seen).parse();
+        if (!parsed && path == JsonPath::fast_only) {
+            error = "not taken by the fast path";
+            return false;
+        }
+        if (!parsed && !parse_with_dom(line, record, seen, error)) return false;
+    } catch (const std::exception& e) {
+        // Nothing of a line may end the process: this runs on a parser thread.
+        error = std::string("cannot read the line: ") + e.what();
         return false;
+    }
     auto& h = record.header;
     if (h.provider.empty()) {
         error = "\"Provider\" is missing or empty";
@@ -483,6 +524,8 @@ bool parse_row_line(const std::string& line, int64_t default_run,
     if (!seen.nodes) h.num_nodes = int32_t(h.node_names.size());
     return true;
 }
+
+}  // namespace detail
 
 std::string row_to_line(const vesk::datastore::Row& row) {
     return row_to_json(row).dump(-1, ' ', false, Json::error_handler_t::replace);

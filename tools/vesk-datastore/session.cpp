@@ -1,13 +1,18 @@
 #include "session.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <iostream>
+#include <pwd.h>
 #include <sys/time.h>
 #include <unistd.h>
 
+#include "vesk/datastore/parameter_pack.h"
+#include "vesk/datastore/vocabulary.h"
 #include "vesk/str.h"
 
 #include "errors.h"
+#include "validate.h"
 
 namespace vesk::tool {
 
@@ -21,6 +26,7 @@ void set_diag(std::ostream* stream) { g_diag = stream; }
 std::vector<vesk::datastore::DataStoreConfig> selected_configs(const GlobalOptions& global) {
     const std::string path =
         global.config_file.empty() ? default_config_path() : global.config_file;
+    if (global.verbose) diag() << "vesk-datastore: configuration " << path << "\n";
     auto configs = read_config_file(path);
     if (global.datastores.empty()) return configs;
     std::vector<vesk::datastore::DataStoreConfig> chosen;
@@ -35,21 +41,62 @@ std::vector<vesk::datastore::DataStoreConfig> selected_configs(const GlobalOptio
     return chosen;
 }
 
-std::unique_ptr<Store> open_store(const GlobalOptions& global) {
-    return std::make_unique<Store>(selected_configs(global));
+namespace {
+std::vector<std::string> g_files;
+}  // namespace
+
+const std::vector<std::string>& opened_files() { return g_files; }
+
+std::string datastore_file(const vesk::datastore::DataStoreConfig& config) {
+    if (config.type != vesk::datastore::sqlite3) return "";
+    std::string source = vesk::datastore::DEFAULT_DATA_SOURCE;
+    bool read_only = false;
+    if (!parse_sqlite_params(config.source_parameters, source, read_only)) return "";
+    source = vesk::str::stripws(source);
+    if (source.size() >= 2 && source.front() == '"' && source.back() == '"')
+        source = source.substr(1, source.size() - 2);
+    const std::string path = vesk::str::wordexp(source);
+    if (path.empty() || path == ":memory:" || path.rfind("file:", 0) == 0) return "";
+    return path;
 }
 
-void check_name(const std::string& what, const std::string& value, size_t max) {
-    if (vesk::str::stripws(value).empty()) throw ToolError(kExitError, what + " must not be empty");
-    if (value.size() > max)
-        throw ToolError(kExitError, what + " \"" + value + "\" is longer than " +
-                                        std::to_string(max) + " bytes");
-    for (unsigned char c : value)
-        if (c == '\'' || c == '"' || c == '\\' || c < 0x20 || c == 0x7f)
-            throw ToolError(kExitError, what + " \"" + value +
-                                            "\" contains a character that is "
-                                            "not allowed (quote, backslash or "
-                                            "control character)");
+void settle_home() {
+    const char* home = std::getenv("HOME");
+    if (home != nullptr && *home != '\0') return;
+    const passwd* pw = ::getpwuid(::geteuid());
+    if (pw != nullptr && pw->pw_dir != nullptr && pw->pw_dir[0] == '/')
+        ::setenv("HOME", pw->pw_dir, 1);
+}
+
+std::unique_ptr<Store> open_store(const GlobalOptions& global, Access access) {
+    auto configs = selected_configs(global);
+    const char* home = std::getenv("HOME");
+    g_files.clear();
+    for (const auto& config : configs) {
+        if ((home == nullptr || *home == '\0') &&
+            config.source_parameters.find("$HOME") != std::string::npos)
+            throw ToolError(kExitError, "datastore \"" + config.instance_name +
+                                            "\" lives under $HOME, but HOME is not set and the "
+                                            "password database names no home directory; set "
+                                            "HOME or give the datastore an absolute path");
+        const std::string file = datastore_file(config);
+        if (file.empty()) continue;
+        g_files.push_back(file);
+        if (global.verbose)
+            diag() << "vesk-datastore: datastore \"" << config.instance_name << "\": " << file
+                   << "\n";
+        if (access == Access::read && ::access(file.c_str(), F_OK) != 0)
+            throw ToolError(kExitError, "no datastore at " + file +
+                                            " (nothing was stored yet; `vesk-datastore collect` "
+                                            "or `import` creates it)");
+    }
+    return std::make_unique<Store>(std::move(configs));
+}
+
+void check_name(const std::string& what, const std::string& value, size_t max,
+                const std::string& limit) {
+    const std::string problem = name_problem(value, max, limit);
+    if (!problem.empty()) throw ToolError(kExitError, what + " \"" + value + "\" " + problem);
 }
 
 std::string hosts_filter(const std::vector<std::string>& hosts) {

@@ -4,6 +4,7 @@
 // inside SQL text.
 
 #include <chrono>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -17,13 +18,32 @@ namespace vesk::tool {
 // to the --datastore names. Throws ToolError (exit 2).
 std::vector<vesk::datastore::DataStoreConfig> selected_configs(const GlobalOptions& global);
 
-// Opens the selected datastores.
-std::unique_ptr<Store> open_store(const GlobalOptions& global);
+// What a command does with the datastores: a reading command never creates
+// one.
+enum class Access { read, write };
+
+// Opens the selected datastores. For Access::read, throws ToolError (exit
+// 2, "no datastore at <file>") when an SQLite datastore's file is missing.
+std::unique_ptr<Store> open_store(const GlobalOptions& global, Access access);
+
+// The file of an SQLite datastore as its extension reads the parameters
+// ("source", blanks and quotes removed, variables expanded); "" for other
+// types and in-memory databases.
+std::string datastore_file(const vesk::datastore::DataStoreConfig& config);
+
+// The files of the datastores opened by open_store, for messages.
+const std::vector<std::string>& opened_files();
+
+// Sets HOME from the password database when it is unset or empty, so that
+// "$HOME" in a datastore path never becomes the root folder. Leaves it
+// unset when there is no home directory either (open_store then refuses).
+void settle_home();
 
 // Throws ToolError (exit 2) unless `value` is usable as a provider, host or
-// snapshot name: no quote, no control character, not blank, at most `max`
-// bytes. The datastore places such names into SQL text as they stand.
-void check_name(const std::string& what, const std::string& value, size_t max);
+// snapshot name (see name_problem). The datastore places such names into
+// SQL text as they stand.
+void check_name(const std::string& what, const std::string& value, size_t max,
+                const std::string& limit);
 
 // An SQL condition that keeps the rows of `hosts` (names that passed
 // check_name), or "" (every row) when `hosts` is empty.
@@ -50,10 +70,23 @@ private:
     std::chrono::steady_clock::time_point last_{};
 };
 
-// Prints rows in the chosen format, ordered by provider, host, option and
-// run; `show_output` adds the decoded outputs. Returns kExitOk.
-int print_rows(const GlobalOptions& global, std::vector<vesk::datastore::Row> rows,
-               bool show_output);
+// Hands the rows of a command to `sink` one provider at a time, each part
+// ordered by host, option, run and row number; called once per output pass.
+using RowSource =
+    std::function<void(const std::function<void(const std::vector<vesk::datastore::Row>&)>& sink)>;
+
+// Prints the rows of `source` in the chosen format as a stream, one part at
+// a time (a table reads the source twice: widths first); `show_output` adds
+// the decoded outputs. Every format has the same columns: those of the
+// provider table (a table leaves the two output texts to --show-output).
+// An empty answer prints "[]" in JSON and the header in CSV, and "no rows
+// found" on standard error unless `say_when_empty` is false. Returns kExitOk,
+// or kExitNothing when empty.
+int print_rows(const GlobalOptions& global, const RowSource& source, bool show_output,
+               bool say_when_empty = true);
+
+// Sorts one provider's rows by host, option, run and row number.
+void sort_rows(std::vector<vesk::datastore::Row>& rows);
 
 // Microseconds since the epoch, now.
 int64_t now_microseconds();

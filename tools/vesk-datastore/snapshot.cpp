@@ -13,6 +13,7 @@
 #include "errors.h"
 #include "session.h"
 #include "textdiff.h"
+#include "validate.h"
 
 namespace vesk::tool {
 
@@ -25,11 +26,10 @@ bool has_snapshot(const vesk::datastore::SnapshotInfoSet& known, const std::stri
     return known.count(vesk::datastore::SnapshotInfo{name, 0}) > 0;
 }
 
-// The rows recorded under snapshot `name`, for every stored provider.
-std::vector<Row> snapshot_rows(Store& store, const std::string& name) {
+// The rows recorded under snapshot `name` for `providers`.
+std::vector<Row> snapshot_rows(const std::string& name, const std::vector<std::string>& providers) {
     std::map<std::string, std::vector<Row>> rows_by_provider;
     std::map<std::string, std::vector<vesk::datastore::Row_baseline>> baselines;
-    const auto providers = store.provider_names();
     std::vector<Row> rows;
     if (providers.empty()) return rows;
     if (!vesk::datastore::get_snapshot_provider_data(name, rows_by_provider, baselines, providers,
@@ -40,23 +40,34 @@ std::vector<Row> snapshot_rows(Store& store, const std::string& name) {
     return rows;
 }
 
+// The same for every provider the queries can name.
+std::vector<Row> snapshot_rows(Store& store, const std::string& name) {
+    return snapshot_rows(name, store.queryable_provider_names());
+}
+
+// A missing snapshot is an error, never "a difference".
+ToolError no_snapshot(const std::string& name) {
+    return ToolError(kExitError, "no snapshot named \"" + name +
+                                     "\" (`vesk-datastore snapshot list` shows the snapshots)");
+}
+
 void require_snapshot(Store& store, const std::string& name) {
-    if (!has_snapshot(store.snapshots(), name))
-        throw ToolError(kExitNothing, "no snapshot named \"" + name + "\"");
+    if (!has_snapshot(store.snapshots(), name)) throw no_snapshot(name);
 }
 
 }  // namespace
 
 int cmd_snapshot_create(const GlobalOptions& global, const std::string& name) {
-    check_name("snapshot name", name, 256);
-    auto store = open_store(global);
+    check_name("snapshot name", name, kMaxSnapshotNameSize, "the snapshot name limit");
+    auto store = open_store(global, Access::read);
     if (has_snapshot(store->snapshots(), name))
         throw ToolError(kExitError, "snapshot \"" + name + "\" exists already");
 
     // Every stored provider takes part; the library fills in the row ids
     // of the latest run.
     std::map<std::string, vesk::datastore::ProviderInfo> providers;
-    for (const auto& provider : store->provider_names()) providers[provider].name = provider;
+    for (const auto& provider : store->queryable_provider_names())
+        providers[provider].name = provider;
     if (providers.empty()) {
         diag() << "vesk-datastore: nothing stored to take a snapshot of\n";
         return kExitNothing;
@@ -85,43 +96,50 @@ int cmd_snapshot_create(const GlobalOptions& global, const std::string& name) {
 }
 
 int cmd_snapshot_list(const GlobalOptions& global) {
-    auto store = open_store(global);
+    auto store = open_store(global, Access::read);
     const auto known = store->snapshots();
-    if (known.empty()) {
-        diag() << "vesk-datastore: no snapshots\n";
-        return kExitNothing;
-    }
-    Table table{{"snapshot", "rows", "run"}, {}};
+    const auto providers = store->queryable_provider_names();
+    Table table{{"snapshot", "rows", "run", "run_time"}, {}};
     Json list = Json::array();
     for (const auto& info : known) {
-        const size_t rows = snapshot_rows(*store, info.baseline_id).size();
+        size_t rows = 0;
+        for (const auto& provider : providers)
+            rows += snapshot_rows(info.baseline_id, {provider}).size();
         table.rows.push_back({info.baseline_id, std::to_string(rows),
-                              global.format == Format::csv
-                                  ? std::to_string(info.latest_unique_timestamp)
-                                  : format_run(info.latest_unique_timestamp)});
+                              std::to_string(info.latest_unique_timestamp),
+                              format_run(info.latest_unique_timestamp)});
         list.push_back({{"snapshot", info.baseline_id},
                         {"rows", rows},
-                        {"run", info.latest_unique_timestamp}});
+                        {"run", info.latest_unique_timestamp},
+                        {"run_time", format_run(info.latest_unique_timestamp)}});
+    }
+    if (known.empty()) {
+        if (global.format != Format::table) print_result(global.format, list, table);
+        diag() << "vesk-datastore: no snapshots\n";
+        return kExitNothing;
     }
     print_result(global.format, list, table);
     return kExitOk;
 }
 
 int cmd_snapshot_show(const GlobalOptions& global, const std::string& name, bool show_output) {
-    check_name("snapshot name", name, 256);
-    auto store = open_store(global);
+    check_name("snapshot name", name, kMaxSnapshotNameSize, "the snapshot name limit");
+    auto store = open_store(global, Access::read);
     require_snapshot(*store, name);
-    auto rows = snapshot_rows(*store, name);
-    if (rows.empty()) {
-        diag() << "vesk-datastore: snapshot \"" << name << "\" holds no rows\n";
-        return kExitNothing;
-    }
-    return print_rows(global, std::move(rows), show_output);
+    const auto providers = store->queryable_provider_names();
+    const RowSource source = [&](const auto& sink) {
+        for (const auto& provider : providers) {
+            auto rows = snapshot_rows(name, {provider});
+            sort_rows(rows);
+            sink(rows);
+        }
+    };
+    return print_rows(global, source, show_output);
 }
 
 int cmd_snapshot_remove(const GlobalOptions& global, const std::string& name) {
-    check_name("snapshot name", name, 256);
-    auto store = open_store(global);
+    check_name("snapshot name", name, kMaxSnapshotNameSize, "the snapshot name limit");
+    auto store = open_store(global, Access::read);
     require_snapshot(*store, name);
     DataStoreParseUtility::set_snapshot_remove_str(name);
     if (!DataStoreParseUtility::remove_snapshot())
@@ -160,20 +178,20 @@ std::map<Key, Row> by_key(const std::vector<Row>& rows) {
 
 int cmd_snapshot_diff(const GlobalOptions& global, const std::string& name,
                       const std::string& other) {
-    check_name("snapshot name", name, 256);
-    if (!other.empty()) check_name("snapshot name", other, 256);
-    auto store = open_store(global);
+    check_name("snapshot name", name, kMaxSnapshotNameSize, "the snapshot name limit");
+    if (!other.empty())
+        check_name("snapshot name", other, kMaxSnapshotNameSize, "the snapshot name limit");
+    auto store = open_store(global, Access::read);
     const auto known = store->snapshots();
-    if (!has_snapshot(known, name))
-        throw ToolError(kExitNothing, "no snapshot named \"" + name + "\"");
-    if (!other.empty() && !has_snapshot(known, other))
-        throw ToolError(kExitNothing, "no snapshot named \"" + other + "\"");
+    if (!has_snapshot(known, name)) throw no_snapshot(name);
+    if (!other.empty() && !has_snapshot(known, other)) throw no_snapshot(other);
 
     const std::string left_label = name;
     const std::string right_label = other.empty() ? "latest" : other;
     const auto left = by_key(snapshot_rows(*store, name));
-    const auto right = by_key(other.empty() ? store->latest_run_rows(store->provider_names())
-                                            : snapshot_rows(*store, other));
+    const auto right =
+        by_key(other.empty() ? store->latest_run_rows(store->queryable_provider_names())
+                             : snapshot_rows(*store, other));
 
     std::set<Key> keys;
     for (const auto& [key, row] : left) keys.insert(key);
@@ -194,7 +212,8 @@ int cmd_snapshot_diff(const GlobalOptions& global, const std::string& name,
             entry["change"] = "only_in_" + std::string(r == right.end() ? "first" : "second");
             entry["only_in"] = side;
             table.rows.push_back({provider, host, option, std::string(entry["change"]), side});
-            text += style.bold() + "only in " + side + ": " + style.reset() + key_text(key) + "\n";
+            text += style.bold() + "only in " + terminal_safe(side, false) + ": " + style.reset() +
+                    terminal_safe(key_text(key), false) + "\n";
             differences.push_back(std::move(entry));
             continue;
         }
@@ -206,19 +225,25 @@ int cmd_snapshot_diff(const GlobalOptions& global, const std::string& name,
         const std::string b_err = decode_output(b.STDERR, b.Encoding);
         const bool status_changed = a.Exit_status != b.Exit_status;
         const std::string where = provider + "/" + host;
-        const std::string out_diff =
-            unified_diff(a_out, b_out, left_label + "/" + where + "/stdout",
-                         right_label + "/" + where + "/stdout");
-        const std::string err_diff =
-            unified_diff(a_err, b_err, left_label + "/" + where + "/stderr",
-                         right_label + "/" + where + "/stderr");
+        // Output that is not text is compared whole, by its sizes.
+        auto compare = [&](const std::string& a, const std::string& b, const std::string& name) {
+            if (a == b) return std::string();
+            if (!is_valid_utf8(a) || !is_valid_utf8(b))
+                return "binary output differs (" + std::to_string(a.size()) + " bytes -> " +
+                       std::to_string(b.size()) + " bytes)\n";
+            return unified_diff(a, b, left_label + "/" + where + "/" + name,
+                                right_label + "/" + where + "/" + name);
+        };
+        const std::string out_diff = compare(a_out, b_out, "stdout");
+        const std::string err_diff = compare(a_err, b_err, "stderr");
         if (!status_changed && out_diff.empty() && err_diff.empty()) {
             ++same;
             continue;
         }
         entry["change"] = "changed";
         std::string detail;
-        text += style.bold() + "changed: " + style.reset() + key_text(key) + "\n";
+        text +=
+            style.bold() + "changed: " + style.reset() + terminal_safe(key_text(key), false) + "\n";
         if (status_changed) {
             entry["exit_status"] = {a.Exit_status, b.Exit_status};
             detail = "exit status " + std::to_string(a.Exit_status) + " -> " +
@@ -231,7 +256,8 @@ int cmd_snapshot_diff(const GlobalOptions& global, const std::string& name,
             const bool is_out = diff == &out_diff;
             entry[is_out ? "stdout_diff" : "stderr_diff"] = *diff;
             detail += std::string(detail.empty() ? "" : "; ") + (is_out ? "stdout" : "stderr");
-            for (const auto& line : split_lines(*diff)) {
+            for (const auto& raw_line : split_lines(*diff)) {
+                const std::string line = terminal_safe(raw_line, false);
                 const bool header = line.rfind("---", 0) == 0 || line.rfind("+++", 0) == 0;
                 const std::string colour = header           ? style.bold()
                                            : line[0] == '-' ? style.red()

@@ -10,7 +10,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <libxml/parser.h>
 #include <libxml/tree.h>
 
 #include "vesk/datastore/interface.h"
@@ -18,9 +17,11 @@
 #include "vesk/datastore/queries.h"
 #include "vesk/datastore/sqlite_extension.h"
 #include "vesk/datastore/vocabulary.h"
+#include "vesk/log.h"
 #include "vesk/str.h"
 
 #include "errors.h"
+#include "validate.h"
 
 namespace vesk::tool {
 
@@ -104,11 +105,34 @@ private:
     std::streambuf* old_;
 };
 
-struct XmlDocFree {
-    void operator()(xmlDoc* doc) const { xmlFreeDoc(doc); }
-};
+// The last line of `text` (the library logs the cause last).
+std::string last_line(const std::string& text) {
+    const auto end = text.find_last_not_of('\n');
+    if (end == std::string::npos) return "";
+    const auto start = text.rfind('\n', end);
+    return text.substr(start == std::string::npos ? 0 : start + 1,
+                       end - (start == std::string::npos ? 0 : start + 1) + 1);
+}
 
-void silent_xml_errors(void*, xmlErrorPtr) {}
+// While it lives, the library's error log writes level 3 and below to
+// standard error (where CerrCapture takes it), whatever the settings.
+class LogToCapture {
+public:
+    LogToCapture() : level_(vesk::log::LOG_LEVEL), output_(vesk::log::LOG_OUTPUT) {
+        vesk::log::LOG_LEVEL = std::max(level_, 3);
+        vesk::log::LOG_OUTPUT = 0;
+    }
+    ~LogToCapture() {
+        vesk::log::LOG_LEVEL = level_;
+        vesk::log::LOG_OUTPUT = output_;
+    }
+    LogToCapture(const LogToCapture&) = delete;
+    LogToCapture& operator=(const LogToCapture&) = delete;
+
+private:
+    int level_;
+    int output_;
+};
 
 }  // namespace
 
@@ -126,14 +150,14 @@ std::vector<DataStoreConfig> read_config_file(const std::string& path) {
     if (::stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode))
         throw ToolError(kExitError, "cannot read configuration file " + path + ": Is a directory");
 
-    xmlSetStructuredErrorFunc(nullptr, &silent_xml_errors);
-    const std::unique_ptr<xmlDoc, XmlDocFree> doc(xmlReadFile(path.c_str(), nullptr, 0));
-    if (!doc) throw ToolError(kExitError, path + ": not a well-formed XML file");
-    xmlNode* root = xmlDocGetRootElement(doc.get());
-    if (root == nullptr) throw ToolError(kExitError, path + ": empty XML document");
-
+    // The library reads and checks every configuration document, and logs
+    // why it refuses one (level 3) before it throws its fixed message: that
+    // log line, captured here, is the cause the message starts with.
+    LogToCapture log_settings;
+    CerrCapture capture;
     std::vector<DataStoreConfig> configs;
     try {
+        xmlNode* root = DataStoreParseUtility::read_config_document(path);
         if (std::strcmp(reinterpret_cast<const char*>(root->name), "configuration") == 0) {
             // A single datastore configuration file.
             DataStoreConfig config;
@@ -144,20 +168,22 @@ std::vector<DataStoreConfig> read_config_file(const std::string& path) {
             // the walk logs mean it stopped at a bad entry.
             DataStoreConfig none;
             none.instance_name = "\x01no entry";
-            std::string logged;
-            {
-                CerrCapture capture;
-                configs = DataStoreParseUtility::parse_db_configs(root, none);
-                logged = capture.text();
-            }
-            if (!logged.empty()) throw ToolError(kExitError, path + ": " + logged);
+            configs = DataStoreParseUtility::parse_db_configs(root, none);
+            const std::string logged = last_line(capture.text());
+            if (!logged.empty()) throw ToolError(kExitError, logged + " in " + path);
             if (configs.size() == 1 && configs[0].instance_name == none.instance_name)
-                throw ToolError(kExitError, path + ": no datastore entry in the file");
+                throw ToolError(kExitError, "no datastore entry in " + path);
         }
     } catch (const ToolError&) {
         throw;
     } catch (const std::exception& e) {
-        throw ToolError(kExitError, path + ": " + e.what());
+        // "<cause> in <file> (<library's fixed text>)", the fixed text left
+        // out where the cause already says it.
+        const std::string logged = last_line(capture.text());
+        const std::string what = e.what();
+        if (logged.empty()) throw ToolError(kExitError, what + " in " + path);
+        if (logged.find(what) != std::string::npos) throw ToolError(kExitError, logged);
+        throw ToolError(kExitError, logged + " (" + what + ")");
     }
     DataStoreParseUtility::fillInVacantFields(configs);
     return configs;
@@ -168,7 +194,7 @@ Store::Store(std::vector<DataStoreConfig> configs)
     try {
         DataStoreParseUtility::insert_db_instance(configs);
     } catch (const std::exception& e) {
-        throw ToolError(kExitError, std::string("cannot open datastore: ") + e.what());
+        throw ToolError(kExitError, std::string("cannot open datastore: ") + e.what(), true, true);
     }
     if (data_names().empty())
         throw ToolError(kExitError, "no datastore of source type \"data\" is configured");
@@ -214,16 +240,117 @@ std::vector<StoredSummary> Store::summary() {
     return result;
 }
 
+std::vector<Row> Store::select_all(const std::string& query, const std::string& what) {
+    std::vector<Row> rows;
+    for (const auto& name : data_names()) {
+        SQLParameters sql{"", query, vesk::datastore::row_field_index};
+        ReadParameters request;
+        request.sql = &sql;
+        std::vector<Outcome> outcomes;
+        if (!run_ioctl({name}, vesk::datastore::OP_SELECT_PROVIDER, &request, &rows, outcomes))
+            throw datastore_error(what, outcomes);
+    }
+    return rows;
+}
+
 std::vector<std::string> Store::provider_names() {
+    // One row per provider, read from the index that starts with Provider.
+    std::set<std::string> names;
+    for (auto& row :
+         select_all("SELECT Provider FROM " + vesk::datastore::table_name + " GROUP BY Provider",
+                    "reading the stored providers"))
+        names.insert(std::move(row.Provider));
+    return {names.begin(), names.end()};
+}
+
+std::vector<std::string> Store::queryable_provider_names() {
     std::vector<std::string> names;
-    for (const auto& entry : summary())
-        if (names.empty() || names.back() != entry.provider) names.push_back(entry.provider);
+    for (auto& name : provider_names()) {
+        const std::string problem = name_problem(name, name.size(), "its own size");
+        if (problem.empty()) {
+            names.push_back(std::move(name));
+        } else if (warned_.insert(name).second) {
+            diag() << "vesk-datastore: warning: skipping the rows of provider \"" << name
+                   << "\": the name " << problem << ", and the datastore's queries cannot "
+                   << "name it\n";
+        }
+    }
     return names;
+}
+
+int64_t Store::last_rowid() {
+    // Aliased to the row's columns so that the extension maps it onto Row.
+    SQLParameters sql{"", "SELECT MAX(rowid) AS rowid FROM " + vesk::datastore::table_name,
+                      vesk::datastore::row_field_index};
+    ReadParameters request;
+    request.sql = &sql;
+    std::vector<Row> rows;
+    std::vector<Outcome> outcomes;
+    if (!run_ioctl(data_names(), vesk::datastore::OP_SELECT_PROVIDER, &request, &rows, outcomes))
+        throw datastore_error("reading the last row number", outcomes);
+    int64_t last = 0;
+    for (const auto& row : rows) last = std::max<int64_t>(last, row.rowid);
+    return last;
+}
+
+namespace {
+
+// A text as an SQL literal: quotes doubled. Callers never pass a NUL byte.
+std::string literal(const std::string& text) {
+    std::string out = "'";
+    for (char c : text) {
+        if (c == '\'') out += '\'';
+        out += c;
+    }
+    return out + "'";
+}
+
+}  // namespace
+
+std::set<Store::RowKey> Store::stored_keys(const std::vector<InsertRecord>& records,
+                                           int64_t max_rowid) {
+    std::set<RowKey> wanted;
+    for (const auto& r : records)
+        wanted.emplace(r.header.provider, r.header.hostname, r.option_id,
+                       r.header.unique_timestamp);
+    std::set<RowKey> found;
+    if (wanted.empty() || max_rowid <= 0) return found;
+    // The keys form a VALUES table joined to the provider table: SQLite
+    // looks each one up in the index on (Provider, Hostname, OptionID,
+    // Unique_timestamp) instead of scanning the table.
+    std::string query =
+        "SELECT p.rowid AS rowid, p.Provider AS Provider, p.Hostname AS Hostname, "
+        "p.OptionID AS OptionID, p.Unique_timestamp AS Unique_timestamp FROM (VALUES ";
+    bool first = true;
+    for (const auto& [provider, host, option, run] : wanted) {
+        query += first ? "(" : ",(";
+        query += literal(provider) + "," + literal(host) + "," + literal(option) + "," +
+                 std::to_string(run) + ")";
+        first = false;
+    }
+    query += ") AS k JOIN " + vesk::datastore::table_name +
+             " AS p ON p.Provider = k.column1 AND p.Hostname = k.column2 AND p.OptionID = "
+             "k.column3 AND p.Unique_timestamp = k.column4 WHERE p.rowid <= " +
+             std::to_string(max_rowid);
+    SQLParameters sql{"", query, vesk::datastore::row_field_index};
+    ReadParameters request;
+    request.sql = &sql;
+    std::vector<Row> rows;
+    std::vector<Outcome> outcomes;
+    if (!run_ioctl(data_names(), vesk::datastore::OP_SELECT_PROVIDER, &request, &rows, outcomes))
+        throw datastore_error("looking up rows already stored", outcomes);
+    for (auto& row : rows)
+        found.emplace(std::move(row.Provider), std::move(row.Hostname), std::move(row.OptionID),
+                      row.Unique_timestamp);
+    return found;
 }
 
 int64_t Store::last_run() {
     int64_t last = 0;
-    for (const auto& entry : summary()) last = std::max(last, entry.latest_run);
+    for (const auto& row : select_all(
+             "SELECT MAX(Unique_timestamp) AS Unique_timestamp FROM " + vesk::datastore::table_name,
+             "reading the latest run"))
+        last = std::max(last, row.Unique_timestamp);
     return last;
 }
 

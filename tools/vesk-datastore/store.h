@@ -6,7 +6,9 @@
 
 #include <cstdint>
 #include <memory>
+#include <set>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "vesk/datastore/controller.h"
@@ -51,8 +53,22 @@ public:
     std::vector<StoredSummary> summary();
     // Every stored provider name, sorted.
     std::vector<std::string> provider_names();
+    // The provider names that the library's queries can name: a stored name
+    // they would refuse or misread (a quote, blanks around it) is left out,
+    // with one warning on standard error naming it.
+    std::vector<std::string> queryable_provider_names();
     // The greatest Unique_timestamp stored (0 when nothing is).
     int64_t last_run();
+    // The greatest row number stored (0 when nothing is).
+    int64_t last_rowid();
+
+    // (Provider, Hostname, OptionID, Unique_timestamp) of a row.
+    using RowKey = std::tuple<std::string, std::string, std::string, int64_t>;
+    // The keys of `records` already stored in a row numbered at most
+    // `max_rowid`: one read that walks the provider table's index on these
+    // four columns. Throws ToolError (exit 2) when no datastore answers.
+    std::set<RowKey> stored_keys(const std::vector<vesk::datastore::InsertRecord>& records,
+                                 int64_t max_rowid);
 
     // Stores `records` in the first "data" datastore that accepts them:
     // the bulk-insert code when the datastore has it, one insert per row
@@ -67,8 +83,13 @@ public:
     vesk::datastore::SnapshotInfoSet snapshots();
 
 private:
+    // The rows of `query` from every "data" datastore; ToolError naming
+    // `what` when one fails.
+    std::vector<vesk::datastore::Row> select_all(const std::string& query, const std::string& what);
+
     std::shared_ptr<vesk::datastore::DataStoreController> controller_;
     bool bulk_supported_ = true;
+    std::set<std::string> warned_;  // skipped provider names already reported
 };
 
 }  // namespace vesk::tool

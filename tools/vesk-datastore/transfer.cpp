@@ -10,11 +10,13 @@
 #include <thread>
 
 #include "vesk/datastore/queries.h"
+#include "vesk/datastore/vocabulary.h"
 
 #include "commands.h"
 #include "errors.h"
 #include "jsonl.h"
 #include "session.h"
+#include "validate.h"
 
 namespace vesk::tool {
 
@@ -66,11 +68,34 @@ private:
     bool failed_ = false;
 };
 
-// A parsed batch, or the first bad line of the input.
+// A parsed batch and the line number of each of its records.
 struct Batch {
     std::vector<InsertRecord> records;
-    size_t last_line = 0;
+    std::vector<size_t> lines;
 };
+
+// "KEY" must be ... from the parser reads as KEY: must be ..., the form of
+// every refusal of a line.
+std::string field_first(const std::string& error) {
+    if (error.size() > 2 && error[0] == '"') {
+        const size_t close = error.find('"', 1);
+        if (close != std::string::npos && close + 1 < error.size() && error[close + 1] == ' ')
+            return error.substr(1, close - 1) + ": " + error.substr(close + 2);
+    }
+    return error;
+}
+
+// Why `line` cannot be stored ("" when it can), with `record` filled in.
+std::string check_line(const std::string& line, int64_t default_run, InsertRecord& record) {
+    std::string error;
+    if (!parse_row_line(line, default_run, record, error)) return field_first(error);
+    const std::string key = repeated_key(line);
+    if (!key.empty()) return key + ": the key appears twice";
+    std::string problem;
+    const std::string field = record_problem(record, problem);
+    if (!field.empty()) return field + ": " + problem;
+    return "";
+}
 
 // Batches handed from the parsing thread to the storing one; at most two
 // wait at a time, so memory stays bounded whatever the input size.
@@ -133,7 +158,8 @@ std::string with_commas(uint64_t n) {
 
 }  // namespace
 
-int cmd_import(const GlobalOptions& global, const std::string& file, size_t batch_size) {
+int cmd_import(const GlobalOptions& global, const std::string& file, size_t batch_size,
+               bool allow_duplicates) {
     if (batch_size == 0) batch_size = 1;
     std::FILE* input = stdin;
     if (file != "-") {
@@ -149,9 +175,12 @@ int cmd_import(const GlobalOptions& global, const std::string& file, size_t batc
     } closer{input};
     const std::string name = file == "-" ? "standard input" : file;
 
-    auto store = open_store(global);
+    auto store = open_store(global, Access::write);
     // Rows without a run of their own form one new run.
     const int64_t default_run = std::max(now_microseconds(), store->last_run() + 1);
+    // Rows stored before this import count as already stored; rows that
+    // this import stores itself do not, so a file keeps its own repeats.
+    const int64_t stored_before = allow_duplicates ? 0 : store->last_rowid();
 
     // Lines are parsed on a second thread while this one stores batches;
     // only this thread calls the library.
@@ -166,13 +195,14 @@ int cmd_import(const GlobalOptions& global, const std::string& file, size_t batc
             ++number;
             if (line.find_first_not_of(" \t\r") == std::string::npos) continue;
             InsertRecord record;
-            if (!parse_row_line(line, default_run, record, error)) {
-                queue.finish(name + ": line " + std::to_string(number) + ": " + error);
+            error = check_line(line, default_run, record);
+            if (!error.empty()) {
+                queue.finish(name + ":" + std::to_string(number) + ": " + error);
                 return;
             }
             batch.records.push_back(std::move(record));
+            batch.lines.push_back(number);
             if (batch.records.size() >= batch_size) {
-                batch.last_line = number;
                 queue.push(std::move(batch));
                 if (queue.stopped()) return;
                 batch = Batch{};
@@ -183,16 +213,14 @@ int cmd_import(const GlobalOptions& global, const std::string& file, size_t batc
             queue.finish(name + ": read error after line " + std::to_string(number));
             return;
         }
-        if (!batch.records.empty()) {
-            batch.last_line = number;
-            queue.push(std::move(batch));
-        }
+        if (!batch.records.empty()) queue.push(std::move(batch));
         queue.finish();
     });
 
     Progress progress;
     const auto started = std::chrono::steady_clock::now();
     uint64_t stored = 0;
+    uint64_t skipped = 0;
     auto rate = [&] {
         const double seconds =
             std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
@@ -200,7 +228,36 @@ int cmd_import(const GlobalOptions& global, const std::string& file, size_t batc
     };
     try {
         while (auto batch = queue.pop()) {
-            store->insert(batch->records);
+            if (stored_before > 0) {
+                const auto known = store->stored_keys(batch->records, stored_before);
+                if (!known.empty()) {
+                    std::vector<InsertRecord> fresh;
+                    std::vector<size_t> lines;
+                    for (size_t i = 0; i < batch->records.size(); ++i) {
+                        auto& r = batch->records[i];
+                        if (known.count(Store::RowKey(r.header.provider, r.header.hostname,
+                                                      r.option_id, r.header.unique_timestamp))) {
+                            ++skipped;
+                            continue;
+                        }
+                        fresh.push_back(std::move(r));
+                        lines.push_back(batch->lines[i]);
+                    }
+                    batch->records = std::move(fresh);
+                    batch->lines = std::move(lines);
+                }
+            }
+            try {
+                store->insert(batch->records);
+            } catch (const ToolError& e) {
+                if (batch->lines.empty()) throw;
+                throw ToolError(e.code,
+                                name + ":" + std::to_string(batch->lines.front()) + "-" +
+                                    std::to_string(batch->lines.back()) + ": " + e.what() +
+                                    " (nothing of these lines was stored; " +
+                                    std::to_string(stored) + " rows before them were)",
+                                e.datastore_failure);
+            }
             stored += batch->records.size();
             progress.show("import: " + with_commas(stored) + " rows, " + with_commas(rate()) +
                           " rows/s");
@@ -220,23 +277,29 @@ int cmd_import(const GlobalOptions& global, const std::string& file, size_t batc
         throw ToolError(kExitError, error + " (nothing of its batch was stored; " +
                                         std::to_string(stored) + " rows before it were)");
     if (global.format == Format::json) {
-        print_json(std::cout, Json{{"rows", stored}, {"seconds", seconds}});
+        print_json(std::cout, Json{{"rows", stored}, {"skipped", skipped}, {"seconds", seconds}});
     } else if (global.format == Format::csv) {
-        print_csv(std::cout,
-                  Table{{"rows", "seconds"}, {{std::to_string(stored), format_seconds(seconds)}}});
+        print_csv(
+            std::cout,
+            Table{{"rows", "skipped", "seconds"},
+                  {{std::to_string(stored), std::to_string(skipped), format_seconds(seconds)}}});
     } else {
-        std::cout << "imported " << with_commas(stored) << " rows in " << format_seconds(seconds)
-                  << " s (" << with_commas(rate()) << " rows/s)\n";
+        std::cout << "imported " << with_commas(stored) << " rows, skipped " << with_commas(skipped)
+                  << " already stored, in " << format_seconds(seconds) << " s ("
+                  << with_commas(rate()) << " rows/s)\n";
     }
     return kExitOk;
 }
 
 int cmd_export(const GlobalOptions& global, const RowsOptions& options) {
-    for (const auto& p : options.providers) check_name("provider name", p, 64);
-    for (const auto& h : options.hosts) check_name("host name", h, 256);
-    auto store = open_store(global);
+    for (const auto& p : options.providers)
+        check_name("provider name", p, size_t(vesk::datastore::max_provider_size),
+                   "max_provider_size");
+    for (const auto& h : options.hosts)
+        check_name("host name", h, size_t(vesk::datastore::max_hostname_size), "max_hostname_size");
+    auto store = open_store(global, Access::read);
     std::vector<std::string> providers = options.providers;
-    if (providers.empty()) providers = store->provider_names();
+    if (providers.empty()) providers = store->queryable_provider_names();
 
     const std::string filter = hosts_filter(options.hosts);
     // One provider at a time keeps memory bounded by the largest provider.
@@ -251,14 +314,15 @@ int cmd_export(const GlobalOptions& global, const RowsOptions& options) {
             out += row_to_line(row);
             out += '\n';
             if (out.size() > (size_t(1) << 20)) {
-                std::fwrite(out.data(), 1, out.size(), stdout);
+                std::cout.write(out.data(), std::streamsize(out.size()));
                 out.clear();
+                check_stdout();
             }
         }
         written += rows.size();
     }
-    std::fwrite(out.data(), 1, out.size(), stdout);
-    std::fflush(stdout);
+    std::cout.write(out.data(), std::streamsize(out.size()));
+    check_stdout(true);
     if (written == 0) {
         diag() << "vesk-datastore: no rows found\n";
         return kExitNothing;

@@ -6,12 +6,16 @@
 // ones (default_extension_path copies DEFAULT_EXTENSION_PATH, the create
 // statements use the table names).
 #include <algorithm>
+#include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <memory>
 #include <stdexcept>
+#include <sys/stat.h>
 
 #include <libxml/globals.h>
+#include <libxml/hash.h>
 #include <libxml/parser.h>
 #include <libxml/tree.h>
 #include <libxml/xmlerror.h>
@@ -21,6 +25,7 @@
 #include "vesk/datastore/parse_utility.h"
 #include "vesk/datastore/vocabulary.h"
 #include "vesk/fs.h"
+#include "vesk/log.h"
 #include "vesk/str.h"
 
 #include "group_walk.h"
@@ -145,47 +150,117 @@ void DataStoreParseUtility::fillInVacantFields(std::vector<DataStoreConfig>& con
 
 namespace {
 
-// Silences libxml2's own error printing for the life of the object, so that a
-// broken configuration file is reported once, by our exception, and the
-// host's handler is back in place afterwards.
-class QuietXmlErrors {
+// The first error libxml2 reports while the object lives, instead of its
+// own printing, so that a broken configuration file is reported once, by our
+// log line and exception; the host's handler is back in place afterwards.
+class XmlErrorCatcher {
 public:
-    QuietXmlErrors() : old_handler_(xmlStructuredError), old_context_(xmlStructuredErrorContext) {
-        xmlSetStructuredErrorFunc(nullptr, &QuietXmlErrors::drop);
+    XmlErrorCatcher() : old_handler_(xmlStructuredError), old_context_(xmlStructuredErrorContext) {
+        xmlSetStructuredErrorFunc(this, &XmlErrorCatcher::keep);
     }
-    ~QuietXmlErrors() { xmlSetStructuredErrorFunc(old_context_, old_handler_); }
-    QuietXmlErrors(const QuietXmlErrors&) = delete;
-    QuietXmlErrors& operator=(const QuietXmlErrors&) = delete;
+    ~XmlErrorCatcher() { xmlSetStructuredErrorFunc(old_context_, old_handler_); }
+    XmlErrorCatcher(const XmlErrorCatcher&) = delete;
+    XmlErrorCatcher& operator=(const XmlErrorCatcher&) = delete;
+
+    // libxml2's message with its line and column, or `fallback` when it said nothing.
+    std::string reason(const std::string& fallback) const {
+        if (!seen_) return fallback;
+        std::string text = vesk::str::stripws(message_);
+        if (text.empty()) text = fallback;
+        if (line_ > 0)
+            text += " (line " + std::to_string(line_) + ", column " + std::to_string(column_) + ")";
+        return text;
+    }
 
 private:
-    static void drop(void*, xmlErrorPtr) {}
+    static void keep(void* self, xmlErrorPtr error) {
+        auto* catcher = static_cast<XmlErrorCatcher*>(self);
+        if (catcher->seen_ || error == nullptr || error->level < XML_ERR_ERROR) return;
+        try {
+            catcher->message_ = error->message != nullptr ? error->message : "";
+        } catch (...) {
+            return;  // called from C: nothing may unwind through libxml2
+        }
+        catcher->line_ = error->line;
+        catcher->column_ = error->int2;
+        catcher->seen_ = true;
+    }
     xmlStructuredErrorFunc old_handler_;
     void* old_context_;
+    bool seen_ = false;
+    std::string message_;
+    int line_ = 0;
+    int column_ = 0;
 };
 
 struct XmlDocFree {
     void operator()(xmlDoc* doc) const { xmlFreeDoc(doc); }
 };
 
-// Parsed configuration documents stay alive for the life of the process and
-// are released when the library is unloaded.
+// Parsed configuration documents stay alive for the life of the process (or
+// until release_config_documents) and are released when the library is unloaded.
 std::vector<std::unique_ptr<xmlDoc, XmlDocFree>>& kept_documents() {
     static std::vector<std::unique_ptr<xmlDoc, XmlDocFree>> documents;
     return documents;
 }
 
-// Reads the XML file `name`, or throws with the fixed text and the path.
-xmlDoc* read_configuration_file(const std::string& name) {
-    auto& documents = kept_documents();
-    documents.reserve(documents.size() + 1);  // so that keeping the document cannot throw
-    xmlDoc* doc = nullptr;
-    {
-        QuietXmlErrors quiet;
-        doc = xmlReadFile(name.c_str(), nullptr, 0);
+const char* const kOpenError = "Error opening datastore configuration";
+
+// The file a node was read from, for messages.
+std::string document_name(const xmlNode* node) {
+    if (node->doc != nullptr && node->doc->URL != nullptr)
+        return reinterpret_cast<const char*>(node->doc->URL);
+    return "(a document in memory)";
+}
+
+// Logs why the configuration file `name` is refused (level 3, the syslog
+// error priority) and throws the fixed message.
+[[noreturn]] void refuse(const std::string& name, const std::string& reason) {
+    vesk::log::ErrorLog(__FILE__, __func__, __LINE__, 3).stream()
+        << reason << " in datastore configuration " << name;
+    throw std::runtime_error(kOpenError);
+}
+
+// Why the file `name` must not be handed to libxml2, or "" when it may:
+// libxml2 reads any file, decompresses gzip and xz on its own, and a small
+// compressed file can expand to gigabytes.
+std::string precheck(const std::string& name) {
+    struct stat info {};
+    if (::stat(name.c_str(), &info) != 0)
+        return std::string("cannot read: ") + std::strerror(errno);
+    if (!S_ISREG(info.st_mode)) return "not a regular file";
+    if (info.st_size > DataStoreParseUtility::max_config_file_size)
+        return "larger than the limit of " +
+               std::to_string(DataStoreParseUtility::max_config_file_size) + " bytes (" +
+               std::to_string(info.st_size) + " bytes)";
+    std::ifstream in(name, std::ios::binary);
+    if (!in) return std::string("cannot read: ") + std::strerror(errno);
+    unsigned char head[6] = {};
+    in.read(reinterpret_cast<char*>(head), sizeof head);
+    const auto got = in.gcount();
+    if (got >= 2 && head[0] == 0x1f && head[1] == 0x8b) return "compressed file (gzip)";
+    static const unsigned char xz[6] = {0xfd, '7', 'z', 'X', 'Z', 0x00};
+    if (got == 6 && std::equal(head, head + 6, xz)) return "compressed file (xz)";
+    if (got >= 2 && head[0] == 0x5d && head[1] == 0x00) return "compressed file (lzma)";
+    return "";
+}
+
+// Why the parsed document must not be walked, or "" when it may. Entities
+// are refused outright, so no entity text is ever expanded by the walk.
+std::string check_document(const xmlDoc* doc) {
+    if (doc->compression > 0) return "compressed file";
+    for (const xmlDtd* dtd : {doc->intSubset, doc->extSubset}) {
+        if (dtd == nullptr) continue;
+        if (dtd->ExternalID != nullptr || dtd->SystemID != nullptr)
+            return "the document type names an external DTD subset";
+        const auto count = [](void* table) {
+            return table == nullptr ? 0 : xmlHashSize(static_cast<xmlHashTablePtr>(table));
+        };
+        if (count(dtd->entities) > 0 || count(dtd->pentities) > 0)
+            return "the document type declares entities";
     }
-    if (doc == nullptr) throw std::runtime_error("Error opening datastore configuration: " + name);
-    documents.emplace_back(doc);
-    return doc;
+    if (xmlDocGetRootElement(doc) == nullptr) return "no root element";
+    return "";
 }
 
 }  // namespace
@@ -201,33 +276,62 @@ bool DataStoreParseUtility::ParseConfig::operator()(std::string group_path, std:
     if (file.empty()) file = default_config_file;
     const std::string path = vesk::str::stripws(config_path);
     const std::string name = generate_path(path, file, default_install_path + "/etc/datastore");
-    if (!name.empty()) parse_xml(xmlDocGetRootElement(read_configuration_file(name)), config);
+    if (!name.empty()) parse_xml(read_config_document(name), config);
 
     out.push_back(config);
     return true;
 }
+
+xmlNode* DataStoreParseUtility::read_config_document(const std::string& name) {
+    if (const std::string reason = precheck(name); !reason.empty()) refuse(name, reason);
+    auto& documents = kept_documents();
+    documents.reserve(documents.size() + 1);  // so that keeping the document cannot throw
+    std::unique_ptr<xmlDoc, XmlDocFree> doc;
+    std::string reason;
+    {
+        XmlErrorCatcher errors;
+        doc.reset(xmlReadFile(name.c_str(), nullptr, 0));
+        if (!doc) reason = errors.reason("cannot be parsed");
+    }
+    if (!doc) refuse(name, reason);
+    if (reason = check_document(doc.get()); !reason.empty()) refuse(name, reason);
+    documents.push_back(std::move(doc));
+    return xmlDocGetRootElement(documents.back().get());
+}
+
+void DataStoreParseUtility::release_config_documents() { kept_documents().clear(); }
 
 bool DataStoreParseUtility::parse_xml(xmlNode* node, DataStoreConfig& config) {
     if (node == nullptr) return false;
     if (!vesk::xml::char_cmp_str(node->name, "configuration")) return true;
     // Attributes are checked in the map's key order, so of two bad attributes
     // the first in that order is the one reported.
-    for (const auto& [key, field] : db_fields_map) {
-        const std::string value = vesk::str::stripws(vesk::xml::get_str(node, key, ""));
-        switch (field) {
+    for (const auto& item : db_fields_map) {
+        const std::string& key = item.first;  // (a structured binding cannot be captured)
+        std::string raw;
+        const bool present = vesk::xml::get_attr(node, key, raw);
+        const std::string value = vesk::str::stripws(raw);
+        // Logged (level 3) just before a throw: the fixed message names
+        // neither the file nor, for source_parameters, the attribute.
+        const auto refused = [&](const std::string& message) {
+            vesk::log::ErrorLog(__FILE__, __func__, __LINE__, 3).stream()
+                << (present ? message : "missing attribute " + key) << " in "
+                << document_name(node);
+            return std::runtime_error(message);
+        };
+        switch (item.second) {
             case instance_name_field:
                 config.instance_name = value;
                 break;
             case source_parameters_field:
                 // The historical message names "type" for this attribute too.
-                if (value.empty())
-                    throw std::runtime_error("Invalid value for attribute type " + value);
+                if (value.empty()) throw refused("Invalid value for attribute type " + value);
                 config.source_parameters = value;
                 break;
             case type_field: {
                 const auto found = database_type_map.find(value);
                 if (found == database_type_map.end())
-                    throw std::runtime_error("Invalid value for attribute type " + value);
+                    throw refused("Invalid value for attribute type " + value);
                 config.type = found->second;
                 break;
             }
@@ -238,8 +342,7 @@ bool DataStoreParseUtility::parse_xml(xmlNode* node, DataStoreConfig& config) {
                 for (const auto& piece : vesk::str::split(value, '|', false)) {
                     const auto found = source_type_map.find(piece);
                     if (found == source_type_map.end())
-                        throw std::runtime_error("Invalid value for attribute source types " +
-                                                 piece);
+                        throw refused("Invalid value for attribute source types " + piece);
                     config.source_types.set(found->second);
                 }
                 break;

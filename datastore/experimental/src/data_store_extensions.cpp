@@ -388,23 +388,53 @@ bool DataStoreParseUtility::commit_snapshot_updates() {
                             });
 }
 
+namespace {
+
+// Drops `snapshot` from the dictionary entry of `instance`, and the entry
+// itself once it is empty. True if the snapshot was there.
+bool forget_from(const std::string& instance, const std::string& snapshot) {
+    auto& dict = DataStoreParseUtility::snapshot_dict;
+    const auto found = dict.find(instance);
+    if (found == dict.end()) return false;
+    const bool erased = found->second.erase(snapshot) > 0;
+    if (found->second.empty()) dict.erase(found);
+    return erased;
+}
+
+}  // namespace
+
 bool DataStoreParseUtility::remove_snapshot() {
     // Only the first "data" datastore is asked, whatever it answers; with
     // none there is nothing to remove.
     static const Wording wording{"remove_snapshot", "Snapshot removal not supported for \"",
                                  "Snapshot removal failed for \""};
-    std::string baseline_id = snapshot_remove_str;
+    const std::string removed = snapshot_remove_str;
+    std::string baseline_id = removed;  // the extension's copy: it may write to its output
     return walk_data_stores(wording, kRemoveSnapshotLine, Step::Fail, true,
                             [&](DataStoreController& controller, const DataStoreHandle& entry) {
                                 // The id travels in the output slot, with no input.
                                 const int32_t status =
                                     controller.control(entry.second, OP_REMOVE_SNAPSHOT, nullptr,
                                                        &baseline_id, nullptr);
-                                if (status == DataStoreExtension::OPERATION_SUCCESSFULL)
+                                if (status == DataStoreExtension::OPERATION_SUCCESSFULL) {
+                                    // Otherwise the next commit would record it again.
+                                    forget_from(entry.first.instance_name, removed);
                                     return Step::Succeed;
+                                }
                                 log_refusal(wording, entry.first.instance_name, status);
                                 return Step::Fail;
                             });
 }
+
+bool DataStoreParseUtility::forget_snapshot(const std::string& snapshot) {
+    bool erased = false;
+    for (auto next = snapshot_dict.begin(); next != snapshot_dict.end();) {
+        const std::string instance = (next++)->first;  // forget_from may erase this entry
+        erased = forget_from(instance, snapshot) || erased;
+    }
+    return erased;
+}
+
+void DataStoreParseUtility::clear_snapshot_dictionary() { snapshot_dict.clear(); }
 
 }  // namespace vesk::datastore

@@ -20,8 +20,15 @@ VESK_GENERIC_EXPORT std::string stripws(std::string text);
 // Every run of two or more `ch` replaced by a single `ch`.
 VESK_GENERIC_EXPORT std::string squeeze(std::string text, char ch);
 
-// Shell-style word expansion ("$HOME", "${VAR}", a leading "~") without ever
-// running a command; the text is returned unchanged when it cannot be expanded.
+// Shell-style expansion of a configured path, done here without a shell and
+// without the C library's wordexp. Expanded: "$NAME" and "${NAME}" (NAME a
+// variable name; an unset variable gives ""), a leading "~" ($HOME, else the
+// password database) and "~user"; quotes and backslashes are removed as the
+// shell removes them ('...' is not expanded). Not expanded, and then the
+// whole text comes back unchanged: command substitution ("$(...)", "`...`"),
+// arithmetic ("$((...))"), "${NAME?}"-style operators, special parameters
+// ("$1", "$$") and unbalanced quotes. Globbing characters, blanks and other
+// shell syntax are ordinary text. Never runs anything.
 VESK_GENERIC_EXPORT std::string wordexp(std::string text);
 
 // Everything before the last "/" ("." when there is none, "/" for a root path).

@@ -8,7 +8,8 @@
 // DataStoreConfig records, insert_db_instance opens them through the
 // controller and records each opened (config, weak instance) pair in db_vec.
 // Snapshots: the members below record, list and remove named snapshots of
-// the latest collection run.
+// the latest collection run. Recording fills snapshot_dict, which every later
+// commit sends again in full; see there for what it keeps and how to drop it.
 //
 // The controller owns the opened instances and lives only while somebody
 // holds it: keep the result of DataStoreController::createDataStoreController()
@@ -46,11 +47,27 @@ public:
 
     // Reads a whole group file below `root`; `fallback` alone when it has no
     // entry. Throws std::runtime_error for an unreadable configuration file
-    // or a bad attribute.
+    // (see read_config_document) or a bad attribute.
     static std::vector<DataStoreConfig> parse_db_configs(xmlNode* root,
                                                          const DataStoreConfig& fallback);
-    // Reads the attributes of a "configuration" element into `config`.
+    // Reads the attributes of a "configuration" element into `config`. A bad
+    // attribute is logged (level 3) with its file before the throw.
     static bool parse_xml(xmlNode* node, DataStoreConfig& config);
+    // Reads the configuration document `file` (group file or datastore
+    // configuration file) and returns its root element; the document is kept
+    // for the life of the process (see release_config_documents). Refused
+    // before any walk: a file that is not regular, larger than
+    // max_config_file_size or compressed, a document whose DTD declares
+    // entities or names an external subset, and malformed XML. A refusal is
+    // logged at level 3 (reason, libxml2's line and column, file) and throws
+    // std::runtime_error("Error opening datastore configuration"). The group
+    // walk reads every datastore configuration file through it.
+    static xmlNode* read_config_document(const std::string& file);
+    // Frees every document read_config_document kept. Records already read
+    // stay valid (they hold copies); nodes returned earlier do not.
+    static void release_config_documents();
+    // Configuration files are small: larger ones are refused unread.
+    static constexpr long max_config_file_size = 1L << 20;
     // Joins `path` (or `base` when `path` is empty) and `file`: a path not
     // beginning with "$", "." or "/" is taken relative to `base`; the result
     // is expanded, made absolute and freed of repeated slashes.
@@ -130,8 +147,14 @@ public:
                                            std::map<std::string, ProviderInfo>& providers);
     // Hands snapshot_dict's entry of the first "data" datastore to it.
     static bool commit_snapshot_updates();
-    // Removes the snapshot snapshot_remove_str from the first "data" datastore.
+    // Removes the snapshot snapshot_remove_str from the first "data" datastore;
+    // on success the id also leaves that datastore's entry of snapshot_dict.
     static bool remove_snapshot();
+    // Drops `snapshot` from every datastore's entry of snapshot_dict, so that
+    // later commits stop sending it; the datastores are not asked. True if it was there.
+    static bool forget_snapshot(const std::string& snapshot);
+    // Empties snapshot_dict; what was committed stays in the datastores.
+    static void clear_snapshot_dictionary();
 
     // ---- Process-wide state ----
 
@@ -139,6 +162,9 @@ public:
     static std::string default_extension_path;  // "/datastore/lumok64/"
     static DataStoreHandles db_vec;
     static SnapshotInfoSet snapshot_info_set;
+    // Instance -> snapshot -> recorded provider rows; each commit sends the whole entry
+    // again. Recording never drops anything (a failed commit can be repeated); only a
+    // successful remove_snapshot, forget_snapshot and clear_snapshot_dictionary do.
     static std::map<std::string, std::map<std::string, ProviderInfoSet>> snapshot_dict;
     static std::string baseline_str;
     static std::string snapshot_remove_str;

@@ -1,0 +1,716 @@
+#include "odbc_connection.h"
+
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string_view>
+
+#include "text_check.h"
+
+namespace vesk::datastore::odbc_backend {
+
+namespace {
+
+// Texts above this size go to the driver in chunks (SQL_LEN_DATA_AT_EXEC and
+// SQLPutData) instead of one bound buffer.
+constexpr std::size_t put_data_threshold = 256 * 1024;
+constexpr std::size_t put_data_chunk = 1024 * 1024;
+// First and largest buffer of the SQLGetData loop.
+constexpr std::size_t get_data_first_chunk = 64 * 1024;
+constexpr std::size_t get_data_max_chunk = 4 * 1024 * 1024;
+
+bool ok(SQLRETURN rc) { return rc == SQL_SUCCESS || rc == SQL_SUCCESS_WITH_INFO; }
+
+struct EnvFree {
+    void operator()(void* env) const { SQLFreeHandle(SQL_HANDLE_ENV, env); }
+};
+
+// Ends a connection: an open transaction is rolled back (SQLDisconnect refuses
+// to close a connection inside one), then disconnect, then the handle.
+struct DbcFree {
+    void operator()(void* dbc) const {
+        SQLEndTran(SQL_HANDLE_DBC, dbc, SQL_ROLLBACK);
+        SQLDisconnect(dbc);
+        SQLFreeHandle(SQL_HANDLE_DBC, dbc);
+    }
+};
+
+struct StmtFree {
+    void operator()(void* stmt) const {
+        SQLFreeStmt(stmt, SQL_CLOSE);
+        SQLFreeHandle(SQL_HANDLE_STMT, stmt);
+    }
+};
+
+}  // namespace
+
+// The handles one connection and its statements share. Members are destroyed
+// in reverse order: the connection before the environment.
+struct Handles {
+    std::unique_ptr<void, EnvFree> env;
+    std::unique_ptr<void, DbcFree> dbc;
+    sql::Error error;
+    std::vector<Diagnostic> diagnostics;
+    std::string dbms_name;
+    int query_timeout_s = 0;
+    bool require_utf8 = false;
+    bool in_transaction = false;
+    bool dead = false;
+
+    // Records the failure of `call` from the diagnostics of `handle`.
+    void fail(const char* call, SQLSMALLINT type, SQLHANDLE handle) {
+        diagnostics = collect_diagnostics(type, handle);
+        error = sql::Error{};
+        error.message = std::string(call) + " failed";
+        if (!diagnostics.empty()) {
+            error.message += ": " + join_diagnostics(diagnostics);
+            error.native_code = diagnostics.front().native_code;
+            error.sqlstate = diagnostics.front().sqlstate;
+        }
+        for (const Diagnostic& d : diagnostics)
+            if (is_connection_lost_state(d.sqlstate)) dead = true;
+        // psqlODBC reports a backend that went away during a prepared
+        // statement as HY000; the driver's own flag tells the truth then, and
+        // the failure is reported as ODBC's communication-link state.
+        SQLUINTEGER gone = SQL_CD_FALSE;
+        if (!dead && dbc &&
+            ok(SQLGetConnectAttr(dbc.get(), SQL_ATTR_CONNECTION_DEAD, &gone, 0, nullptr)) &&
+            gone == SQL_CD_TRUE) {
+            dead = true;
+            error.sqlstate = "08S01";
+        }
+    }
+    // Records a failure found before any ODBC call.
+    void fail(std::string message) {
+        diagnostics.clear();
+        error = sql::Error{};
+        error.message = std::move(message);
+    }
+};
+
+std::vector<Diagnostic> collect_diagnostics(SQLSMALLINT handle_type, SQLHANDLE handle) {
+    std::vector<Diagnostic> records;
+    if (handle == nullptr) return records;
+    for (SQLSMALLINT i = 1;; ++i) {
+        SQLCHAR state[6] = {0};
+        SQLINTEGER native = 0;
+        SQLSMALLINT length = 0;
+        std::vector<SQLCHAR> text(1024);
+        SQLRETURN rc = SQLGetDiagRec(handle_type, handle, i, state, &native, text.data(),
+                                     static_cast<SQLSMALLINT>(text.size()), &length);
+        if (rc == SQL_SUCCESS_WITH_INFO && length >= static_cast<SQLSMALLINT>(text.size())) {
+            text.resize(static_cast<std::size_t>(length) + 1);
+            rc = SQLGetDiagRec(handle_type, handle, i, state, &native, text.data(),
+                               static_cast<SQLSMALLINT>(text.size()), &length);
+        }
+        if (!ok(rc)) break;
+        Diagnostic d;
+        d.sqlstate.assign(reinterpret_cast<const char*>(state),
+                          strnlen(reinterpret_cast<const char*>(state), 5));
+        d.native_code = native;
+        d.message.assign(reinterpret_cast<const char*>(text.data()));
+        while (!d.message.empty() && (d.message.back() == '\n' || d.message.back() == ' '))
+            d.message.pop_back();
+        records.push_back(std::move(d));
+    }
+    return records;
+}
+
+std::string join_diagnostics(const std::vector<Diagnostic>& records) {
+    std::string text;
+    for (const Diagnostic& d : records) {
+        if (!text.empty()) text += "; ";
+        text += "[" + d.sqlstate + "] (" + std::to_string(d.native_code) + ") " + d.message;
+    }
+    return text;
+}
+
+bool is_connection_lost_state(const std::string& sqlstate) {
+    static const char* const lost[] = {"57P01", "57P02", "08S01", "08001",
+                                       "08003", "08006", "08007"};
+    for (const char* s : lost)
+        if (sqlstate == s) return true;
+    return false;
+}
+
+namespace {
+
+class OdbcStatement final : public sql::Statement {
+public:
+    OdbcStatement(std::shared_ptr<Handles> handles, SQLHSTMT stmt, std::size_t parameters)
+        : handles_(std::move(handles)), stmt_(stmt), params_(parameters) {}
+
+    bool bind_text(int index, std::string_view value) override {
+        Param* p = param(index);
+        if (p == nullptr) return false;
+        if (const auto problem = text_problem(value)) {
+            // NUL bytes are never safe through SQL_C_CHAR; invalid UTF-8 only
+            // where the server refuses it.
+            if (value.find('\0') != std::string_view::npos || handles_->require_utf8) {
+                handles_->fail("parameter " + std::to_string(index) + ": the text " + *problem +
+                               "; it was not sent");
+                return false;
+            }
+        }
+        p->kind = Param::text;
+        p->text_value = value;
+        return true;
+    }
+    bool bind_int64(int index, int64_t value) override {
+        Param* p = param(index);
+        if (p == nullptr) return false;
+        p->kind = Param::integer;
+        p->integer_value = value;
+        return true;
+    }
+    bool bind_double(int index, double value) override {
+        Param* p = param(index);
+        if (p == nullptr) return false;
+        p->kind = Param::real;
+        p->real_value = value;
+        return true;
+    }
+    bool bind_null(int index) override {
+        Param* p = param(index);
+        if (p == nullptr) return false;
+        p->kind = Param::null;
+        return true;
+    }
+
+    sql::StepResult step() override {
+        if (state_ == State::finished) return sql::StepResult::done;
+        if (state_ == State::ready) {
+            if (!execute()) {
+                state_ = State::finished;
+                return sql::StepResult::error;
+            }
+            if (columns_.empty()) {
+                state_ = State::finished;
+                return sql::StepResult::done;
+            }
+            state_ = State::rows;
+        }
+        const SQLRETURN rc = SQLFetch(stmt_.get());
+        if (rc == SQL_NO_DATA) {
+            state_ = State::finished;
+            return sql::StepResult::done;
+        }
+        if (!ok(rc)) {
+            handles_->fail("SQLFetch", SQL_HANDLE_STMT, stmt_.get());
+            state_ = State::finished;
+            return sql::StepResult::error;
+        }
+        for (Cell& c : row_) c.fetched = false;
+        return sql::StepResult::row;
+    }
+
+    bool reset() override {
+        const SQLRETURN rc = SQLFreeStmt(stmt_.get(), SQL_CLOSE);
+        state_ = State::ready;
+        if (ok(rc)) return true;
+        handles_->fail("SQLFreeStmt", SQL_HANDLE_STMT, stmt_.get());
+        return false;
+    }
+
+    int column_count() override { return static_cast<int>(columns_.size()); }
+
+    std::string column_name(int i) override {
+        return valid_column(i) ? columns_[static_cast<std::size_t>(i)].name : std::string();
+    }
+
+    sql::ColumnType column_type(int i) override {
+        const Cell* c = cell(i);
+        return c == nullptr ? sql::ColumnType::null : c->type;
+    }
+
+    bool column_text(int i, std::string& out) override {
+        const Cell* c = cell(i);
+        if (c == nullptr) return false;
+        switch (c->type) {
+            case sql::ColumnType::null:
+                out.clear();
+                break;
+            case sql::ColumnType::integer:
+                out = std::to_string(c->integer_value);
+                break;
+            case sql::ColumnType::real: {
+                char buf[32];
+                std::snprintf(buf, sizeof buf, "%.17g", c->real_value);
+                out = buf;
+                break;
+            }
+            case sql::ColumnType::text:
+                out = c->text;
+                break;
+        }
+        return true;
+    }
+
+    int64_t column_int64(int i) override {
+        const Cell* c = cell(i);
+        if (c == nullptr) return 0;
+        switch (c->type) {
+            case sql::ColumnType::integer:
+                return c->integer_value;
+            case sql::ColumnType::real:
+                return static_cast<int64_t>(c->real_value);
+            case sql::ColumnType::text:
+                return std::strtoll(c->text.c_str(), nullptr, 10);
+            case sql::ColumnType::null:
+                break;
+        }
+        return 0;
+    }
+
+    double column_double(int i) override {
+        const Cell* c = cell(i);
+        if (c == nullptr) return 0;
+        switch (c->type) {
+            case sql::ColumnType::integer:
+                return static_cast<double>(c->integer_value);
+            case sql::ColumnType::real:
+                return c->real_value;
+            case sql::ColumnType::text:
+                return std::strtod(c->text.c_str(), nullptr);
+            case sql::ColumnType::null:
+                break;
+        }
+        return 0;
+    }
+
+private:
+    struct Param {
+        enum Kind { unset, null, integer, real, text } kind = unset;
+        int64_t integer_value = 0;
+        double real_value = 0;
+        std::string_view text_value;
+        SQLLEN indicator = 0;
+    };
+    struct Column {
+        std::string name;
+        sql::ColumnType kind = sql::ColumnType::text;  // how the value is fetched
+    };
+    struct Cell {
+        bool fetched = false;
+        sql::ColumnType type = sql::ColumnType::null;
+        int64_t integer_value = 0;
+        double real_value = 0;
+        std::string text;
+    };
+    enum class State { ready, rows, finished };
+
+    Param* param(int index) {
+        if (index < 1 || static_cast<std::size_t>(index) > params_.size()) {
+            handles_->fail("parameter index " + std::to_string(index) + " out of range 1 to " +
+                           std::to_string(params_.size()));
+            return nullptr;
+        }
+        return &params_[static_cast<std::size_t>(index) - 1];
+    }
+
+    bool valid_column(int i) const {
+        return i >= 0 && static_cast<std::size_t>(i) < columns_.size();
+    }
+
+    bool bind_parameters() {
+        static char empty[1] = {0};
+        for (std::size_t k = 0; k < params_.size(); ++k) {
+            Param& p = params_[k];
+            const auto number = static_cast<SQLUSMALLINT>(k + 1);
+            SQLRETURN rc = SQL_ERROR;
+            switch (p.kind) {
+                case Param::unset:
+                    handles_->fail("parameter " + std::to_string(k + 1) + " is not bound");
+                    return false;
+                case Param::null:
+                    p.indicator = SQL_NULL_DATA;
+                    rc = SQLBindParameter(stmt_.get(), number, SQL_PARAM_INPUT, SQL_C_CHAR,
+                                          SQL_VARCHAR, 1, 0, empty, 0, &p.indicator);
+                    break;
+                case Param::integer:
+                    p.indicator = 0;
+                    rc = SQLBindParameter(stmt_.get(), number, SQL_PARAM_INPUT, SQL_C_SBIGINT,
+                                          SQL_BIGINT, 0, 0, &p.integer_value, 0, &p.indicator);
+                    break;
+                case Param::real:
+                    p.indicator = 0;
+                    rc = SQLBindParameter(stmt_.get(), number, SQL_PARAM_INPUT, SQL_C_DOUBLE,
+                                          SQL_DOUBLE, 0, 0, &p.real_value, 0, &p.indicator);
+                    break;
+                case Param::text: {
+                    const SQLULEN size = p.text_value.empty() ? 1 : p.text_value.size();
+                    if (p.text_value.size() > put_data_threshold) {
+                        // The driver asks for the value during SQLExecute; the
+                        // token it hands back is the parameter number.
+                        p.indicator =
+                            SQL_LEN_DATA_AT_EXEC(static_cast<SQLLEN>(p.text_value.size()));
+                        rc = SQLBindParameter(stmt_.get(), number, SQL_PARAM_INPUT, SQL_C_CHAR,
+                                              SQL_LONGVARCHAR, size, 0,
+                                              reinterpret_cast<SQLPOINTER>(k + 1), 0, &p.indicator);
+                    } else {
+                        p.indicator = static_cast<SQLLEN>(p.text_value.size());
+                        char* data =
+                            p.text_value.empty() ? empty : const_cast<char*>(p.text_value.data());
+                        rc = SQLBindParameter(
+                            stmt_.get(), number, SQL_PARAM_INPUT, SQL_C_CHAR, SQL_LONGVARCHAR, size,
+                            0, data, static_cast<SQLLEN>(p.text_value.size()), &p.indicator);
+                    }
+                    break;
+                }
+            }
+            if (!ok(rc)) {
+                handles_->fail("SQLBindParameter", SQL_HANDLE_STMT, stmt_.get());
+                return false;
+            }
+        }
+        return true;
+    }
+
+    // Sends the values the driver asks for during SQLExecute, in chunks.
+    SQLRETURN put_data() {
+        SQLRETURN rc;
+        SQLPOINTER token = nullptr;
+        while ((rc = SQLParamData(stmt_.get(), &token)) == SQL_NEED_DATA) {
+            const auto k = reinterpret_cast<std::uintptr_t>(token);
+            if (k < 1 || k > params_.size()) {
+                handles_->fail("the driver asked for unknown parameter " + std::to_string(k));
+                SQLCancel(stmt_.get());
+                return SQL_ERROR;
+            }
+            const std::string_view text = params_[k - 1].text_value;
+            for (std::size_t at = 0; at < text.size(); at += put_data_chunk) {
+                const std::size_t n = std::min(put_data_chunk, text.size() - at);
+                const SQLRETURN put = SQLPutData(stmt_.get(), const_cast<char*>(text.data() + at),
+                                                 static_cast<SQLLEN>(n));
+                if (!ok(put)) {
+                    handles_->fail("SQLPutData", SQL_HANDLE_STMT, stmt_.get());
+                    SQLCancel(stmt_.get());
+                    return SQL_ERROR;
+                }
+            }
+        }
+        if (rc == SQL_ERROR) handles_->fail("SQLExecute", SQL_HANDLE_STMT, stmt_.get());
+        return rc;
+    }
+
+    bool execute() {
+        if (!bind_parameters()) return false;
+        SQLRETURN rc = SQLExecute(stmt_.get());
+        if (rc == SQL_NEED_DATA) {
+            rc = put_data();
+            if (rc == SQL_ERROR) return false;
+        }
+        // SQL_NO_DATA: a searched UPDATE or DELETE that matched nothing.
+        if (!ok(rc) && rc != SQL_NO_DATA) {
+            handles_->fail("SQLExecute", SQL_HANDLE_STMT, stmt_.get());
+            return false;
+        }
+        return describe_columns();
+    }
+
+    bool describe_columns() {
+        columns_.clear();
+        row_.clear();
+        SQLSMALLINT count = 0;
+        if (!ok(SQLNumResultCols(stmt_.get(), &count))) {
+            handles_->fail("SQLNumResultCols", SQL_HANDLE_STMT, stmt_.get());
+            return false;
+        }
+        for (SQLSMALLINT i = 1; i <= count; ++i) {
+            std::vector<SQLCHAR> name(256);
+            SQLSMALLINT length = 0, type = 0, digits = 0, nullable = 0;
+            SQLULEN size = 0;
+            SQLRETURN rc = SQLDescribeCol(stmt_.get(), static_cast<SQLUSMALLINT>(i), name.data(),
+                                          static_cast<SQLSMALLINT>(name.size()), &length, &type,
+                                          &size, &digits, &nullable);
+            if (ok(rc) && length >= static_cast<SQLSMALLINT>(name.size())) {
+                name.resize(static_cast<std::size_t>(length) + 1);
+                rc = SQLDescribeCol(stmt_.get(), static_cast<SQLUSMALLINT>(i), name.data(),
+                                    static_cast<SQLSMALLINT>(name.size()), &length, &type, &size,
+                                    &digits, &nullable);
+            }
+            if (!ok(rc)) {
+                handles_->fail("SQLDescribeCol", SQL_HANDLE_STMT, stmt_.get());
+                return false;
+            }
+            Column c;
+            c.name.assign(reinterpret_cast<const char*>(name.data()));
+            switch (type) {
+                case SQL_BIGINT:
+                case SQL_INTEGER:
+                case SQL_SMALLINT:
+                case SQL_TINYINT:
+                case SQL_BIT:
+                    c.kind = sql::ColumnType::integer;
+                    break;
+                case SQL_REAL:
+                case SQL_FLOAT:
+                case SQL_DOUBLE:
+                    c.kind = sql::ColumnType::real;
+                    break;
+                case SQL_NUMERIC:
+                case SQL_DECIMAL:
+                    c.kind = digits == 0 ? sql::ColumnType::integer : sql::ColumnType::real;
+                    break;
+                default:
+                    c.kind = sql::ColumnType::text;
+                    break;
+            }
+            columns_.push_back(std::move(c));
+        }
+        row_.resize(columns_.size());
+        return true;
+    }
+
+    // The value of column `i` in the current row, read on first use.
+    const Cell* cell(int i) {
+        if (state_ != State::rows || !valid_column(i)) {
+            handles_->fail("column " + std::to_string(i) + " is not readable (no current row or " +
+                           "out of range)");
+            return nullptr;
+        }
+        Cell& c = row_[static_cast<std::size_t>(i)];
+        if (!c.fetched) {
+            if (!fetch(static_cast<SQLUSMALLINT>(i + 1), columns_[static_cast<std::size_t>(i)].kind,
+                       c))
+                return nullptr;
+            c.fetched = true;
+        }
+        return &c;
+    }
+
+    bool fetch(SQLUSMALLINT number, sql::ColumnType kind, Cell& c) {
+        SQLLEN indicator = 0;
+        SQLRETURN rc;
+        if (kind == sql::ColumnType::integer) {
+            SQLBIGINT v = 0;
+            rc = SQLGetData(stmt_.get(), number, SQL_C_SBIGINT, &v, 0, &indicator);
+            c.integer_value = v;
+        } else if (kind == sql::ColumnType::real) {
+            rc = SQLGetData(stmt_.get(), number, SQL_C_DOUBLE, &c.real_value, 0, &indicator);
+        } else {
+            return fetch_text(number, c);
+        }
+        if (!ok(rc)) {
+            handles_->fail("SQLGetData", SQL_HANDLE_STMT, stmt_.get());
+            return false;
+        }
+        c.type = indicator == SQL_NULL_DATA ? sql::ColumnType::null : kind;
+        return true;
+    }
+
+    // Reads a text in a loop until the driver has no more: the described
+    // column size is no limit (PostgreSQL texts are described as 8190).
+    bool fetch_text(SQLUSMALLINT number, Cell& c) {
+        std::string& out = c.text;
+        out.clear();
+        std::size_t got = 0;
+        std::size_t chunk = get_data_first_chunk;
+        c.type = sql::ColumnType::text;
+        for (bool first = true;; first = false) {
+            out.resize(got + chunk + 1);
+            SQLLEN indicator = 0;
+            const SQLRETURN rc = SQLGetData(stmt_.get(), number, SQL_C_CHAR, &out[got],
+                                            static_cast<SQLLEN>(chunk + 1), &indicator);
+            if (rc == SQL_NO_DATA) {
+                if (first) out.clear();
+                break;
+            }
+            if (!ok(rc)) {
+                out.clear();
+                handles_->fail("SQLGetData", SQL_HANDLE_STMT, stmt_.get());
+                return false;
+            }
+            if (indicator == SQL_NULL_DATA) {
+                out.clear();
+                c.type = sql::ColumnType::null;
+                return true;
+            }
+            if (rc == SQL_SUCCESS) {
+                // The rest fitted: the indicator is its length.
+                const std::size_t n = indicator >= 0 && static_cast<std::size_t>(indicator) <= chunk
+                                          ? static_cast<std::size_t>(indicator)
+                                          : strnlen(&out[got], chunk);
+                got += n;
+                break;
+            }
+            // Truncated (01004): the buffer holds a NUL-terminated piece. Its
+            // length is measured, not assumed, since a driver may stop short
+            // of a character boundary.
+            got += strnlen(&out[got], chunk);
+            if (indicator != SQL_NO_TOTAL && indicator > static_cast<SQLLEN>(chunk))
+                chunk = std::min(get_data_max_chunk, static_cast<std::size_t>(indicator) - chunk);
+            else
+                chunk = std::min(get_data_max_chunk, chunk * 2);
+        }
+        out.resize(got);
+        return true;
+    }
+
+    std::shared_ptr<Handles> handles_;  // keeps the connection alive while the statement lives
+    std::unique_ptr<void, StmtFree> stmt_;
+    std::vector<Param> params_;
+    std::vector<Column> columns_;
+    std::vector<Cell> row_;
+    State state_ = State::ready;
+};
+
+}  // namespace
+
+OdbcConnection::OdbcConnection(std::shared_ptr<Handles> handles) : handles_(std::move(handles)) {}
+
+OdbcConnection::~OdbcConnection() = default;
+
+std::unique_ptr<OdbcConnection> OdbcConnection::connect(const std::string& connection_string,
+                                                        const ConnectOptions& options,
+                                                        sql::Error& error) {
+    auto h = std::make_shared<Handles>();
+    h->query_timeout_s = options.query_timeout_s;
+    const auto failed = [&](const char* call, SQLSMALLINT type, SQLHANDLE handle) {
+        h->fail(call, type, handle);
+        error = h->error;
+        return nullptr;
+    };
+
+    SQLHANDLE env = nullptr;
+    if (!ok(SQLAllocHandle(SQL_HANDLE_ENV, SQL_NULL_HANDLE, &env)))
+        return failed("SQLAllocHandle(ENV)", SQL_HANDLE_ENV, nullptr);
+    h->env.reset(env);
+    if (!ok(SQLSetEnvAttr(env, SQL_ATTR_ODBC_VERSION, reinterpret_cast<SQLPOINTER>(SQL_OV_ODBC3),
+                          0)))
+        return failed("SQLSetEnvAttr(ODBC_VERSION)", SQL_HANDLE_ENV, env);
+
+    SQLHANDLE dbc = nullptr;
+    if (!ok(SQLAllocHandle(SQL_HANDLE_DBC, env, &dbc)))
+        return failed("SQLAllocHandle(DBC)", SQL_HANDLE_ENV, env);
+    if (options.login_timeout_s > 0 &&
+        !ok(SQLSetConnectAttr(
+            dbc, SQL_ATTR_LOGIN_TIMEOUT,
+            reinterpret_cast<SQLPOINTER>(static_cast<SQLULEN>(options.login_timeout_s)), 0))) {
+        SQLFreeHandle(SQL_HANDLE_DBC, dbc);
+        return failed("SQLSetConnectAttr(LOGIN_TIMEOUT)", SQL_HANDLE_ENV, env);
+    }
+
+    SQLCHAR out[1024];
+    SQLSMALLINT out_length = 0;
+    const SQLRETURN rc = SQLDriverConnect(
+        dbc, nullptr, reinterpret_cast<SQLCHAR*>(const_cast<char*>(connection_string.c_str())),
+        SQL_NTS, out, sizeof out, &out_length, SQL_DRIVER_NOPROMPT);
+    if (!ok(rc)) {
+        h->fail("SQLDriverConnect", SQL_HANDLE_DBC, dbc);
+        error = h->error;
+        SQLFreeHandle(SQL_HANDLE_DBC, dbc);
+        return nullptr;
+    }
+    h->dbc.reset(dbc);  // from here on the deleter disconnects
+
+    if (options.read_only)
+        SQLSetConnectAttr(dbc, SQL_ATTR_ACCESS_MODE,
+                          reinterpret_cast<SQLPOINTER>(SQL_MODE_READ_ONLY),
+                          0);  // a hint; servers enforce read-only through their own settings
+
+    SQLCHAR name[256] = {0};
+    SQLSMALLINT name_length = 0;
+    if (!ok(SQLGetInfo(dbc, SQL_DBMS_NAME, name, sizeof name, &name_length)))
+        return failed("SQLGetInfo(DBMS_NAME)", SQL_HANDLE_DBC, dbc);
+    h->dbms_name.assign(reinterpret_cast<const char*>(name));
+
+    return std::unique_ptr<OdbcConnection>(new OdbcConnection(std::move(h)));
+}
+
+std::unique_ptr<sql::Statement> OdbcConnection::prepare(const std::string& sql) {
+    Handles& h = *handles_;
+    SQLHANDLE raw = nullptr;
+    if (!ok(SQLAllocHandle(SQL_HANDLE_STMT, h.dbc.get(), &raw))) {
+        h.fail("SQLAllocHandle(STMT)", SQL_HANDLE_DBC, h.dbc.get());
+        return nullptr;
+    }
+    std::unique_ptr<void, StmtFree> stmt(raw);
+    if (h.query_timeout_s > 0 &&
+        !ok(SQLSetStmtAttr(raw, SQL_ATTR_QUERY_TIMEOUT,
+                           reinterpret_cast<SQLPOINTER>(static_cast<SQLULEN>(h.query_timeout_s)),
+                           0))) {
+        h.fail("SQLSetStmtAttr(QUERY_TIMEOUT)", SQL_HANDLE_STMT, raw);
+        return nullptr;
+    }
+    if (!ok(SQLPrepare(raw, reinterpret_cast<SQLCHAR*>(const_cast<char*>(sql.c_str())),
+                       static_cast<SQLINTEGER>(sql.size())))) {
+        h.fail("SQLPrepare", SQL_HANDLE_STMT, raw);
+        return nullptr;
+    }
+    SQLSMALLINT parameters = 0;
+    if (!ok(SQLNumParams(raw, &parameters))) {
+        h.fail("SQLNumParams", SQL_HANDLE_STMT, raw);
+        return nullptr;
+    }
+    return std::make_unique<OdbcStatement>(handles_, stmt.release(),
+                                           static_cast<std::size_t>(parameters));
+}
+
+bool OdbcConnection::begin() {
+    Handles& h = *handles_;
+    if (h.in_transaction) {
+        h.fail("begin: a transaction is already open");
+        return false;
+    }
+    if (!ok(SQLSetConnectAttr(h.dbc.get(), SQL_ATTR_AUTOCOMMIT,
+                              reinterpret_cast<SQLPOINTER>(SQL_AUTOCOMMIT_OFF), 0))) {
+        h.fail("SQLSetConnectAttr(AUTOCOMMIT_OFF)", SQL_HANDLE_DBC, h.dbc.get());
+        return false;
+    }
+    h.in_transaction = true;
+    return true;
+}
+
+namespace {
+
+bool end_transaction(Handles& h, SQLSMALLINT how, const char* call) {
+    if (!h.in_transaction) {
+        h.fail(std::string(call) + ": no transaction is open");
+        return false;
+    }
+    const SQLRETURN rc = SQLEndTran(SQL_HANDLE_DBC, h.dbc.get(), how);
+    bool done = ok(rc);
+    if (!done) h.fail(call, SQL_HANDLE_DBC, h.dbc.get());
+    // Back to autocommit whatever the outcome; a failed commit has rolled back.
+    if (!ok(SQLSetConnectAttr(h.dbc.get(), SQL_ATTR_AUTOCOMMIT,
+                              reinterpret_cast<SQLPOINTER>(SQL_AUTOCOMMIT_ON), 0))) {
+        if (done) h.fail("SQLSetConnectAttr(AUTOCOMMIT_ON)", SQL_HANDLE_DBC, h.dbc.get());
+        done = false;
+    }
+    h.in_transaction = false;
+    return done;
+}
+
+}  // namespace
+
+bool OdbcConnection::commit() {
+    return end_transaction(*handles_, SQL_COMMIT, "SQLEndTran(COMMIT)");
+}
+
+bool OdbcConnection::rollback() {
+    return end_transaction(*handles_, SQL_ROLLBACK, "SQLEndTran(ROLLBACK)");
+}
+
+const sql::Error& OdbcConnection::last_error() const { return handles_->error; }
+
+bool OdbcConnection::is_alive() {
+    Handles& h = *handles_;
+    if (h.dead) return false;
+    SQLUINTEGER dead = SQL_CD_FALSE;
+    if (ok(SQLGetConnectAttr(h.dbc.get(), SQL_ATTR_CONNECTION_DEAD, &dead, 0, nullptr)) &&
+        dead == SQL_CD_TRUE)
+        h.dead = true;
+    return !h.dead;
+}
+
+const std::string& OdbcConnection::dbms_name() const { return handles_->dbms_name; }
+
+const std::vector<Diagnostic>& OdbcConnection::last_diagnostics() const {
+    return handles_->diagnostics;
+}
+
+void OdbcConnection::set_require_utf8(bool on) { handles_->require_utf8 = on; }
+
+}  // namespace vesk::datastore::odbc_backend

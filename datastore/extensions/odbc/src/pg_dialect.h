@@ -1,0 +1,50 @@
+#pragma once
+// The PostgreSQL dialect of the datastore's SQL: the schema and the queries
+// where PostgreSQL cannot follow SQLite's texts, written to return the same
+// rows as SQLite's, ties included.
+//
+// SQLite's texts that PostgreSQL refuses or reads differently: a rowid that
+// is not filled in by itself (identity column here), 32-bit INTEGER (BIGINT),
+// REAL as 32-bit float (DOUBLE PRECISION), CREATE VIEW IF NOT EXISTS (CREATE
+// OR REPLACE VIEW), and the bare columns beside MAX() in a GROUP BY query
+// (DISTINCT ON with an explicit order that picks SQLite's row). The plain
+// provider query and the snapshot joins are the same in both.
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "vesk/datastore/sql/statement.h"
+
+namespace vesk::datastore::odbc_backend::pg {
+
+// The create statements: provider table, baseline table, view, indexes.
+const std::vector<std::string>& schema_statements();
+
+// The latest row per (OptionID, Hostname, Provider): the greatest
+// Unique_timestamp, ties to the lowest rowid; a group whose time stamps are
+// all NULL gives its highest rowid. `condition` is the WHERE condition the
+// base class builds (" (Provider IN ('p') )...").
+std::string latest_rows_sql(const std::string& condition);
+// The rows of the newest collection run, one per (OptionID, Hostname,
+// Provider), the lowest rowid of each group.
+std::string latest_run_sql(const std::string& condition);
+// The latest "uname" row per host (the hosts query, operation 512).
+std::string hosts_sql();
+
+// Moves the rowid sequences past the greatest rowid, after rows were written
+// with explicit rowids (otherwise the next insert collides with 23505).
+const std::vector<std::string>& resync_rowid_statements();
+
+// Makes every later transaction of the session read-only at the server.
+extern const char* const read_only_session_sql;
+
+// The advisory lock key that serialises schema creation between processes.
+constexpr int64_t schema_lock_key = 0x7665736b5f736368;  // "vesk_sch"
+
+// Creates the schema inside one transaction that holds the advisory lock, so
+// that several processes opening a new database at once do not collide on
+// the catalog. False with `error` naming the failed statement.
+bool create_schema(sql::Connection& connection, std::string& error);
+
+}  // namespace vesk::datastore::odbc_backend::pg

@@ -1,0 +1,373 @@
+// The statement seam over ODBC against the real PostgreSQL test server.
+#include "odbc_connection.h"
+
+#include <chrono>
+#include <cstdint>
+#include <limits>
+#include <random>
+#include <set>
+#include <string>
+#include <unistd.h>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "pg_test_server.h"
+#include "test_support.h"
+
+namespace vesk::test {
+namespace {
+
+using datastore::sql::ColumnType;
+using datastore::sql::StepResult;
+
+// UTF-8 encoding of code point `cp`.
+std::string utf8(uint32_t cp) {
+    std::string s;
+    if (cp < 0x80) {
+        s += static_cast<char>(cp);
+    } else if (cp < 0x800) {
+        s += static_cast<char>(0xC0 | (cp >> 6));
+        s += static_cast<char>(0x80 | (cp & 0x3F));
+    } else if (cp < 0x10000) {
+        s += static_cast<char>(0xE0 | (cp >> 12));
+        s += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
+        s += static_cast<char>(0x80 | (cp & 0x3F));
+    } else {
+        s += static_cast<char>(0xF0 | (cp >> 18));
+        s += static_cast<char>(0x80 | ((cp >> 12) & 0x3F));
+        s += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
+        s += static_cast<char>(0x80 | (cp & 0x3F));
+    }
+    return s;
+}
+
+// Every byte value that valid UTF-8 can hold (1 to 255 except C0, C1, F5 to
+// FF), each as lead or continuation byte.
+std::string every_utf8_byte() {
+    std::string s;
+    for (uint32_t cp = 1; cp < 0x800; ++cp) s += utf8(cp);  // ASCII, C2..DF, 80..BF
+    for (uint32_t lead = 0xE0; lead <= 0xEF; ++lead)        // ED: below the surrogates
+        s += utf8(lead == 0xE0 ? 0x800 : ((lead - 0xE0) << 12) | 0x100);
+    for (uint32_t cp : {0x10000u, 0x40000u, 0x80000u, 0xC0000u, 0x100000u}) s += utf8(cp);
+    return s;
+}
+
+// Valid UTF-8 of exactly `size` bytes, mixing one- to four-byte characters so
+// that chunk boundaries fall inside characters.
+std::string mixed_text(std::size_t size, unsigned seed) {
+    std::mt19937 rng(seed);
+    const uint32_t samples[] = {'a', 0x7E, 0xE9, 0x3B1, 0x20AC, 0xFFFD, 0x1F600, 0x10FFFF};
+    std::string s;
+    while (s.size() < size) {
+        std::string c = utf8(samples[rng() % 8]);
+        if (s.size() + c.size() > size) c = std::string(size - s.size(), 'z');
+        s += c;
+    }
+    return s;
+}
+
+class OdbcConnectionTest : public PgTest {
+protected:
+    void SetUp() override {
+        PgTest::SetUp();
+        if (IsSkipped() || HasFatalFailure()) return;
+        exec(*connection,
+             "CREATE TEMPORARY TABLE t(i BIGINT, d DOUBLE PRECISION, s TEXT, n INTEGER);");
+    }
+
+    // Inserts one row with bound values; false when any step fails.
+    bool insert_text(const std::string& text) {
+        auto s = connection->prepare("INSERT INTO t(s) VALUES(?);");
+        return s && s->bind_text(1, text) && s->step() == StepResult::done;
+    }
+
+    std::string read_text(const std::string& sql) {
+        auto s = connection->prepare(sql);
+        EXPECT_NE(s, nullptr) << connection->last_error().message;
+        if (!s) return "";
+        EXPECT_EQ(s->step(), StepResult::row) << connection->last_error().message;
+        std::string out;
+        EXPECT_TRUE(s->column_text(0, out)) << connection->last_error().message;
+        EXPECT_EQ(s->step(), StepResult::done);
+        return out;
+    }
+};
+
+TEST_F(OdbcConnectionTest, RoundTripsEveryTypeAndNull) {
+    const std::string all_bytes = every_utf8_byte();
+    std::set<unsigned char> seen(all_bytes.begin(), all_bytes.end());
+    ASSERT_EQ(seen.size(), 255u - 2u - 11u);  // 1..255 without C0, C1, F5..FF
+
+    struct Case {
+        int64_t i;
+        double d;
+        std::string s;
+    } cases[] = {
+        {0, 0.0, ""},
+        {1700000000123456, 0.1, all_bytes},
+        {std::numeric_limits<int64_t>::max(), 1.7976931348623157e308, "plain"},
+        {std::numeric_limits<int64_t>::min(), -2.2250738585072014e-308, "quote ' and \" ? ;"},
+        {-1, 3.141592653589793, std::string(100000, 'x')},
+    };
+    auto insert = connection->prepare("INSERT INTO t(i, d, s, n) VALUES(?, ?, ?, ?);");
+    ASSERT_NE(insert, nullptr) << connection->last_error().message;
+    for (const Case& c : cases) {
+        ASSERT_TRUE(insert->bind_int64(1, c.i));
+        ASSERT_TRUE(insert->bind_double(2, c.d));
+        ASSERT_TRUE(insert->bind_text(3, c.s)) << connection->last_error().message;
+        ASSERT_TRUE(insert->bind_null(4));
+        ASSERT_EQ(insert->step(), StepResult::done) << connection->last_error().message;
+        ASSERT_TRUE(insert->reset());
+    }
+    // NULL into every column type, including BIGINT and DOUBLE PRECISION.
+    auto nulls = connection->prepare("INSERT INTO t(i, d, s, n) VALUES(?, ?, ?, ?);");
+    for (int k = 1; k <= 4; ++k) ASSERT_TRUE(nulls->bind_null(k));
+    ASSERT_EQ(nulls->step(), StepResult::done) << connection->last_error().message;
+
+    auto read = connection->prepare("SELECT i, d, s, n FROM t ORDER BY ctid;");
+    ASSERT_NE(read, nullptr);
+    for (const Case& c : cases) {
+        ASSERT_EQ(read->step(), StepResult::row) << connection->last_error().message;
+        EXPECT_EQ(read->column_type(0), ColumnType::integer);
+        EXPECT_EQ(read->column_int64(0), c.i);
+        EXPECT_EQ(read->column_type(1), ColumnType::real);
+        EXPECT_EQ(read->column_double(1), c.d);
+        EXPECT_EQ(read->column_type(2), ColumnType::text);
+        std::string text;
+        ASSERT_TRUE(read->column_text(2, text));
+        EXPECT_TRUE(text == c.s) << "text of " << c.s.size() << " bytes came back as "
+                                 << text.size() << " bytes";
+        EXPECT_EQ(read->column_type(3), ColumnType::null);
+    }
+    ASSERT_EQ(read->step(), StepResult::row);
+    for (int k = 0; k < 4; ++k) EXPECT_EQ(read->column_type(k), ColumnType::null) << k;
+    EXPECT_EQ(read->step(), StepResult::done);
+
+    ASSERT_EQ(read->column_count(), 4);
+    const char* names[] = {"i", "d", "s", "n"};
+    for (int k = 0; k < 4; ++k) EXPECT_EQ(read->column_name(k), names[k]);
+}
+
+TEST_F(OdbcConnectionTest, RefusesNulAndInvalidUtf8BeforeSending) {
+    const std::string refused[] = {
+        std::string("before\0after", 12),
+        std::string(1, '\0'),
+        "\xC0\xAF",
+        "\xED\xA0\x80",
+        "\xF5\x80\x80\x80",
+        "text \xE2\x82",
+        "\x80",
+        std::string(300000, 'a') + '\xff',
+    };
+    for (const std::string& text : refused) {
+        auto s = connection->prepare("INSERT INTO t(s) VALUES(?);");
+        ASSERT_NE(s, nullptr);
+        EXPECT_FALSE(s->bind_text(1, text)) << text.size();
+        const std::string& message = connection->last_error().message;
+        EXPECT_TRUE(message.find("NUL") != std::string::npos ||
+                    message.find("UTF-8") != std::string::npos)
+            << message;
+        // Never bound, so never sent.
+        EXPECT_EQ(s->step(), StepResult::error);
+    }
+    EXPECT_EQ(query_int(*connection, "SELECT count(*) FROM t;"), 0);
+}
+
+TEST_F(OdbcConnectionTest, LargeTextsGoInAndOutByteExact) {
+    // Around the chunking thresholds, and 16 MiB.
+    const std::size_t sizes[] = {256 * 1024,    256 * 1024 + 1,  64 * 1024,
+                                 64 * 1024 + 1, 1024 * 1024 + 3, 16 * 1024 * 1024};
+    unsigned seed = 1;
+    for (std::size_t size : sizes) {
+        SCOPED_TRACE(size);
+        exec(*connection, "DELETE FROM t;");
+        const std::string text = mixed_text(size, seed++);
+        ASSERT_TRUE(insert_text(text)) << connection->last_error().message;
+        EXPECT_EQ(query_int(*connection, "SELECT octet_length(s) FROM t;"),
+                  static_cast<int64_t>(size));
+        const std::string back = read_text("SELECT s FROM t;");
+        ASSERT_EQ(back.size(), text.size());
+        EXPECT_TRUE(back == text) << "the text differs";
+    }
+}
+
+TEST_F(OdbcConnectionTest, DiagnosticsCarrySqlstateAndEveryRecord) {
+    struct Case {
+        std::string sql;
+        std::string sqlstate;
+        std::string in_message;
+    } cases[] = {
+        {"SELECT * FROM no_such_table;", "42P01", "no_such_table"},
+        {"SELEKT 1;", "42601", "SELEKT"},
+        {"SELECT 1 / 0;", "22012", "division by zero"},
+        {"INSERT INTO t(n) VALUES(99999999999);", "22003", "out of range"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.sql);
+        auto s = connection->prepare(c.sql);
+        const bool failed = s == nullptr || s->step() == StepResult::error;
+        ASSERT_TRUE(failed);
+        const auto& error = connection->last_error();
+        EXPECT_EQ(error.sqlstate, c.sqlstate) << error.message;
+        EXPECT_NE(error.message.find(c.in_message), std::string::npos) << error.message;
+        EXPECT_NE(error.message.find("[" + c.sqlstate + "]"), std::string::npos) << error.message;
+        EXPECT_FALSE(connection->last_diagnostics().empty());
+        EXPECT_TRUE(connection->is_alive());
+    }
+    // The session goes on after errors.
+    EXPECT_EQ(query_int(*connection, "SELECT 7;"), 7);
+}
+
+TEST_F(OdbcConnectionTest, TransactionsCommitRollBackAndSurviveAFailedStatement) {
+    ASSERT_TRUE(connection->begin());
+    ASSERT_TRUE(insert_text("rolled back"));
+    ASSERT_TRUE(connection->rollback());
+    EXPECT_EQ(query_int(*connection, "SELECT count(*) FROM t;"), 0);
+
+    ASSERT_TRUE(connection->begin());
+    EXPECT_FALSE(connection->begin());  // no nesting
+    ASSERT_TRUE(insert_text("first"));
+    auto bad = connection->prepare("INSERT INTO t(n) VALUES(99999999999);");
+    ASSERT_NE(bad, nullptr);
+    EXPECT_EQ(bad->step(), StepResult::error);
+    ASSERT_TRUE(insert_text("second"));
+    ASSERT_TRUE(connection->commit()) << connection->last_error().message;
+    EXPECT_EQ(query_int(*connection, "SELECT count(*) FROM t;"), 2);
+    EXPECT_FALSE(connection->commit());  // nothing open
+}
+
+TEST_F(OdbcConnectionTest, DeleteOfNothingAndReuseAfterReset) {
+    auto del = connection->prepare("DELETE FROM t WHERE s = ?;");
+    ASSERT_NE(del, nullptr);
+    ASSERT_TRUE(del->bind_text(1, "absent"));
+    EXPECT_EQ(del->step(), StepResult::done) << connection->last_error().message;
+    EXPECT_EQ(del->step(), StepResult::done);
+
+    ASSERT_TRUE(insert_text("a"));
+    ASSERT_TRUE(insert_text("b"));
+    auto count = connection->prepare("SELECT count(*) FROM t WHERE s >= ?;");
+    ASSERT_TRUE(count->bind_text(1, "a"));
+    for (int64_t expected : {2, 2}) {  // a reset keeps the binding
+        ASSERT_EQ(count->step(), StepResult::row);
+        EXPECT_EQ(count->column_int64(0), expected);
+        ASSERT_TRUE(count->reset());
+    }
+    ASSERT_TRUE(count->bind_text(1, "b"));
+    ASSERT_EQ(count->step(), StepResult::row);
+    EXPECT_EQ(count->column_int64(0), 1);
+
+    auto unbound = connection->prepare("SELECT ?;");
+    EXPECT_EQ(unbound->step(), StepResult::error);
+    EXPECT_NE(connection->last_error().message.find("not bound"), std::string::npos);
+    EXPECT_FALSE(unbound->bind_int64(2, 1));
+}
+
+TEST_F(OdbcConnectionTest, ReadOnlySessionRefusesWrites) {
+    exec(*connection, "SET SESSION CHARACTERISTICS AS TRANSACTION READ ONLY;");
+    // (Temporary tables stay writable in read-only transactions.)
+    auto s = connection->prepare("CREATE TABLE vesk_read_only_probe(x INTEGER);");
+    ASSERT_NE(s, nullptr);
+    EXPECT_EQ(s->step(), StepResult::error);
+    EXPECT_EQ(connection->last_error().sqlstate, "25006") << connection->last_error().message;
+}
+
+TEST_F(OdbcConnectionTest, TerminatedBackendIsNoticedAndANewConnectionWorks) {
+    auto killer = connect(conn_string);
+    ASSERT_NE(killer, nullptr);
+    for (int round = 0; round < 5; ++round) {
+        SCOPED_TRACE(round);
+        const int64_t pid = query_int(*connection, "SELECT pg_backend_pid();");
+        ASSERT_EQ(
+            query_int(*killer, "SELECT pg_terminate_backend(" + std::to_string(pid) + ")::int;"),
+            1);
+        auto s = connection->prepare("SELECT 1;");
+        const bool failed = s == nullptr || s->step() == StepResult::error;
+        ASSERT_TRUE(failed);
+        const std::string state = connection->last_error().sqlstate;
+        EXPECT_TRUE(state == "57P01" || state == "08S01") << connection->last_error().message;
+        EXPECT_FALSE(connection->is_alive());
+
+        s.reset();
+        connection = connect(conn_string);
+        ASSERT_NE(connection, nullptr);
+        EXPECT_TRUE(connection->is_alive());
+        EXPECT_EQ(query_int(*connection, "SELECT 5;"), 5);
+    }
+}
+
+TEST_F(OdbcConnectionTest, QueryTimeoutCancelsALongStatement) {
+    datastore::odbc_backend::ConnectOptions options;
+    options.query_timeout_s = 1;
+    datastore::sql::Error error;
+    auto c = datastore::odbc_backend::OdbcConnection::connect(conn_string, options, error);
+    ASSERT_NE(c, nullptr) << error.message;
+    auto s = c->prepare("SELECT pg_sleep(30);");
+    ASSERT_NE(s, nullptr);
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(s->step(), StepResult::error);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(20));
+    EXPECT_FALSE(c->last_error().sqlstate.empty()) << c->last_error().message;
+    EXPECT_EQ(query_int(*c, "SELECT 3;"), 3);  // the session survives
+}
+
+// The same seam through the SQLite ODBC driver, on a real SQLite file: it
+// describes INTEGER columns as 32-bit, yet 64-bit values must come back whole.
+TEST(SqliteThroughOdbc, RoundTripsValuesAndReportsErrors) {
+    const std::string driver = "/usr/lib/x86_64-linux-gnu/odbc/libsqlite3odbc.so";
+    if (access(driver.c_str(), R_OK) != 0) {
+        if (running_in_ci()) FAIL() << driver << " is missing (scripts/bootstrap installs it)";
+        GTEST_SKIP() << driver << " is missing (scripts/bootstrap installs libsqliteodbc)";
+    }
+    TempDir dir;
+    datastore::sql::Error error;
+    auto c = datastore::odbc_backend::OdbcConnection::connect(
+        "DRIVER=" + driver + ";Database=" + dir.file("vesk.db") + ";", {}, error);
+    ASSERT_NE(c, nullptr) << error.message;
+    EXPECT_EQ(c->dbms_name(), "SQLite");
+    exec(*c, "CREATE TABLE t(i INTEGER, d REAL, s TEXT);");
+    const std::string text = every_utf8_byte() + mixed_text(300000, 7);
+    auto insert = c->prepare("INSERT INTO t VALUES(?, ?, ?);");
+    ASSERT_NE(insert, nullptr) << c->last_error().message;
+    ASSERT_TRUE(insert->bind_int64(1, 1700000000123456) && insert->bind_double(2, 0.1) &&
+                insert->bind_text(3, text));
+    ASSERT_EQ(insert->step(), StepResult::done) << c->last_error().message;
+
+    auto read = c->prepare("SELECT i, d, s FROM t;");
+    ASSERT_NE(read, nullptr);
+    ASSERT_EQ(read->step(), StepResult::row) << c->last_error().message;
+    EXPECT_EQ(read->column_int64(0), 1700000000123456);
+    EXPECT_EQ(read->column_double(1), 0.1);
+    std::string back;
+    ASSERT_TRUE(read->column_text(2, back));
+    EXPECT_TRUE(back == text) << back.size() << " bytes back of " << text.size();
+    EXPECT_EQ(read->step(), StepResult::done);
+
+    auto bad = c->prepare("SELECT * FROM no_such_table;");
+    const bool failed = bad == nullptr || bad->step() == StepResult::error;
+    EXPECT_TRUE(failed);
+    EXPECT_NE(c->last_error().message.find("no_such_table"), std::string::npos)
+        << c->last_error().message;
+}
+
+TEST(OdbcConnect, FailureNamesTheDiagnostics) {
+    std::string why;
+    const std::string conn = pg_connection_string(why);
+    if (conn.empty()) {
+        if (running_in_ci()) FAIL() << why;
+        GTEST_SKIP() << why;
+    }
+    datastore::sql::Error error;
+    auto c = datastore::odbc_backend::OdbcConnection::connect(
+        with_database(conn, "no_such_database"), {}, error);
+    EXPECT_EQ(c, nullptr);
+    EXPECT_NE(error.message.find("no_such_database"), std::string::npos) << error.message;
+    EXPECT_FALSE(error.sqlstate.empty());
+
+    c = datastore::odbc_backend::OdbcConnection::connect("DSN=vesk_no_such_dsn;", {}, error);
+    EXPECT_EQ(c, nullptr);
+    EXPECT_EQ(error.sqlstate, "IM002") << error.message;
+}
+
+}  // namespace
+}  // namespace vesk::test

@@ -1,0 +1,129 @@
+// The parameter string of the ODBC extension and the text checks: no server.
+#include "odbc_parameters.h"
+
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "text_check.h"
+
+namespace vesk::datastore::odbc_backend {
+namespace {
+
+TEST(OdbcParameters, AcceptsDsnsConnectionStringsAndOptions) {
+    const std::string conn =
+        "DRIVER=/usr/lib/x86_64-linux-gnu/odbc/psqlodbcw.so;Server=127.0.0.1;Port=5432;"
+        "Database=vesk;Uid=vesk;";
+    struct Case {
+        std::string text;
+        std::string source;
+        bool is_dsn;
+        bool read_only;
+        int login, query, rows;
+        std::string connect;
+    } cases[] = {
+        {"odbc_default_dsn", "odbc_default_dsn", true, false, 15, 0, 500, "DSN=odbc_default_dsn;"},
+        {"  vesk_pg  ", "vesk_pg", true, false, 15, 0, 500, "DSN=vesk_pg;"},
+        {"source=vesk_pg", "vesk_pg", true, false, 15, 0, 500, "DSN=vesk_pg;"},
+        {"source=" + conn, conn, false, false, 15, 0, 500, conn},
+        {"source=" + conn + "|read_only=true", conn, false, true, 15, 0, 500, conn},
+        {"read_only=false|source=x|login_timeout_s=0|query_timeout_s=86400|rows_per_statement=1",
+         "x", true, false, 0, 86400, 1, "DSN=x;"},
+        {"source = x | rows_per_statement = 500 ", "x", true, false, 15, 0, 500, "DSN=x;"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.text);
+        OdbcParameters p;
+        std::string error;
+        ASSERT_TRUE(parse_odbc_parameters(c.text, p, error)) << error;
+        EXPECT_EQ(p.source, c.source);
+        EXPECT_EQ(p.source_is_dsn, c.is_dsn);
+        EXPECT_EQ(p.read_only, c.read_only);
+        EXPECT_EQ(p.login_timeout_s, c.login);
+        EXPECT_EQ(p.query_timeout_s, c.query);
+        EXPECT_EQ(p.rows_per_statement, c.rows);
+        EXPECT_EQ(p.connection_string(), c.connect);
+    }
+}
+
+TEST(OdbcParameters, RefusesMalformedStringsNamingTheCulprit) {
+    struct Case {
+        std::string text;
+        std::string named;  // must appear in the message
+    } cases[] = {
+        {"", "empty"},
+        {"   ", "empty"},
+        {"two words", "two words"},
+        {"source=x|bogus=1", "\"bogus\""},
+        {"source=x|Source=y", "\"Source\""},
+        {"source=x|source=y", "given twice"},
+        {"source=x|read_only=yes", "\"read_only\" has value \"yes\""},
+        {"source=x|read_only=", "\"read_only\""},
+        {"source=x|read_only=TRUE", "\"read_only\""},
+        {"source=x|login_timeout_s=-1", "\"login_timeout_s\""},
+        {"source=x|query_timeout_s=86401", "\"query_timeout_s\""},
+        {"source=x|query_timeout_s=1e3", "\"query_timeout_s\""},
+        {"source=x|rows_per_statement=0", "\"rows_per_statement\""},
+        {"source=x|rows_per_statement=501", "\"rows_per_statement\""},
+        {"source=x|rows_per_statement=99999999999", "\"rows_per_statement\""},
+        {"source=", "\"source\""},
+        {"source=a b", "\"source\""},
+        {"read_only=true", "\"source\" is missing"},
+        {"source=x|", "is not key=value"},
+        {"source=x|dsn", "\"dsn\""},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.text);
+        OdbcParameters p;
+        std::string error;
+        EXPECT_FALSE(parse_odbc_parameters(c.text, p, error));
+        EXPECT_NE(error.find(c.named), std::string::npos) << error;
+    }
+}
+
+TEST(TextCheck, AcceptsValidUtf8AndFindsTheFirstFault) {
+    const std::string valid[] = {"",
+                                 "plain",
+                                 "\x7f",
+                                 "\xc2\x80",
+                                 "\xdf\xbf",
+                                 "\xe0\xa0\x80",
+                                 "\xed\x9f\xbf",
+                                 "\xee\x80\x80",
+                                 "\xef\xbf\xbf",
+                                 "\xf0\x90\x80\x80",
+                                 "\xf4\x8f\xbf\xbf",
+                                 "caf\xc3\xa9"};
+    for (const std::string& v : valid) EXPECT_FALSE(text_problem(v).has_value()) << v;
+
+    struct Case {
+        std::string text;
+        std::string problem;
+    } cases[] = {
+        {std::string("ab\0c", 4), "NUL byte at offset 2"},
+        {"\x80", "UTF-8 at offset 0"},
+        {"ok\xc0\xaf", "UTF-8 at offset 2"},        // overlong "/"
+        {"\xc1\xbf", "UTF-8 at offset 0"},          // overlong
+        {"\xe0\x9f\xbf", "UTF-8 at offset 0"},      // overlong three-byte
+        {"\xed\xa0\x80", "UTF-8 at offset 0"},      // surrogate
+        {"\xf0\x8f\xbf\xbf", "UTF-8 at offset 0"},  // overlong four-byte
+        {"\xf4\x90\x80\x80", "UTF-8 at offset 0"},  // above U+10FFFF
+        {"\xf5\x80\x80\x80", "UTF-8 at offset 0"},
+        {"abc\xe2\x82", "UTF-8 at offset 3"},  // cut short
+        {"\xc3\x28", "UTF-8 at offset 0"},     // bad continuation
+        {"\xc3\xa9\xff", "UTF-8 at offset 2"},
+    };
+    for (const Case& c : cases) {
+        const auto problem = text_problem(c.text);
+        ASSERT_TRUE(problem.has_value()) << c.problem;
+        EXPECT_NE(problem->find(c.problem), std::string::npos) << *problem;
+    }
+
+    const std::string message =
+        refused_text_message(3, "STDOUT", "contains a NUL byte at offset 2");
+    for (const char* part : {"row 3", "STDOUT", "NUL byte at offset 2", "base64"})
+        EXPECT_NE(message.find(part), std::string::npos) << message;
+}
+
+}  // namespace
+}  // namespace vesk::datastore::odbc_backend

@@ -1,0 +1,352 @@
+// The PostgreSQL dialect against the real server, compared with what SQLite
+// answers to its own texts on a real SQLite file holding the same rows.
+#include "pg_dialect.h"
+
+#include <algorithm>
+#include <dlfcn.h>
+#include <map>
+#include <optional>
+#include <random>
+#include <string>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+
+#include "vesk/datastore.h"
+
+#include "pg_test_server.h"
+#include "test_support.h"
+
+namespace vesk::test {
+namespace {
+
+namespace vd = vesk::datastore;
+using vd::sql::StepResult;
+
+// Keeps the SQL that the base class hands to select.
+class RecordingInterface final : public vd::interface {
+public:
+    bool is_open() override { return true; }
+    int32_t open(const std::string&) override { return OPERATION_SUCCESSFULL; }
+    int32_t close() override { return OPERATION_SUCCESSFULL; }
+    bool select(std::string sql, std::vector<vd::Row>&,
+                const std::map<std::string, int>&) override {
+        last_sql = sql;
+        return true;
+    }
+    std::string last_sql;
+};
+
+// The staged SQLite extension: creates `file` with its schema (indexes
+// included) and gives its hosts query.
+std::string make_sqlite_datastore(const std::string& file) {
+    void* handle =
+        dlopen((kStageDir + "/datastore/lumok64/libsqlite.so").c_str(), RTLD_NOW | RTLD_LOCAL);
+    if (handle == nullptr) throw std::runtime_error(std::string("dlopen: ") + dlerror());
+    auto create = reinterpret_cast<vd::CreateExtensionFn>(dlsym(handle, "create"));
+    auto destroy = reinterpret_cast<vd::DestroyExtensionFn>(dlsym(handle, "destroy"));
+    if (!create || !destroy) throw std::runtime_error("libsqlite.so lacks create or destroy");
+    vd::DataStoreExtension* instance = create();
+    auto* sql = dynamic_cast<vd::interface*>(instance);
+    if (sql == nullptr) throw std::runtime_error("libsqlite.so gave no interface");
+    instance->instance_name = "dialect_test";
+    const int32_t status = instance->open("source=" + file);
+    const std::string hosts = sql->hosts_query;
+    destroy(instance);
+    dlclose(handle);
+    if (status != 0) throw std::runtime_error("libsqlite.so cannot open " + file);
+    return hosts;
+}
+
+struct TestRow {
+    int64_t rowid;
+    std::string provider, hostname;
+    std::optional<std::string> option_id;
+    std::optional<int64_t> unique_timestamp;
+};
+
+// Few distinct values, so that groups share time stamps, NULL OptionIDs and
+// NULL time stamps.
+std::vector<TestRow> random_rows(unsigned seed) {
+    std::mt19937 rng(seed);
+    const int n = 20 + static_cast<int>(rng() % 120);
+    std::vector<int64_t> ids(static_cast<std::size_t>(n));
+    int64_t id = 0;
+    for (int64_t& slot : ids) slot = id += 1 + static_cast<int64_t>(rng() % 3);  // gaps
+    std::shuffle(ids.begin(), ids.end(), rng);  // insertion order differs from rowid order
+    const char* providers[] = {"p1", "p2", "p3", "uname"};
+    const char* hosts[] = {"h1", "h2", "h3"};
+    const char* options[] = {"a", "b"};
+    std::vector<TestRow> rows;
+    for (int64_t id : ids) {
+        TestRow r;
+        r.rowid = id;
+        r.provider = providers[rng() % 4];
+        r.hostname = hosts[rng() % 3];
+        if (rng() % 3 != 0) r.option_id = options[rng() % 2];
+        if (rng() % 5 != 0) r.unique_timestamp = 1700000000000000 + static_cast<int64_t>(rng() % 4);
+        rows.push_back(std::move(r));
+    }
+    return rows;
+}
+
+class PgDialectTest : public PgTest {
+protected:
+    void SetUp() override {
+        PgTest::SetUp();
+        if (IsSkipped() || HasFatalFailure()) return;
+        // A database of its own, emptied per use.
+        if (query_int(*connection,
+                      "SELECT count(*) FROM pg_database WHERE datname = 'vesk_dialect';") == 0)
+            exec(*connection, "CREATE DATABASE vesk_dialect;");
+        dialect = connect(with_database(conn_string, "vesk_dialect"));
+        ASSERT_NE(dialect, nullptr);
+    }
+
+    void fresh_pg_schema() {
+        exec(*dialect, "DROP VIEW IF EXISTS vesk_1;");
+        exec(*dialect, "DROP TABLE IF EXISTS provider_datastore, baseline_datastore;");
+        std::string error;
+        ASSERT_TRUE(vd::odbc_backend::pg::create_schema(*dialect, error)) << error;
+    }
+
+    void insert_pg(const std::vector<TestRow>& rows) {
+        ASSERT_TRUE(dialect->begin());
+        auto s = dialect->prepare(
+            "INSERT INTO provider_datastore(rowid, Provider, Hostname, num_nodes, node_names, "
+            "Exit_status, Timestamp, Duration, Encoding, STDOUT, STDERR, OptionID, version, "
+            "Username, Unique_timestamp) VALUES(?, ?, ?, 1, 'n1', 0, 1700000000, 0.5, 0, 'out', "
+            "'', ?, 1, 'u', ?);");
+        ASSERT_NE(s, nullptr) << dialect->last_error().message;
+        for (const TestRow& r : rows) {
+            ASSERT_TRUE(s->bind_int64(1, r.rowid) && s->bind_text(2, r.provider) &&
+                        s->bind_text(3, r.hostname));
+            ASSERT_TRUE(r.option_id ? s->bind_text(4, *r.option_id) : s->bind_null(4));
+            ASSERT_TRUE(r.unique_timestamp ? s->bind_int64(5, *r.unique_timestamp)
+                                           : s->bind_null(5));
+            ASSERT_EQ(s->step(), StepResult::done) << dialect->last_error().message;
+            ASSERT_TRUE(s->reset());
+        }
+        ASSERT_TRUE(dialect->commit()) << dialect->last_error().message;
+    }
+
+    std::vector<int64_t> pg_rowids(const std::string& sql) {
+        std::vector<int64_t> ids;
+        auto s = dialect->prepare(sql);
+        EXPECT_NE(s, nullptr) << sql << ": " << dialect->last_error().message;
+        if (!s) return ids;
+        EXPECT_EQ(s->column_count(), 0);  // not run yet
+        StepResult r;
+        while ((r = s->step()) == StepResult::row) {
+            EXPECT_EQ(s->column_name(0), "rowid");
+            ids.push_back(s->column_int64(0));
+        }
+        EXPECT_EQ(r, StepResult::done) << sql << ": " << dialect->last_error().message;
+        std::sort(ids.begin(), ids.end());
+        return ids;
+    }
+
+    std::unique_ptr<vd::odbc_backend::OdbcConnection> dialect;
+};
+
+void insert_sqlite(sqlite3* db, const std::vector<TestRow>& rows) {
+    ASSERT_EQ(sqlite3_exec(db, "BEGIN;", nullptr, nullptr, nullptr), SQLITE_OK);
+    sqlite3_stmt* s = nullptr;
+    ASSERT_EQ(sqlite3_prepare_v2(
+                  db,
+                  "INSERT INTO provider_datastore(rowid, Provider, Hostname, num_nodes, "
+                  "node_names, Exit_status, Timestamp, Duration, Encoding, STDOUT, STDERR, "
+                  "OptionID, version, Username, Unique_timestamp) VALUES(?, ?, ?, 1, 'n1', 0, "
+                  "1700000000, 0.5, 0, 'out', '', ?, 1, 'u', ?);",
+                  -1, &s, nullptr),
+              SQLITE_OK)
+        << sqlite3_errmsg(db);
+    for (const TestRow& r : rows) {
+        sqlite3_bind_int64(s, 1, r.rowid);
+        sqlite3_bind_text(s, 2, r.provider.c_str(), -1, SQLITE_TRANSIENT);
+        sqlite3_bind_text(s, 3, r.hostname.c_str(), -1, SQLITE_TRANSIENT);
+        if (r.option_id)
+            sqlite3_bind_text(s, 4, r.option_id->c_str(), -1, SQLITE_TRANSIENT);
+        else
+            sqlite3_bind_null(s, 4);
+        if (r.unique_timestamp)
+            sqlite3_bind_int64(s, 5, *r.unique_timestamp);
+        else
+            sqlite3_bind_null(s, 5);
+        ASSERT_EQ(sqlite3_step(s), SQLITE_DONE) << sqlite3_errmsg(db);
+        sqlite3_reset(s);
+    }
+    sqlite3_finalize(s);
+    ASSERT_EQ(sqlite3_exec(db, "COMMIT;", nullptr, nullptr, nullptr), SQLITE_OK);
+}
+
+std::vector<int64_t> sqlite_rowids(sqlite3* db, const std::string& sql) {
+    std::vector<int64_t> ids;
+    sqlite3_stmt* s = nullptr;
+    EXPECT_EQ(sqlite3_prepare_v2(db, sql.c_str(), -1, &s, nullptr), SQLITE_OK)
+        << sql << ": " << sqlite3_errmsg(db);
+    int rc;
+    while ((rc = sqlite3_step(s)) == SQLITE_ROW) ids.push_back(sqlite3_column_int64(s, 0));
+    EXPECT_EQ(rc, SQLITE_DONE) << sqlite3_errmsg(db);
+    sqlite3_finalize(s);
+    std::sort(ids.begin(), ids.end());
+    return ids;
+}
+
+// Groups (OptionID, Hostname, Provider) whose greatest time stamp is shared
+// by more than one row, or whose time stamps are all NULL: the cases where
+// only the tie-break decides.
+int tie_groups(const std::vector<TestRow>& rows) {
+    std::map<std::string, std::pair<std::optional<int64_t>, int>> best;
+    for (const TestRow& r : rows) {
+        auto& [ts, count] =
+            best[r.option_id.value_or("\x01") + "|" + r.hostname + "|" + r.provider];
+        if (count == 0 || r.unique_timestamp > ts) {
+            ts = r.unique_timestamp;
+            count = 1;
+        } else if (r.unique_timestamp == ts) {
+            ++count;
+        }
+    }
+    int ties = 0;
+    for (const auto& entry : best) ties += entry.second.second > 1 ? 1 : 0;
+    return ties;
+}
+
+TEST_F(PgDialectTest, LatestQueriesReturnTheRowsSqliteReturns) {
+    RecordingInterface base;
+    const struct {
+        std::vector<std::string> providers, hosts;
+    } filters[] = {
+        {{"p1", "p2", "p3", "uname"}, {}},
+        {{"p2"}, {}},
+        {{"p1", "p3"}, {"h1", "h3"}},
+    };
+    int ties = 0;
+    // VESK_DIALECT_SEEDS runs more seeds on demand (40 by default).
+    const char* more = std::getenv("VESK_DIALECT_SEEDS");
+    const unsigned seeds = more ? static_cast<unsigned>(std::atoi(more)) : 40;
+    for (unsigned seed = 1; seed <= seeds; ++seed) {
+        SCOPED_TRACE("seed " + std::to_string(seed));
+        const std::vector<TestRow> rows = random_rows(seed);
+        ties += tie_groups(rows);
+
+        TempDir dir;
+        const std::string file = dir.file("vesk.db");
+        const std::string sqlite_hosts = make_sqlite_datastore(file);
+        sqlite3* db = nullptr;
+        ASSERT_EQ(sqlite3_open(file.c_str(), &db), SQLITE_OK);
+        ASSERT_NO_FATAL_FAILURE(insert_sqlite(db, rows));
+        ASSERT_NO_FATAL_FAILURE(fresh_pg_schema());
+        ASSERT_NO_FATAL_FAILURE(insert_pg(rows));
+
+        for (const auto& f : filters) {
+            std::string condition;
+            ASSERT_TRUE(base.generate_where_clause(f.providers, "Provider", condition));
+            base.generate_where_clause(f.hosts, "Hostname", condition);
+            std::vector<vd::Row> unused;
+
+            ASSERT_TRUE(base.get_latest_rows_provider(f.providers, unused, f.hosts));
+            const auto expected_latest = sqlite_rowids(db, base.last_sql);
+            EXPECT_EQ(pg_rowids(vd::odbc_backend::pg::latest_rows_sql(condition)), expected_latest)
+                << base.last_sql;
+
+            ASSERT_TRUE(base.get_latest_collect_rows(f.providers, unused, f.hosts));
+            const auto expected_run = sqlite_rowids(db, base.last_sql);
+            EXPECT_EQ(pg_rowids(vd::odbc_backend::pg::latest_run_sql(condition)), expected_run)
+                << base.last_sql;
+        }
+        EXPECT_EQ(pg_rowids(vd::odbc_backend::pg::hosts_sql()), sqlite_rowids(db, sqlite_hosts))
+            << sqlite_hosts;
+        sqlite3_close(db);
+        if (HasFailure()) break;
+    }
+    EXPECT_GT(ties, 20);  // the data exercised the tie-breaks
+}
+
+TEST_F(PgDialectTest, SchemaHoldsSqliteValuesAndRowidsContinueAfterExplicitOnes) {
+    fresh_pg_schema();
+    std::string error;
+    ASSERT_TRUE(vd::odbc_backend::pg::create_schema(*dialect, error)) << error;  // again: no error
+    exec(*dialect,
+         "INSERT INTO provider_datastore(rowid, Timestamp, Duration, Unique_timestamp) "
+         "VALUES(41, 1700000000, 0.1, 1700000000123456);");
+    exec(*dialect, "INSERT INTO baseline_datastore(rowid, datastore_rowid) VALUES(7, 41);");
+    for (const std::string& sql : vd::odbc_backend::pg::resync_rowid_statements())
+        exec(*dialect, sql);
+    exec(*dialect, "INSERT INTO provider_datastore(Provider) VALUES('next');");
+    exec(*dialect, "INSERT INTO baseline_datastore(baseline_id) VALUES('next');");
+    EXPECT_EQ(query_int(*dialect, "SELECT rowid FROM vesk_1 WHERE Provider = 'next';"), 42);
+    EXPECT_EQ(
+        query_int(*dialect, "SELECT rowid FROM baseline_datastore WHERE baseline_id = 'next';"), 8);
+
+    auto s = dialect->prepare(
+        "SELECT Duration, Unique_timestamp, Version FROM vesk_1 WHERE rowid = 41;");
+    ASSERT_NE(s, nullptr);
+    ASSERT_EQ(s->step(), StepResult::row) << dialect->last_error().message;
+    EXPECT_EQ(s->column_double(0), 0.1);  // DOUBLE PRECISION, not float4
+    EXPECT_EQ(s->column_int64(1), 1700000000123456);
+    EXPECT_EQ(s->column_name(0), "duration");  // folded to lower case by the server
+}
+
+// Eight processes, connected first, run the schema creation at the same
+// moment on a new database.
+TEST_F(PgDialectTest, SchemaCreationByEightProcessesAtOnce) {
+    constexpr int kProcesses = 8;
+    for (int round = 0; round < 3; ++round) {
+        SCOPED_TRACE(round);
+        const std::string db =
+            "vesk_schema_race_" + std::to_string(getpid()) + "_" + std::to_string(round);
+        exec(*connection, "CREATE DATABASE " + db + ";");
+        const std::string conn = with_database(conn_string, db);
+
+        int ready[2], go[2];
+        ASSERT_EQ(pipe(ready), 0);
+        ASSERT_EQ(pipe(go), 0);
+        std::vector<pid_t> children;
+        for (int i = 0; i < kProcesses; ++i) {
+            const pid_t pid = fork();
+            ASSERT_GE(pid, 0);
+            if (pid == 0) {
+                close(ready[0]);
+                close(go[1]);
+                vd::sql::Error error;
+                auto c = vd::odbc_backend::OdbcConnection::connect(conn, {}, error);
+                char byte = c ? 1 : 0;
+                if (write(ready[1], &byte, 1) != 1 || !c) _exit(2);
+                if (read(go[0], &byte, 1) != 0) _exit(3);  // EOF: everyone is connected
+                std::string message;
+                if (vd::odbc_backend::pg::create_schema(*c, message)) _exit(0);
+                fprintf(stderr, "process %d: %s\n", i, message.c_str());
+                _exit(1);
+            }
+            children.push_back(pid);
+        }
+        close(ready[1]);
+        close(go[0]);
+        for (int i = 0; i < kProcesses; ++i) {
+            char byte = 0;
+            EXPECT_EQ(read(ready[0], &byte, 1), 1);
+            EXPECT_EQ(byte, 1) << "a process could not connect";
+        }
+        close(go[1]);  // releases them all at once
+        close(ready[0]);
+        for (pid_t pid : children) {
+            int status = 0;
+            ASSERT_EQ(waitpid(pid, &status, 0), pid);
+            EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "status " << status;
+        }
+        {
+            auto check = connect(conn);
+            ASSERT_NE(check, nullptr);
+            EXPECT_EQ(query_int(*check, "SELECT count(*) FROM vesk_1;"), 0);
+        }
+        exec(*connection, "DROP DATABASE " + db + ";");
+    }
+}
+
+}  // namespace
+}  // namespace vesk::test

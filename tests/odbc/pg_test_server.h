@@ -1,0 +1,106 @@
+#pragma once
+// The test server started by the ctest fixture (tests/odbc/pg-server): its
+// connection string, a database of one's own, and plain statement runners.
+
+#include <cstdlib>
+#include <fstream>
+#include <memory>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "odbc_connection.h"
+
+namespace vesk::test {
+
+// The fixture's connection string; empty with `why` set when there is none.
+// The fixture's state folder is the parent of ODBCSYSINI (see CMakeLists.txt).
+inline std::string pg_connection_string(std::string& why) {
+    const char* sysini = std::getenv("ODBCSYSINI");
+    const std::string suffix = "/odbcsysini";
+    const std::string path = sysini ? sysini : "";
+    if (path.size() <= suffix.size() ||
+        path.compare(path.size() - suffix.size(), suffix.size(), suffix) != 0) {
+        why =
+            "ODBCSYSINI does not name the fixture's folder: run the test through ctest, whose "
+            "fixture starts the server";
+        return "";
+    }
+    const std::string state_folder = path.substr(0, path.size() - suffix.size());
+    const char* state = state_folder.c_str();
+    std::ifstream unavailable(std::string(state) + "/unavailable");
+    if (unavailable) {
+        std::getline(unavailable, why);
+        return "";
+    }
+    std::ifstream in(std::string(state) + "/connection-string");
+    std::string line;
+    if (!std::getline(in, line) || line.empty()) {
+        why = std::string("no connection string in ") + state + " (did the fixture start?)";
+        return "";
+    }
+    return line;
+}
+
+// The connection string with another database.
+inline std::string with_database(std::string conn, const std::string& database) {
+    const std::string from = "Database=postgres;";
+    const auto at = conn.find(from);
+    if (at != std::string::npos) conn.replace(at, from.size(), "Database=" + database + ";");
+    return conn;
+}
+
+inline bool running_in_ci() {
+    const char* ci = std::getenv("CI");
+    return ci != nullptr && std::string(ci) == "true";
+}
+
+// Runs `sql` to its end, failing the test on error.
+inline void exec(datastore::sql::Connection& c, const std::string& sql) {
+    auto s = c.prepare(sql);
+    ASSERT_NE(s, nullptr) << sql << ": " << c.last_error().message;
+    datastore::sql::StepResult r;
+    while ((r = s->step()) == datastore::sql::StepResult::row) {
+    }
+    ASSERT_EQ(r, datastore::sql::StepResult::done) << sql << ": " << c.last_error().message;
+}
+
+// The first column of the first row of `sql` as a number.
+inline int64_t query_int(datastore::sql::Connection& c, const std::string& sql) {
+    auto s = c.prepare(sql);
+    if (!s || s->step() != datastore::sql::StepResult::row) {
+        ADD_FAILURE() << sql << ": " << c.last_error().message;
+        return -1;
+    }
+    return s->column_int64(0);
+}
+
+// A test fixture with `conn_string` set and `connection` open to the server;
+// skips (fails under CI=true) when the fixture has no server.
+class PgTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        std::string why;
+        conn_string = pg_connection_string(why);
+        if (conn_string.empty()) {
+            if (running_in_ci()) FAIL() << "no PostgreSQL test server: " << why;
+            GTEST_SKIP() << "no PostgreSQL test server: " << why;
+        }
+        connection = connect(conn_string);
+        ASSERT_NE(connection, nullptr);
+    }
+
+    static std::unique_ptr<datastore::odbc_backend::OdbcConnection> connect(
+        const std::string& conn) {
+        datastore::sql::Error error;
+        auto c = datastore::odbc_backend::OdbcConnection::connect(conn, {}, error);
+        EXPECT_NE(c, nullptr) << "cannot connect: " << error.message;
+        if (c) c->set_require_utf8(true);
+        return c;
+    }
+
+    std::string conn_string;
+    std::unique_ptr<datastore::odbc_backend::OdbcConnection> connection;
+};
+
+}  // namespace vesk::test

@@ -1,0 +1,83 @@
+// The check command: SQLite's own integrity check of every configured
+// SQLite datastore, read-only.
+#include <algorithm>
+#include <memory>
+#include <unistd.h>
+
+#include <sqlite3.h>
+
+#include "commands.h"
+#include "errors.h"
+#include "session.h"
+
+namespace vesk::tool {
+
+namespace {
+
+struct CloseDb {
+    void operator()(sqlite3* db) const { sqlite3_close_v2(db); }
+};
+struct Finalize {
+    void operator()(sqlite3_stmt* stmt) const { sqlite3_finalize(stmt); }
+};
+
+// SQLite's findings for `file` ("ok" alone when it is sound), or why the
+// check could not run.
+std::vector<std::string> integrity_check(const std::string& file) {
+    sqlite3* raw = nullptr;
+    const int rc = sqlite3_open_v2(file.c_str(), &raw, SQLITE_OPEN_READONLY, nullptr);
+    std::unique_ptr<sqlite3, CloseDb> db(raw);
+    if (rc != SQLITE_OK)
+        return {std::string("cannot open: ") + (raw ? sqlite3_errmsg(raw) : sqlite3_errstr(rc))};
+    sqlite3_busy_timeout(db.get(), 5000);
+    sqlite3_stmt* stmt_raw = nullptr;
+    if (sqlite3_prepare_v2(db.get(), "PRAGMA integrity_check;", -1, &stmt_raw, nullptr) !=
+        SQLITE_OK)
+        return {sqlite3_errmsg(db.get())};
+    std::unique_ptr<sqlite3_stmt, Finalize> stmt(stmt_raw);
+    std::vector<std::string> findings;
+    int step;
+    while ((step = sqlite3_step(stmt.get())) == SQLITE_ROW) {
+        const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(stmt.get(), 0));
+        // One answer may hold several findings, one per line.
+        std::string all = text ? text : "";
+        for (size_t start = 0; start <= all.size();) {
+            const size_t end = std::min(all.find('\n', start), all.size());
+            if (end > start) findings.push_back(all.substr(start, end - start));
+            start = end + 1;
+        }
+    }
+    if (step != SQLITE_DONE) findings.emplace_back(sqlite3_errmsg(db.get()));
+    return findings;
+}
+
+}  // namespace
+
+int cmd_check(const GlobalOptions& global) {
+    const auto configs = selected_configs(global);
+    Table table{{"datastore", "file", "result"}, {}};
+    Json list = Json::array();
+    bool all_ok = true;
+    size_t checked = 0;
+    for (const auto& config : configs) {
+        const std::string file = datastore_file(config);
+        if (file.empty()) continue;
+        ++checked;
+        if (::access(file.c_str(), F_OK) != 0)
+            throw ToolError(kExitError, "no datastore at " + file);
+        const std::vector<std::string> findings = integrity_check(file);
+        const bool ok = findings.size() == 1 && findings[0] == "ok";
+        all_ok = all_ok && ok;
+        for (const auto& finding : findings)
+            table.rows.push_back({config.instance_name, file, finding});
+        list.push_back({{"datastore", config.instance_name},
+                        {"file", file},
+                        {"ok", ok},
+                        {"findings", findings}});
+    }
+    if (checked == 0) throw ToolError(kExitError, "no SQLite datastore is configured");
+    print_result(global.format, list, table);
+    return all_ok ? kExitOk : kExitError;
+}
+
+}  // namespace vesk::tool
