@@ -10,16 +10,16 @@
 //   max_length       lowers SQLite's length limit of one value or row
 //                    (SQLITE_LIMIT_LENGTH, default 1000000000 bytes)
 // Besides the operation codes 512 to 520 of interface, an instance answers
-// the codes below through control (and so through execute_ioctl). One
-// instance holds one connection: use it from one thread at a time.
+// the project's codes of operations.h (bulk insert). One instance holds one
+// connection: use it from one thread at a time.
 
 #include <cstdint>
 
+#include "vesk/datastore/operations.h"
+
 namespace vesk::datastore {
 
-// Bulk insert: `in` points to a const std::vector<InsertRecord>, `out` and
-// `extra` are ignored (may be null). The rows are checked like single inserts
-// and written in one transaction: all of them or none.
-constexpr uint16_t SQLITE_BULK_INSERT = 1024;
+// The former name of OP_BULK_INSERT, kept for existing callers.
+constexpr uint16_t SQLITE_BULK_INSERT = OP_BULK_INSERT;
 
 }  // namespace vesk::datastore
