@@ -34,7 +34,8 @@
 #include <sqlite3.h>
 
 #include "vesk/datastore.h"
-#include "vesk/datastore/sqlite_extension.h"
+#include "vesk/datastore/operations.h"
+#include "vesk/datastore/row_fields.h"
 
 #include "bench_support.h"
 
@@ -119,10 +120,15 @@ sqlite3* raw_open(const std::string& file, bool with_indexes = true) {
     return db;
 }
 
-const char* const kInsertSql =
-    "INSERT INTO provider_datastore(Provider, Hostname, num_nodes, node_names, Exit_status, "
-    "Timestamp, Duration, Encoding, STDOUT, STDERR, OptionID, version, Username, "
-    "Unique_timestamp) VALUES(?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, ?10, ?11, ?12, ?13, ?14);";
+// Every column but rowid, from the field table, bound as ?1 to ?14.
+const std::string kInsertSqlText = [] {
+    std::string values;
+    for (size_t i = 1; i < vd::kRowFieldCount; ++i)
+        values += (i > 1 ? ", ?" : "?") + std::to_string(i);
+    return "INSERT INTO " + vd::table_name + "(" + vd::row_column_list(1) + ") VALUES(" + values +
+           ");";
+}();
+const char* const kInsertSql = kInsertSqlText.c_str();
 
 // Raw insert of one record from its strings, as an application would write it.
 struct RawInserter {
@@ -180,7 +186,7 @@ double bulk_insert_library(Where where, const std::vector<vd::InsertRecord>& rec
     const std::string name = open_datastore("source=" + source_of(where));
     settle();
     const auto start = BenchClock::now();
-    if (!vd::execute_ioctl({name}, vd::SQLITE_BULK_INSERT, &records, nullptr, nullptr, nullptr))
+    if (!vd::execute_ioctl({name}, vd::OP_BULK_INSERT, &records, nullptr, nullptr, nullptr))
         std::abort();
     const double seconds = Seconds(BenchClock::now() - start).count();
     vd::DataStoreParseUtility::clear_db_vector();

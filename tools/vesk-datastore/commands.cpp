@@ -19,6 +19,7 @@
 #include "tessdb/tessdb.h"
 #include "vesk/datastore/parse_utility.h"
 #include "vesk/datastore/queries.h"
+#include "vesk/datastore/row_fields.h"
 #include "vesk/datastore/vocabulary.h"
 #include "vesk/str.h"
 
@@ -317,10 +318,11 @@ void sort_rows(std::vector<Row>& rows) {
 namespace {
 
 // The columns of a printed row, in every format.
-const std::vector<std::string> kRowColumns = {
-    "rowid",       "Provider",  "Hostname", "num_nodes", "node_names",
-    "Exit_status", "Timestamp", "Duration", "Encoding",  "STDOUT",
-    "STDERR",      "OptionID",  "version",  "Username",  "Unique_timestamp"};
+const std::vector<std::string> kRowColumns = [] {
+    std::vector<std::string> names;
+    for (const auto& field : vesk::datastore::kRowFields) names.emplace_back(field.name);
+    return names;
+}();
 
 std::string join_nodes(const std::vector<std::string>& names) {
     std::string text;
@@ -330,21 +332,28 @@ std::string join_nodes(const std::vector<std::string>& names) {
 
 // A row's cells under kRowColumns; the texts as stored.
 std::vector<std::string> row_cells(const Row& row) {
-    return {std::to_string(row.rowid),
-            row.Provider,
-            row.Hostname,
-            std::to_string(row.num_nodes),
-            join_nodes(row.node_names),
-            std::to_string(row.Exit_status),
-            std::to_string(row.Timestamp),
-            format_seconds(row.Duration),
-            std::to_string(row.Encoding),
-            row.STDOUT,
-            row.STDERR,
-            row.OptionID,
-            std::to_string(row.version),
-            row.Username,
-            std::to_string(row.Unique_timestamp)};
+    using vesk::datastore::FieldKind;
+    std::vector<std::string> cells;
+    for (const auto& field : vesk::datastore::kRowFields) {
+        switch (field.kind) {
+            case FieldKind::int32:
+                cells.push_back(std::to_string(row.*field.int32));
+                break;
+            case FieldKind::int64:
+                cells.push_back(std::to_string(row.*field.int64));
+                break;
+            case FieldKind::real:
+                cells.push_back(format_seconds(row.*field.real));
+                break;
+            case FieldKind::text:
+                cells.push_back(row.*field.text);
+                break;
+            case FieldKind::node_list:
+                cells.push_back(join_nodes(row.*field.list));
+                break;
+        }
+    }
+    return cells;
 }
 
 // Indexes of the columns a table shows: all but the two output texts.

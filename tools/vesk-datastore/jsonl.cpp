@@ -7,6 +7,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "vesk/datastore/row_fields.h"
 #include "vesk/datastore/vocabulary.h"
 #include "vesk/str.h"
 
@@ -102,13 +103,11 @@ private:
     };
 
     static int column_of(const std::string& key) {
-        static const std::string_view names[] = {
-            "rowid",       "Provider",  "Hostname", "num_nodes", "node_names",
-            "Exit_status", "Timestamp", "Duration", "Encoding",  "STDOUT",
-            "STDERR",      "OptionID",  "version",  "Username",  "Unique_timestamp"};
         const std::string_view k(key);
-        for (int i = 0; i < 15; ++i)
-            if (names[i].size() == k.size() && names[i][0] == k[0] && names[i] == k) return i;
+        for (size_t i = 0; i < vesk::datastore::kRowFieldCount; ++i) {
+            const std::string_view name(vesk::datastore::kRowFields[i].name);
+            if (name.size() == k.size() && name[0] == k[0] && name == k) return static_cast<int>(i);
+        }
         return -1;
     }
 

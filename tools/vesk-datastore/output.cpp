@@ -12,6 +12,8 @@
 #include <streambuf>
 #include <unistd.h>
 
+#include "vesk/datastore/row_fields.h"
+
 #include "codec.h"
 #include "errors.h"
 
@@ -259,22 +261,27 @@ std::string format_seconds(double seconds) {
 }
 
 Json row_to_json(const vesk::datastore::Row& row) {
+    using vesk::datastore::FieldKind;
     Json j = Json::object();
-    j["rowid"] = row.rowid;
-    j["Provider"] = row.Provider;
-    j["Hostname"] = row.Hostname;
-    j["num_nodes"] = row.num_nodes;
-    j["node_names"] = row.node_names;
-    j["Exit_status"] = row.Exit_status;
-    j["Timestamp"] = row.Timestamp;
-    j["Duration"] = row.Duration;
-    j["Encoding"] = row.Encoding;
-    j["STDOUT"] = row.STDOUT;
-    j["STDERR"] = row.STDERR;
-    j["OptionID"] = row.OptionID;
-    j["version"] = row.version;
-    j["Username"] = row.Username;
-    j["Unique_timestamp"] = row.Unique_timestamp;
+    for (const auto& field : vesk::datastore::kRowFields) {
+        switch (field.kind) {
+            case FieldKind::int32:
+                j[field.name] = row.*field.int32;
+                break;
+            case FieldKind::int64:
+                j[field.name] = row.*field.int64;
+                break;
+            case FieldKind::real:
+                j[field.name] = row.*field.real;
+                break;
+            case FieldKind::text:
+                j[field.name] = row.*field.text;
+                break;
+            case FieldKind::node_list:
+                j[field.name] = row.*field.list;
+                break;
+        }
+    }
     return j;
 }
 

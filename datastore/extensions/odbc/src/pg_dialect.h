@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "vesk/datastore/sql/dialect.h"
 #include "vesk/datastore/sql/statement.h"
 
 namespace vesk::datastore::odbc_backend::pg {
@@ -31,6 +32,19 @@ std::string latest_rows_sql(const std::string& condition);
 std::string latest_run_sql(const std::string& condition);
 // The latest "uname" row per host (the hosts query, operation 512).
 std::string hosts_sql();
+
+// The texts above as the kit's dialect record, for an extension built on it.
+class PgDialect final : public sql::Dialect {
+public:
+    std::vector<std::string> create_statements() const override { return schema_statements(); }
+    std::string latest_rows_sql(const std::string& condition) const override {
+        return pg::latest_rows_sql(condition);
+    }
+    std::string latest_run_sql(const std::string& condition) const override {
+        return pg::latest_run_sql(condition);
+    }
+    std::string hosts_sql() const override { return pg::hosts_sql(); }
+};
 
 // Moves the rowid sequences past the greatest rowid, after rows were written
 // with explicit rowids (otherwise the next insert collides with 23505).

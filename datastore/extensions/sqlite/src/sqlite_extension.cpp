@@ -67,36 +67,32 @@
 
 #include "vesk/datastore/interface.h"
 #include "vesk/datastore/parameter_pack.h"
+#include "vesk/datastore/sql/checks.h"
+#include "vesk/datastore/sql/sql_extension.h"
 #include "vesk/datastore/vocabulary.h"
 #include "vesk/log.h"
 #include "vesk/str.h"
 
-#include "checks.h"
-#include "row_reader.h"
+#include "sqlite_connection.h"
 
 namespace vesk::datastore {
 namespace {
 
 using Clock = std::chrono::steady_clock;
-using sqlite_ext::kBaselineFields;
-using sqlite_ext::kRowFields;
 
 constexpr int kErrorLevel = 3;
-constexpr int kInfoLevel = 6;
 constexpr long long kDefaultBusyTimeoutMs = 60000;
 constexpr long long kDefaultQueryTimeoutMs = 60000;
 constexpr long long kDefaultMaxResultBytes = 4LL << 30;
 // SQLite counts the bytes of a stored row a little beyond its values.
 constexpr long long kRowOverhead = 128;
-// Not an SQLite code: a write that the extension refused itself.
-constexpr int kRefused = -1;
 
 #define VESK_SQLITE_LOG(level) vesk::log::ErrorLog(__FILE__, __func__, __LINE__, level).stream()
 
 // The keys of the parameter string and the grammar of their values.
-const checks::KnownKeys& known_keys() {
-    using checks::ValueKind;
-    static const checks::KnownKeys keys{
+const sql::checks::KnownKeys& known_keys() {
+    using sql::checks::ValueKind;
+    static const sql::checks::KnownKeys keys{
         {"source", ValueKind::text},
         {"read_only", ValueKind::boolean},
         {"busy_timeout_ms", ValueKind::milliseconds},
@@ -299,88 +295,65 @@ private:
     bool stopping_ = false;
 };
 
-class SqliteExtension final : public interface {
+class SqliteExtension final : public sql::SqlExtension {
 public:
-    SqliteExtension() {
-        // Operation 512: the latest "uname" row of every host.
-        hosts_query = "SELECT *, MAX(Unique_timestamp) FROM " + table_view +
-                      " WHERE Provider = 'uname' GROUP BY Hostname;";
-    }
+    SqliteExtension() : sql::SqlExtension(sql::default_dialect()) {}
     ~SqliteExtension() override { close(); }
     SqliteExtension(const SqliteExtension&) = delete;
     SqliteExtension& operator=(const SqliteExtension&) = delete;
 
     bool is_open() override { return db_ != nullptr; }
-
-    int32_t control(uint16_t op, const void* in, void* out, void* extra) override {
-        if (op != SQLITE_BULK_INSERT) return interface::control(op, in, out, extra);
-        try {
-            if (in == nullptr) {
-                VESK_SQLITE_LOG(kErrorLevel) << where() << "bulk insert without rows";
-                return OPERATION_UNSUCCESSFULL;
-            }
-            return bulk_insert(*static_cast<const std::vector<InsertRecord>*>(in))
-                       ? OPERATION_SUCCESSFULL
-                       : OPERATION_UNSUCCESSFULL;
-        } catch (...) {
-            return OPERATION_UNSUCCESSFULL;
-        }
-    }
-
     int32_t open(const std::string& parameters) override;
     int32_t close() override;
 
-    bool insert(const vesk::provider::header& header, const std::string& option_id,
-                const std::string& std_out, const std::string& std_err) override;
-    // An empty field map stands for the standard one of the record.
-    bool select(std::string sql, std::vector<Row>& rows,
-                const std::map<std::string, int>& fields) override {
-        return run_select(sql, rows, fields.empty() ? row_field_index : fields, kRowFields);
+protected:
+    sql::Connection* connection() override { return connection_.get(); }
+    bool read_only() const override { return read_only_; }
+    // "sqlite datastore "<instance>" (<file>): ", the start of every message.
+    std::string where() const override {
+        return "sqlite datastore \"" + instance_name + "\" (" + path_ + "): ";
     }
-    bool select_from_baseline(std::string sql, std::vector<Row_baseline>& rows,
-                              const std::map<std::string, int>& fields) override {
-        return run_select(sql, rows, fields.empty() ? baseline_field_index : fields,
-                          kBaselineFields);
+    Outcome attempt(const std::function<Outcome()>& work) override {
+        Outcome outcome = Outcome::failed;
+        retry_busy([&] {
+            outcome = work();
+            return outcome == Outcome::failed
+                       ? static_cast<int>(connection_->last_error().native_code)
+                       : SQLITE_OK;
+        });
+        return outcome;
     }
-    bool update_snapshot(const std::map<std::string, ProviderInfoSet>& snapshots) override;
-    bool remove_snapshot(const std::string& baseline_id) override;
-    bool query_baseline_ids(SnapshotInfoSet& ids) override;
-
-    // The builders of the base class quote names without escaping them: a
-    // name with a quote could end the literal and add SQL of its own.
-    bool select_provider(std::vector<std::string> providers, std::vector<Row>& rows,
-                         std::string filter) override {
-        if (!literal_safe(providers, "provider")) return false;
-        return interface::select_provider(std::move(providers), rows, std::move(filter));
+    std::string describe(const sql::Error& error) const override {
+        const int rc = static_cast<int>(error.native_code);
+        return reason(rc) + (rc == SQLITE_TOOBIG ? " (SQLITE_LIMIT_LENGTH)" : "");
     }
-    bool get_latest_rows_provider(std::vector<std::string> providers, std::vector<Row>& rows,
-                                  std::vector<std::string> hosts) override {
-        if (!literal_safe(providers, "provider") || !literal_safe(hosts, "host")) return false;
-        return interface::get_latest_rows_provider(std::move(providers), rows, std::move(hosts));
+    std::string row_size_problem(size_t bytes) const override {
+        const long long total = static_cast<long long>(bytes) + kRowOverhead;
+        if (total <= length_limit_) return "";
+        return "row of about " + std::to_string(total) +
+               " bytes exceeds SQLite's length limit of " + std::to_string(length_limit_) +
+               " bytes (SQLITE_LIMIT_LENGTH)";
     }
-    bool get_latest_collect_rows(std::vector<std::string> providers, std::vector<Row>& rows,
-                                 std::vector<std::string> hosts) override {
-        if (!literal_safe(providers, "provider") || !literal_safe(hosts, "host")) return false;
-        return interface::get_latest_collect_rows(std::move(providers), rows, std::move(hosts));
+    std::unique_ptr<sql::Statement> prepare_query(const std::string& sql) override;
+    void start_query() override {
+        watchdog_.arm(db_.get(), Clock::now() + std::chrono::milliseconds(query_timeout_ms_));
     }
-    bool get_snapshot_provider(std::string baseline_id,
-                               std::map<std::string, std::vector<Row>>& rows_by_provider,
-                               std::map<std::string, std::vector<Row_baseline>>& baselines,
-                               std::vector<std::string> providers,
-                               std::vector<std::string> hosts) override {
-        if (!literal_safe({baseline_id}, "snapshot") || !literal_safe(providers, "provider") ||
-            !literal_safe(hosts, "host"))
-            return false;
-        return interface::get_snapshot_provider(std::move(baseline_id), rows_by_provider, baselines,
-                                                std::move(providers), std::move(hosts));
+    bool end_query() override {
+        // The authorizer is consulted while the statement is prepared (and
+        // prepared again after a schema change), so it stays on until the
+        // end; the watchdog is disarmed before anything else happens to the
+        // connection.
+        const bool fired = watchdog_.disarm();
+        if (db_) sqlite3_set_authorizer(db_.get(), nullptr, nullptr);
+        return fired ||
+               (connection_ && (connection_->last_error().native_code & 0xff) == SQLITE_INTERRUPT);
+    }
+    std::string time_limit_text() const override {
+        return "statement stopped after query_timeout_ms (" + std::to_string(query_timeout_ms_) +
+               " ms)";
     }
 
 private:
-    // "sqlite datastore "<instance>" (<file>): ", the start of every message.
-    std::string where() const {
-        return "sqlite datastore \"" + instance_name + "\" (" + path_ + "): ";
-    }
-
     // What went wrong, from SQLite's answer `rc`: the cause first, SQLite's
     // own words and the code's name after it.
     std::string reason(int rc) const;
@@ -396,7 +369,6 @@ private:
     bool configure_connection();
     bool use_wal();
     bool create_schema();
-    bool prepare_statements();
     void release();
 
     // Runs `attempt` (which answers an SQLite code) again while it answers
@@ -418,32 +390,6 @@ private:
     }
     void pause(int step);
 
-    StmtPtr prepare(const std::string& sql, unsigned flags = 0) {
-        sqlite3_stmt* stmt = nullptr;
-        const int rc = retry_busy([&] {
-            sqlite3_finalize(stmt);
-            stmt = nullptr;
-            return sqlite3_prepare_v3(db_.get(), sql.c_str(), static_cast<int>(sql.size()), flags,
-                                      &stmt, nullptr);
-        });
-        if (rc != SQLITE_OK) {
-            VESK_SQLITE_LOG(kErrorLevel)
-                << where() << "cannot prepare \"" << sql << "\": " << reason(rc);
-            sqlite3_finalize(stmt);
-            return nullptr;
-        }
-        return StmtPtr(stmt);
-    }
-
-    // Steps a statement that returns no rows and resets it: SQLITE_DONE or
-    // the code of the failure.
-    static int step_reset(sqlite3_stmt* stmt) {
-        int rc = sqlite3_step(stmt);
-        if (rc == SQLITE_ROW) rc = SQLITE_DONE;
-        const int reset = sqlite3_reset(stmt);
-        return rc == SQLITE_DONE || reset == SQLITE_OK ? rc : reset;
-    }
-
     bool exec(const std::string& sql, int* code = nullptr) {
         const int rc = retry_busy(
             [&] { return sqlite3_exec(db_.get(), sql.c_str(), nullptr, nullptr, nullptr); });
@@ -453,71 +399,11 @@ private:
         return false;
     }
 
-    // Runs `body` (which answers SQLITE_OK or a failure code) in one
-    // BEGIN IMMEDIATE transaction and commits it: all of its writes or none.
-    // A busy answer anywhere rolls back and starts over.
-    template <typename Body>
-    int transaction(Body&& body) {
-        return retry_busy([&] {
-            int rc = step_reset(begin_.get());
-            if (rc != SQLITE_DONE) return rc;
-            rc = body();
-            if (rc == SQLITE_OK) {
-                rc = step_reset(commit_.get());
-                if (rc == SQLITE_DONE) return SQLITE_OK;
-            }
-            if (!sqlite3_get_autocommit(db_.get())) step_reset(rollback_.get());
-            return rc;
-        });
-    }
-
-    bool writable(const char* what) {
-        if (!db_) {
-            VESK_SQLITE_LOG(kErrorLevel) << where() << what << ": the datastore is not open";
-            return false;
-        }
-        if (read_only_) {
-            VESK_SQLITE_LOG(kErrorLevel) << where() << what << ": the datastore is read-only";
-            return false;
-        }
-        return true;
-    }
-
-    bool literal_safe(const std::vector<std::string>& names, const char* what) {
-        for (const auto& name : names) {
-            if (name.find('\'') == std::string::npos && name.find('\0') == std::string::npos)
-                continue;
-            VESK_SQLITE_LOG(kErrorLevel)
-                << where() << "refused " << what << " name with a quote: " << name;
-            return false;
-        }
-        return true;
-    }
-
-    // Empty when the row may be stored, else why not. Sets node_bytes_ to
-    // the size of the joined node list.
-    std::string check_row(const vesk::provider::header& header, const std::string& option_id,
-                          const std::string& std_out, const std::string& std_err);
-    // Binds one row straight from the caller's strings and steps the insert.
-    int write_row(const vesk::provider::header& header, const std::string& option_id,
-                  const std::string& std_out, const std::string& std_err);
-    bool bulk_insert(const std::vector<InsertRecord>& records);
-
-    template <typename Record>
-    bool run_select(const std::string& sql, std::vector<Record>& out,
-                    const std::map<std::string, int>& fields, int field_count);
-    template <typename Record>
-    int read_rows(sqlite3_stmt* stmt, const std::vector<int>& columns, std::vector<Record>& out,
-                  size_t first);
-
     static int busy_wait(void* self, int attempt);
 
-    // Declared before the statements, so that they are finalized first.
+    // Declared before the connection, so that it is closed last.
     DbPtr db_;
-    StmtPtr insert_;
-    StmtPtr begin_;
-    StmtPtr commit_;
-    StmtPtr rollback_;
+    std::unique_ptr<sqlite_ext::SqliteConnection> connection_;
     Watchdog watchdog_;
 
     std::string path_;
@@ -528,13 +414,45 @@ private:
     bool in_call_ = false;
     long long busy_timeout_ms_ = kDefaultBusyTimeoutMs;
     long long query_timeout_ms_ = kDefaultQueryTimeoutMs;
-    long long max_result_bytes_ = kDefaultMaxResultBytes;
     long long length_limit_ = 0;
     Clock::time_point deadline_;  // of the call that is waiting
     unsigned random_ = 0;
-    size_t node_bytes_ = 0;
-    std::string node_text_;  // joined node list of the row being written
 };
+
+// The caller's statement, prepared under the read-only authorizer: exactly
+// one statement, and one that does not write.
+std::unique_ptr<sql::Statement> SqliteExtension::prepare_query(const std::string& sql) {
+    ::sqlite3* db = db_.get();
+    sqlite3_set_authorizer(db, &read_only_authorizer, nullptr);
+    sqlite3_stmt* raw = nullptr;
+    const char* tail = nullptr;
+    const int rc = retry_busy([&] {
+        sqlite3_finalize(raw);
+        raw = nullptr;
+        return sqlite3_prepare_v3(db, sql.c_str(), static_cast<int>(sql.size()), 0, &raw, &tail);
+    });
+    if (rc != SQLITE_OK) {
+        sqlite3_finalize(raw);
+        VESK_SQLITE_LOG(kErrorLevel)
+            << where() << "refused statement: " << reason(rc) << ": " << sql;
+        return nullptr;
+    }
+    if (raw == nullptr) {
+        VESK_SQLITE_LOG(kErrorLevel) << where() << "refused statement: it is empty";
+        return nullptr;
+    }
+    std::unique_ptr<sql::Statement> stmt = sqlite_ext::wrap(*connection_, raw);
+    if (!is_blank(tail)) {
+        VESK_SQLITE_LOG(kErrorLevel)
+            << where() << "refused statement: text after the first statement: " << sql;
+        return nullptr;
+    }
+    if (!sqlite3_stmt_readonly(raw)) {
+        VESK_SQLITE_LOG(kErrorLevel) << where() << "refused statement: it writes: " << sql;
+        return nullptr;
+    }
+    return stmt;
+}
 
 std::string SqliteExtension::reason(int rc) const {
     ::sqlite3* db = db_.get();
@@ -587,7 +505,7 @@ bool SqliteExtension::open_database(const std::string& parameters) {
     read_only_ = immutable_ = false;
     path_.clear();
     std::map<std::string, std::string> values;
-    if (const std::string why = checks::parse_parameters(parameters, known_keys(), values);
+    if (const std::string why = sql::checks::parse_parameters(parameters, known_keys(), values);
         !why.empty())
         return fail_open("bad parameters \"" + parameters + "\": " + why);
     auto value = [&values](const char* key, const std::string& fallback) {
@@ -642,10 +560,11 @@ bool SqliteExtension::open_database(const std::string& parameters) {
     // A file that this call created stays even when a later step fails:
     // another process may have opened it in the meantime, and removing it
     // would take its rows away.
-    return configure_connection() && (read_only_ || create_schema()) && prepare_statements();
+    return configure_connection() && (read_only_ || create_schema());
 }
 
 int SqliteExtension::open_connection(bool immutable) {
+    connection_.reset();
     db_.reset();
     const int flags =
         (read_only_ ? SQLITE_OPEN_READONLY : SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE) |
@@ -658,6 +577,7 @@ int SqliteExtension::open_connection(bool immutable) {
     if (rc != SQLITE_OK) return rc;
     immutable_ = immutable;
     ::sqlite3* db = db_.get();
+    connection_ = std::make_unique<sqlite_ext::SqliteConnection>(db);
     sqlite3_extended_result_codes(db, 1);
     sqlite3_busy_handler(db, &SqliteExtension::busy_wait, this);
     return SQLITE_OK;
@@ -724,18 +644,8 @@ bool SqliteExtension::use_wal() {
 }
 
 bool SqliteExtension::create_schema() {
-    // The indexes serve the queries of the base class: the latest row per
-    // provider and host, the newest collection run, a provider's rows and
-    // the rows of a snapshot.
-    const std::string statements =
-        default_create_table_query + default_create_baseline_query + default_create_view_query +
-        "CREATE INDEX IF NOT EXISTS provider_datastore_latest ON " + table_name +
-        "(Provider, Hostname, OptionID, Unique_timestamp);"
-        "CREATE INDEX IF NOT EXISTS provider_datastore_run ON " +
-        table_name +
-        "(Unique_timestamp, Provider);"
-        "CREATE INDEX IF NOT EXISTS baseline_datastore_id ON " +
-        table_baseline + "(baseline_id, datastore_rowid);";
+    std::string statements;
+    for (const std::string& sql : dialect_.create_statements()) statements += sql;
     const int rc = retry_busy([&] {
         const std::string sql = "BEGIN IMMEDIATE;" + statements + "COMMIT;";
         int code = sqlite3_exec(db_.get(), sql.c_str(), nullptr, nullptr, nullptr);
@@ -746,27 +656,10 @@ bool SqliteExtension::create_schema() {
     return rc == SQLITE_OK || fail_open("cannot create the schema: " + reason(rc));
 }
 
-bool SqliteExtension::prepare_statements() {
-    if (read_only_) return true;
-    insert_ = prepare("INSERT INTO " + table_name +
-                          "(Provider, Hostname, num_nodes, node_names, Exit_status, Timestamp, "
-                          "Duration, Encoding, STDOUT, STDERR, OptionID, version, Username, "
-                          "Unique_timestamp) VALUES(?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, ?10, "
-                          "?11, ?12, ?13, ?14);",
-                      SQLITE_PREPARE_PERSISTENT);
-    begin_ = prepare("BEGIN IMMEDIATE;", SQLITE_PREPARE_PERSISTENT);
-    commit_ = prepare("COMMIT;", SQLITE_PREPARE_PERSISTENT);
-    rollback_ = prepare("ROLLBACK;", SQLITE_PREPARE_PERSISTENT);
-    if (insert_ && begin_ && commit_ && rollback_) return true;
-    return fail_open("cannot prepare the write statements");
-}
-
 void SqliteExtension::release() {
     watchdog_.stop();
-    insert_.reset();
-    begin_.reset();
-    commit_.reset();
-    rollback_.reset();
+    release_statements();
+    connection_.reset();
     db_.reset();
 }
 
@@ -806,324 +699,6 @@ int SqliteExtension::busy_wait(void* self, int attempt) {
     if (now >= ext->deadline_) return 0;
     ext->pause(attempt < 5 ? attempt : 5);
     return 1;
-}
-
-// ---- writes ----
-
-std::string SqliteExtension::check_row(const vesk::provider::header& header,
-                                       const std::string& option_id, const std::string& std_out,
-                                       const std::string& std_err) {
-    size_t node_bytes = 0;
-    if (std::string why = checks::row_problem(header, option_id, std_out, std_err, node_bytes);
-        !why.empty())
-        return why;
-    node_bytes_ = node_bytes;
-    const long long total = static_cast<long long>(header.provider.size() + header.hostname.size() +
-                                                   node_bytes + std_out.size() + std_err.size() +
-                                                   option_id.size() + header.username.size()) +
-                            kRowOverhead;
-    if (total > length_limit_)
-        return "row of about " + std::to_string(total) +
-               " bytes exceeds SQLite's length limit of " + std::to_string(length_limit_) +
-               " bytes (SQLITE_LIMIT_LENGTH)";
-    return "";
-}
-
-int SqliteExtension::write_row(const vesk::provider::header& header, const std::string& option_id,
-                               const std::string& std_out, const std::string& std_err) {
-    sqlite3_stmt* stmt = insert_.get();
-    node_text_.clear();
-    for (size_t i = 0; i < header.node_names.size(); ++i) {
-        if (i) node_text_ += ", ";
-        node_text_ += header.node_names[i];
-    }
-    auto text = [stmt](int index, const std::string& value) {
-        sqlite3_bind_text(stmt, index, value.data(), static_cast<int>(value.size()), SQLITE_STATIC);
-    };
-    text(1, header.provider);
-    text(2, header.hostname);
-    sqlite3_bind_int(stmt, 3, header.num_nodes);
-    text(4, node_text_);
-    sqlite3_bind_int(stmt, 5, header.exit_status);
-    sqlite3_bind_int64(stmt, 6, header.timestamp);
-    sqlite3_bind_double(stmt, 7, header.duration);
-    sqlite3_bind_int(stmt, 8, static_cast<int>(header.encoding));
-    text(9, std_out);
-    text(10, std_err);
-    text(11, option_id);
-    sqlite3_bind_int(stmt, 12, header.version);
-    text(13, header.username);
-    sqlite3_bind_int64(stmt, 14, header.unique_timestamp);
-    return step_reset(stmt);
-}
-
-bool SqliteExtension::insert(const vesk::provider::header& header, const std::string& option_id,
-                             const std::string& std_out, const std::string& std_err) {
-    if (!writable("insert")) return false;
-    if (const std::string why = check_row(header, option_id, std_out, std_err); !why.empty()) {
-        VESK_SQLITE_LOG(kErrorLevel) << where() << "refused row of provider \"" << header.provider
-                                     << "\", host \"" << header.hostname << "\": " << why;
-        return false;
-    }
-    // One autocommit statement: it takes the write lock before it reads, and
-    // a busy answer leaves nothing behind, so it is simply run again.
-    const int rc = retry_busy([&] { return write_row(header, option_id, std_out, std_err); });
-    if (rc == SQLITE_DONE) return true;
-    VESK_SQLITE_LOG(kErrorLevel) << where() << "insert failed, nothing written: " << reason(rc)
-                                 << (rc == SQLITE_TOOBIG ? " (SQLITE_LIMIT_LENGTH)" : "");
-    return false;
-}
-
-bool SqliteExtension::bulk_insert(const std::vector<InsertRecord>& records) {
-    if (!writable("bulk insert")) return false;
-    for (size_t i = 0; i < records.size(); ++i) {
-        const auto& r = records[i];
-        if (const std::string why = check_row(r.header, r.option_id, r.std_out, r.std_err);
-            !why.empty()) {
-            VESK_SQLITE_LOG(kErrorLevel) << where() << "refused bulk insert of " << records.size()
-                                         << " rows, row " << i << ": " << why;
-            return false;
-        }
-    }
-    if (records.empty()) return true;
-    const int rc = transaction([&] {
-        for (const auto& r : records) {
-            const int code = write_row(r.header, r.option_id, r.std_out, r.std_err);
-            if (code != SQLITE_DONE) return code;
-        }
-        return SQLITE_OK;
-    });
-    if (rc == SQLITE_OK) return true;
-    VESK_SQLITE_LOG(kErrorLevel) << where() << "bulk insert of " << records.size()
-                                 << " rows failed, nothing written: " << reason(rc);
-    return false;
-}
-
-// ---- snapshots ----
-
-bool SqliteExtension::update_snapshot(const std::map<std::string, ProviderInfoSet>& snapshots) {
-    if (!writable("snapshot update")) return false;
-    for (const auto& [id, entries] : snapshots) {
-        if (vesk::str::stripws(id).empty() || !literal_safe({id}, "snapshot")) {
-            VESK_SQLITE_LOG(kErrorLevel)
-                << where() << "refused snapshot update: bad id \"" << id << "\"";
-            return false;
-        }
-    }
-    StmtPtr exists = prepare("SELECT 1 FROM " + table_name + " WHERE rowid = ?1;");
-    StmtPtr update = prepare("UPDATE " + table_baseline +
-                             " SET fwd_name = ?3, provider_checksum = ?4, command_checksum = ?5"
-                             " WHERE baseline_id = ?1 AND datastore_rowid = ?2;");
-    StmtPtr add = prepare("INSERT INTO " + table_baseline +
-                          "(baseline_id, datastore_rowid, fwd_name, provider_checksum, "
-                          "command_checksum) VALUES(?1, ?2, ?3, ?4, ?5);");
-    if (!exists || !update || !add) return false;
-    std::string refusal;
-    const int rc = transaction([&] {
-        for (const auto& [id, entries] : snapshots) {
-            for (const auto& entry : entries) {
-                sqlite3_bind_int(exists.get(), 1, entry.rowid);
-                int found = sqlite3_step(exists.get());
-                if (found == SQLITE_ROW) found = SQLITE_OK;
-                const int reset = sqlite3_reset(exists.get());
-                if (found == SQLITE_DONE) {
-                    refusal = "refused snapshot \"" + id + "\": row " +
-                              std::to_string(entry.rowid) + " does not exist";
-                    return kRefused;
-                }
-                if (found != SQLITE_OK) return reset != SQLITE_OK ? reset : found;
-                const auto* config = entry.config.get();
-                for (sqlite3_stmt* stmt : {update.get(), add.get()}) {
-                    sqlite3_bind_text(stmt, 1, id.data(), static_cast<int>(id.size()),
-                                      SQLITE_STATIC);
-                    sqlite3_bind_int(stmt, 2, entry.rowid);
-                    auto bind = [stmt, config](int index,
-                                               const std::string vesk::provider_config::*f) {
-                        if (config == nullptr)
-                            sqlite3_bind_null(stmt, index);
-                        else
-                            sqlite3_bind_text(stmt, index, (config->*f).data(),
-                                              static_cast<int>((config->*f).size()), SQLITE_STATIC);
-                    };
-                    bind(3, &vesk::provider_config::fwd_name);
-                    bind(4, &vesk::provider_config::provider_checksum);
-                    bind(5, &vesk::provider_config::command_checksum);
-                    const int code = step_reset(stmt);
-                    if (code != SQLITE_DONE) return code;
-                    if (stmt == update.get() && sqlite3_changes(db_.get()) > 0) break;
-                }
-            }
-        }
-        return SQLITE_OK;
-    });
-    if (rc == SQLITE_OK) return true;
-    if (rc == kRefused)
-        VESK_SQLITE_LOG(kErrorLevel) << where() << refusal;
-    else
-        VESK_SQLITE_LOG(kErrorLevel)
-            << where() << "snapshot update failed, nothing written: " << reason(rc);
-    return false;
-}
-
-bool SqliteExtension::remove_snapshot(const std::string& baseline_id) {
-    if (!writable("snapshot removal")) return false;
-    StmtPtr remove = prepare("DELETE FROM " + table_baseline + " WHERE baseline_id = ?1;");
-    if (!remove) return false;
-    sqlite3_bind_text(remove.get(), 1, baseline_id.data(), static_cast<int>(baseline_id.size()),
-                      SQLITE_STATIC);
-    const int rc = retry_busy([&] { return step_reset(remove.get()); });
-    if (rc != SQLITE_DONE) {
-        VESK_SQLITE_LOG(kErrorLevel) << where() << "removal of snapshot \"" << baseline_id
-                                     << "\" failed, nothing removed: " << reason(rc);
-        return false;
-    }
-    if (sqlite3_changes(db_.get()) > 0) return true;
-    VESK_SQLITE_LOG(kInfoLevel) << where() << "no snapshot \"" << baseline_id << "\" to remove";
-    return false;
-}
-
-bool SqliteExtension::query_baseline_ids(SnapshotInfoSet& ids) {
-    if (!db_) return false;
-    StmtPtr list = prepare("SELECT b.baseline_id, MAX(p.Unique_timestamp) FROM " + table_baseline +
-                           " AS b LEFT JOIN " + table_name +
-                           " AS p ON p.rowid = b.datastore_rowid GROUP BY b.baseline_id;");
-    if (!list) return false;
-    SnapshotInfoSet found;
-    const int rc = retry_busy([&] {
-        found.clear();
-        int step;
-        while ((step = sqlite3_step(list.get())) == SQLITE_ROW) {
-            const auto* id = reinterpret_cast<const char*>(sqlite3_column_text(list.get(), 0));
-            const int size = sqlite3_column_bytes(list.get(), 0);
-            found.insert(
-                SnapshotInfo{id ? std::string(id, static_cast<size_t>(size)) : std::string(),
-                             sqlite3_column_int64(list.get(), 1)});
-        }
-        sqlite3_reset(list.get());
-        return step;
-    });
-    if (rc == SQLITE_DONE) {
-        ids.insert(found.begin(), found.end());
-        return true;
-    }
-    VESK_SQLITE_LOG(kErrorLevel) << where() << "listing snapshots failed: " << reason(rc);
-    return false;
-}
-
-// ---- reads ----
-
-// Steps `stmt` to its end, appending its rows to `out`: SQLITE_DONE, a
-// failure code, or SQLITE_TOOBIG when the rows read so far take more than
-// max_result_bytes.
-template <typename Record>
-int SqliteExtension::read_rows(sqlite3_stmt* stmt, const std::vector<int>& columns,
-                               std::vector<Record>& out, size_t first) {
-    // Counted from the records read (asking SQLite for every column's size
-    // again would cost as much as reading the row).
-    size_t bytes = 0;
-    for (size_t i = first; i < out.size(); ++i) bytes += checks::record_bytes(out[i]);
-    const auto limit = static_cast<size_t>(max_result_bytes_);
-    int step;
-    while ((step = sqlite3_step(stmt)) == SQLITE_ROW) {
-        out.emplace_back();
-        sqlite_ext::read_row(stmt, columns, out.back());
-        bytes += checks::record_bytes(out.back());
-        if (bytes > limit) return SQLITE_TOOBIG;
-    }
-    return step;
-}
-
-template <typename Record>
-bool SqliteExtension::run_select(const std::string& sql, std::vector<Record>& out,
-                                 const std::map<std::string, int>& fields, int field_count) {
-    if (!db_) {
-        VESK_SQLITE_LOG(kErrorLevel) << where() << "select: the datastore is not open";
-        return false;
-    }
-    ::sqlite3* db = db_.get();
-    const size_t first = out.size();
-    const size_t capacity = out.capacity();
-    // The authorizer is consulted while the statement is prepared (and
-    // prepared again after a schema change), so it stays on until the end;
-    // the watchdog is disarmed before anything else happens to the
-    // connection.
-    struct Guard {
-        ::sqlite3* db;
-        Watchdog& watchdog;
-        bool fired = false;
-        ~Guard() {
-            fired = watchdog.disarm();
-            sqlite3_set_authorizer(db, nullptr, nullptr);
-        }
-    };
-    StmtPtr stmt;
-    int step = SQLITE_OK;
-    bool interrupted = false;
-    try {
-        Guard guard{db, watchdog_};
-        sqlite3_set_authorizer(db, &read_only_authorizer, nullptr);
-        sqlite3_stmt* raw = nullptr;
-        const char* tail = nullptr;
-        const int rc = retry_busy([&] {
-            sqlite3_finalize(raw);
-            raw = nullptr;
-            return sqlite3_prepare_v3(db, sql.c_str(), static_cast<int>(sql.size()), 0, &raw,
-                                      &tail);
-        });
-        stmt.reset(raw);
-        if (rc != SQLITE_OK) {
-            VESK_SQLITE_LOG(kErrorLevel)
-                << where() << "refused statement: " << reason(rc) << ": " << sql;
-            return false;
-        }
-        if (!stmt) {
-            VESK_SQLITE_LOG(kErrorLevel) << where() << "refused statement: it is empty";
-            return false;
-        }
-        if (!is_blank(tail)) {
-            VESK_SQLITE_LOG(kErrorLevel)
-                << where() << "refused statement: text after the first statement: " << sql;
-            return false;
-        }
-        if (!sqlite3_stmt_readonly(stmt.get())) {
-            VESK_SQLITE_LOG(kErrorLevel) << where() << "refused statement: it writes: " << sql;
-            return false;
-        }
-
-        const std::vector<int> columns = sqlite_ext::map_columns(stmt.get(), fields, field_count);
-        watchdog_.arm(db, Clock::now() + std::chrono::milliseconds(query_timeout_ms_));
-        step = retry_busy([&] {
-            out.resize(first);
-            const int code = read_rows(stmt.get(), columns, out, first);
-            sqlite3_reset(stmt.get());
-            return code;
-        });
-        interrupted = watchdog_.disarm();
-    } catch (...) {
-        // Out of memory, most likely: the caller gets back what it had.
-        interrupted = watchdog_.disarm();
-        out.resize(first);
-        step = SQLITE_NOMEM;
-    }
-    if (step == SQLITE_DONE) return true;
-    out.resize(first);  // all of the answer or nothing
-    // The room the rows took goes back too: after running out of memory
-    // the message below needs some.
-    if (out.capacity() > capacity) out.shrink_to_fit();
-    try {
-        if ((step & 0xff) == SQLITE_INTERRUPT || interrupted)
-            VESK_SQLITE_LOG(kErrorLevel) << where() << "statement stopped after query_timeout_ms ("
-                                         << query_timeout_ms_ << " ms): " << sql;
-        else if (step == SQLITE_TOOBIG)
-            VESK_SQLITE_LOG(kErrorLevel)
-                << where() << "answer exceeds max_result_bytes (" << max_result_bytes_
-                << " bytes); narrow the statement or raise the limit: " << sql;
-        else
-            VESK_SQLITE_LOG(kErrorLevel)
-                << where() << "select failed: " << reason(step) << ": " << sql;
-    } catch (...) {
-    }
-    return false;
 }
 
 }  // namespace

@@ -14,16 +14,16 @@
 //   vfs              a registered SQLite VFS to use (tests inject faults)
 // Any other key, a key given twice or a malformed value fails open.
 // Besides the operation codes 512 to 520 of interface, an instance answers
-// the codes below through control (and so through execute_ioctl). One
-// instance holds one connection: use it from one thread at a time.
+// the project's codes of operations.h (bulk insert). One instance holds one
+// connection: use it from one thread at a time.
 
 #include <cstdint>
 
+#include "vesk/datastore/operations.h"
+
 namespace vesk::datastore {
 
-// Bulk insert: `in` points to a const std::vector<InsertRecord>, `out` and
-// `extra` are ignored (may be null). The rows are checked like single inserts
-// and written in one transaction: all of them or none.
-constexpr uint16_t SQLITE_BULK_INSERT = 1024;
+// The former name of OP_BULK_INSERT, kept for existing callers.
+constexpr uint16_t SQLITE_BULK_INSERT = OP_BULK_INSERT;
 
 }  // namespace vesk::datastore

@@ -10,7 +10,7 @@
 
 #include "vesk/datastore/records.h"
 
-namespace vesk::datastore::checks {
+namespace vesk::datastore::sql::checks {
 
 // The keys an extension defines, each with the grammar of its value.
 enum class ValueKind { text, boolean, milliseconds, bytes };
@@ -39,4 +39,4 @@ std::string row_problem(const vesk::provider::header& header, const std::string&
 size_t record_bytes(const Row& row);
 size_t record_bytes(const Row_baseline& row);
 
-}  // namespace vesk::datastore::checks
+}  // namespace vesk::datastore::sql::checks

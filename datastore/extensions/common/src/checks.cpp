@@ -1,4 +1,4 @@
-#include "checks.h"
+#include "vesk/datastore/sql/checks.h"
 
 #include <algorithm>
 #include <cctype>
@@ -6,7 +6,7 @@
 #include "vesk/datastore/vocabulary.h"
 #include "vesk/str.h"
 
-namespace vesk::datastore::checks {
+namespace vesk::datastore::sql::checks {
 
 std::string parse_parameters(const std::string& text, const KnownKeys& known,
                              std::map<std::string, std::string>& values) {
@@ -111,4 +111,4 @@ size_t record_bytes(const Row_baseline& row) {
            row.provider_checksum.size() + row.command_checksum.size();
 }
 
-}  // namespace vesk::datastore::checks
+}  // namespace vesk::datastore::sql::checks

@@ -1,0 +1,55 @@
+// The default texts of the dialect: the schema and queries SQLite runs.
+#include "vesk/datastore/sql/dialect.h"
+
+#include "vesk/datastore/row_fields.h"
+#include "vesk/datastore/vocabulary.h"
+
+namespace vesk::datastore::sql {
+
+std::vector<std::string> Dialect::create_statements() const {
+    // The indexes serve the queries: the latest row per provider and host,
+    // the newest collection run, a provider's rows and a snapshot's rows.
+    return {default_create_table_query,
+            default_create_baseline_query,
+            default_create_view_query,
+            "CREATE INDEX IF NOT EXISTS provider_datastore_latest ON " + table_name +
+                "(Provider, Hostname, OptionID, Unique_timestamp);",
+            "CREATE INDEX IF NOT EXISTS provider_datastore_run ON " + table_name +
+                "(Unique_timestamp, Provider);",
+            "CREATE INDEX IF NOT EXISTS baseline_datastore_id ON " + table_baseline +
+                "(baseline_id, datastore_rowid);"};
+}
+
+std::string Dialect::latest_rows_sql(const std::string& condition) const {
+    return "SELECT *, MAX(unique_timestamp) FROM " + table_view + " WHERE" + condition +
+           "GROUP BY OptionID, Hostname, Provider;";
+}
+
+std::string Dialect::latest_run_sql(const std::string& condition) const {
+    return "SELECT * FROM " + table_view + " WHERE" + condition +
+           "AND Unique_timestamp = (SELECT MAX(unique_timestamp) FROM " + table_view +
+           ") GROUP BY OptionID, Hostname, Provider;";
+}
+
+std::string Dialect::hosts_sql() const {
+    return "SELECT *, MAX(Unique_timestamp) FROM " + table_view +
+           " WHERE Provider = 'uname' GROUP BY Hostname;";
+}
+
+std::string Dialect::placeholder(int /*index*/) const { return "?"; }
+
+std::string Dialect::insert_sql() const {
+    std::string values;
+    for (size_t i = 1; i < kRowFieldCount; ++i) {
+        if (i > 1) values += ", ";
+        values += placeholder(static_cast<int>(i));
+    }
+    return "INSERT INTO " + table_name + "(" + row_column_list(1) + ") VALUES(" + values + ");";
+}
+
+const Dialect& default_dialect() {
+    static const Dialect dialect;
+    return dialect;
+}
+
+}  // namespace vesk::datastore::sql
