@@ -9,24 +9,18 @@
 #include "commands.h"
 #include "errors.h"
 #include "session.h"
+#include "sqlite_handles.h"
 
 namespace vesk::tool {
 
 namespace {
-
-struct CloseDb {
-    void operator()(sqlite3* db) const { sqlite3_close_v2(db); }
-};
-struct Finalize {
-    void operator()(sqlite3_stmt* stmt) const { sqlite3_finalize(stmt); }
-};
 
 // SQLite's findings for `file` ("ok" alone when it is sound), or why the
 // check could not run.
 std::vector<std::string> integrity_check(const std::string& file) {
     sqlite3* raw = nullptr;
     const int rc = sqlite3_open_v2(file.c_str(), &raw, SQLITE_OPEN_READONLY, nullptr);
-    std::unique_ptr<sqlite3, CloseDb> db(raw);
+    Db db(raw);
     if (rc != SQLITE_OK)
         return {std::string("cannot open: ") + (raw ? sqlite3_errmsg(raw) : sqlite3_errstr(rc))};
     sqlite3_busy_timeout(db.get(), 5000);
@@ -34,7 +28,7 @@ std::vector<std::string> integrity_check(const std::string& file) {
     if (sqlite3_prepare_v2(db.get(), "PRAGMA integrity_check;", -1, &stmt_raw, nullptr) !=
         SQLITE_OK)
         return {sqlite3_errmsg(db.get())};
-    std::unique_ptr<sqlite3_stmt, Finalize> stmt(stmt_raw);
+    Stmt stmt(stmt_raw);
     std::vector<std::string> findings;
     int step;
     while ((step = sqlite3_step(stmt.get())) == SQLITE_ROW) {

@@ -15,19 +15,11 @@
 #include "commands.h"
 #include "errors.h"
 #include "session.h"
+#include "sqlite_handles.h"
 
 namespace vesk::tool {
 
 namespace {
-
-struct CloseDb {
-    void operator()(sqlite3* db) const { sqlite3_close_v2(db); }
-};
-struct Finalize {
-    void operator()(sqlite3_stmt* stmt) const { sqlite3_finalize(stmt); }
-};
-using Db = std::unique_ptr<sqlite3, CloseDb>;
-using Stmt = std::unique_ptr<sqlite3_stmt, Finalize>;
 
 // How long a writer may wait for another one: as the extension's default.
 constexpr int kBusyTimeoutMs = 5000;
