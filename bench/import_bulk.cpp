@@ -1,6 +1,6 @@
 // `vesk-datastore import` against the bulk insert it is built on, for the
 // same rows, side by side in one run:
-//   bulk_insert/1M       one SQLITE_BULK_INSERT call with every row, into a
+//   bulk_insert/1M       one OP_BULK_INSERT call with every row, into a
 //                        new datastore file (rows built in memory beforehand)
 //   tool_import/1M       the staged tool importing the same rows from a JSON
 //                        Lines file into a new default datastore (a fresh
@@ -24,7 +24,7 @@
 #include <benchmark/benchmark.h>
 
 #include "vesk/datastore.h"
-#include "vesk/datastore/sqlite_extension.h"
+#include "vesk/datastore/operations.h"
 
 #include "bench_support.h"
 
@@ -72,7 +72,7 @@ void BM_BulkInsert(benchmark::State& state) {
         remove_db(db);
         const std::string name = open_datastore("source=" + db);
         state.ResumeTiming();
-        if (!vd::execute_ioctl({name}, vd::SQLITE_BULK_INSERT, &rows, nullptr, nullptr, nullptr))
+        if (!vd::execute_ioctl({name}, vd::OP_BULK_INSERT, &rows, nullptr, nullptr, nullptr))
             state.SkipWithError("bulk insert failed");
     }
     vd::DataStoreParseUtility::clear_db_vector();

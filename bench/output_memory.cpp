@@ -26,7 +26,7 @@
 #include <benchmark/benchmark.h>
 
 #include "vesk/datastore.h"
-#include "vesk/datastore/sqlite_extension.h"
+#include "vesk/datastore/operations.h"
 
 #include "bench_support.h"
 
@@ -48,7 +48,7 @@ void make_store() {
     fs::create_directories(folder);
     const auto rows = make_records(scaled(kRows), 200);
     const std::string name = open_datastore("source=" + folder + "/vesk.db");
-    if (!vd::execute_ioctl({name}, vd::SQLITE_BULK_INSERT, &rows, nullptr, nullptr, nullptr)) {
+    if (!vd::execute_ioctl({name}, vd::OP_BULK_INSERT, &rows, nullptr, nullptr, nullptr)) {
         std::fprintf(stderr, "output_memory: bulk insert failed\n");
         std::_Exit(1);
     }

@@ -13,9 +13,9 @@
 #include <libxml/tree.h>
 
 #include "vesk/datastore/interface.h"
+#include "vesk/datastore/operations.h"
 #include "vesk/datastore/parse_utility.h"
 #include "vesk/datastore/queries.h"
-#include "vesk/datastore/sqlite_extension.h"
 #include "vesk/datastore/vocabulary.h"
 #include "vesk/log.h"
 #include "vesk/str.h"
@@ -35,8 +35,8 @@ using vesk::datastore::SQLParameters;
 
 namespace {
 
-// Bulk insert (declared by the SQLite extension): all rows or none.
-constexpr uint16_t kBulkInsertOp = vesk::datastore::SQLITE_BULK_INSERT;
+// Bulk insert: all rows or none.
+constexpr uint16_t kBulkInsertOp = vesk::datastore::OP_BULK_INSERT;
 
 // Statuses reported by execute_ioctl's callback, per visited datastore.
 struct Outcome {
