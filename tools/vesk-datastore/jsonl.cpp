@@ -1,530 +1,423 @@
 #include "jsonl.h"
 
-#include <cmath>
 #include <cstring>
-#include <stdexcept>
-#include <string_view>
+#include <vector>
 
-#include <nlohmann/json.hpp>
+#include <simdjson.h>
 
 #include "vesk/datastore/row_fields.h"
 #include "vesk/datastore/vocabulary.h"
 #include "vesk/str.h"
 
-#include "codec.h"
-#include "jsonl_paths.h"
 #include "output.h"
+#include "validate.h"
 
 namespace vesk::tool {
 
 namespace {
 
-using nlohmann::json;
+namespace od = simdjson::ondemand;
+using simdjson::error_code;
 
-// The value as a 64-bit integer, or false for any other JSON type.
-bool get_integer(const json& value, int64_t& out) {
-    if (value.is_number_integer()) {
-        out = value.get<int64_t>();
-        return true;
-    }
-    if (value.is_number_unsigned() && value.get<uint64_t>() <= uint64_t(INT64_MAX)) {
-        out = int64_t(value.get<uint64_t>());
-        return true;
-    }
-    return false;
-}
-
-bool get_int32(const json& value, int32_t& out) {
-    int64_t wide = 0;
-    if (!get_integer(value, wide) || wide < INT32_MIN || wide > INT32_MAX) return false;
-    out = int32_t(wide);
-    return true;
-}
-
-// Which optional keys a line carried.
-struct Seen {
-    bool run = false;
-    bool start = false;
-    bool nodes = false;
+// The keys a line may hold: the table's columns in their order, then the
+// snapshot name of a membership line.
+enum Column {
+    kRowid,
+    kProvider,
+    kHostname,
+    kNumNodes,
+    kNodeNames,
+    kExitStatus,
+    kTimestamp,
+    kDuration,
+    kEncoding,
+    kStdout,
+    kStderr,
+    kOptionId,
+    kVersion,
+    kUsername,
+    kUniqueTimestamp,
+    kSnapshot,
+    kColumnCount
 };
+static_assert(kSnapshot == int(vesk::datastore::kRowFieldCount), "columns out of step");
 
-// The fast path for the common line: one flat object whose keys are the
-// known columns, each once, with values of the expected types. It makes no
-// JSON value tree. Anything else (including every error) makes parse()
-// return false, and the general path parses the line again and says why.
-class FastParser {
-public:
-    FastParser(const std::string& line, vesk::datastore::InsertRecord& record, Seen& seen)
-        : p_(line.data()), end_(line.data() + line.size()), record_(record), seen_(seen) {}
+const char* column_name(int column) {
+    return column == kSnapshot ? "Snapshot" : vesk::datastore::kRowFields[column].name;
+}
 
-    bool parse() {
-        record_ = vesk::datastore::InsertRecord{};
-        seen_ = Seen{};
-        unsigned done = 0;  // one bit per column, for duplicate keys
-        skip_ws();
-        if (!take('{')) return false;
-        skip_ws();
-        if (take('}')) return at_end();
-        std::string key;
-        for (;;) {
-            skip_ws();
-            if (!string(key)) return false;
-            skip_ws();
-            if (!take(':')) return false;
-            skip_ws();
-            const int column = column_of(key);
-            if (column < 0 || (done & (1u << column))) return false;
-            done |= 1u << column;
-            if (!value(column)) return false;
-            skip_ws();
-            if (take(',')) continue;
-            if (take('}')) return at_end();
-            return false;
-        }
+int column_of(std::string_view key) {
+    if (key.empty()) return -1;
+    for (int i = 0; i < kColumnCount; ++i) {
+        const char* name = column_name(i);
+        if (name[0] == key[0] && key == name) return i;
     }
+    return -1;
+}
+
+// The keys of a membership line, one bit per column.
+constexpr unsigned kMemberKeys = (1u << kSnapshot) | (1u << kProvider) | (1u << kHostname) |
+                                 (1u << kOptionId) | (1u << kUniqueTimestamp);
+
+// True when `token` (a raw scalar, blanks after it allowed) is a number by
+// the JSON grammar: it tells a malformed number from one of the wrong kind.
+bool is_json_number(std::string_view token) {
+    size_t i = 0;
+    const size_t n = token.size();
+    auto digit = [&](size_t at) { return at < n && token[at] >= '0' && token[at] <= '9'; };
+    if (i < n && token[i] == '-') ++i;
+    if (!digit(i)) return false;
+    if (token[i] == '0') {
+        ++i;
+    } else {
+        while (digit(i)) ++i;
+    }
+    if (i < n && token[i] == '.') {
+        if (!digit(++i)) return false;
+        while (digit(i)) ++i;
+    }
+    if (i < n && (token[i] == 'e' || token[i] == 'E')) {
+        ++i;
+        if (i < n && (token[i] == '+' || token[i] == '-')) ++i;
+        if (!digit(i)) return false;
+        while (digit(i)) ++i;
+    }
+    while (i < n && (token[i] == ' ' || token[i] == '\t' || token[i] == '\r' || token[i] == '\n'))
+        ++i;
+    return i == n;
+}
+
+// The raw scalar without the blanks that follow it.
+std::string_view trimmed(std::string_view token) {
+    while (!token.empty() && (token.back() == ' ' || token.back() == '\t' ||
+                              token.back() == '\r' || token.back() == '\n'))
+        token.remove_suffix(1);
+    return token;
+}
+
+// One line's parse: fills `out` from the document, or says why not.
+class LineParser {
+public:
+    LineParser(const char* text, JsonLine& out, std::string& error)
+        : text_(text), out_(out), error_(error) {}
+
+    // Walks the fields of `doc`; `seen` gets one bit per key read.
+    bool fields(od::document& doc, unsigned& seen) {
+        od::object object;
+        error_code code = doc.get_object().get(object);
+        if (code) return code == simdjson::INCORRECT_TYPE ? not_an_object() : invalid(doc, code);
+        for (auto field : object) {
+            std::string_view key;
+            if ((code = field.unescaped_key().get(key))) return invalid(doc, code);
+            const int column = column_of(key);
+            if (column < 0) return fail("unknown key \"" + std::string(key) + "\"");
+            const unsigned bit = 1u << column;
+            if (seen & bit) return fail(std::string(key) + ": the key appears twice");
+            seen |= bit;
+            od::value value;
+            if ((code = field.value().get(value))) return invalid(doc, code);
+            if (!read(doc, column, value)) return false;
+        }
+        // The object must end the line: the parser stops at its brace.
+        const char* after = nullptr;
+        if (!doc.current_location().get(after))
+            return fail("invalid JSON at column " + std::to_string(after - text_ + 1) +
+                        ": text after the object");
+        return true;
+    }
+
+    // Set by the row parse when the whole text is refused before any field.
+    bool whole_document_checked = false;
 
 private:
-    enum Column {
-        kRowid,
-        kProvider,
-        kHostname,
-        kNumNodes,
-        kNodeNames,
-        kExitStatus,
-        kTimestamp,
-        kDuration,
-        kEncoding,
-        kStdout,
-        kStderr,
-        kOptionId,
-        kVersion,
-        kUsername,
-        kUniqueTimestamp
-    };
-
-    static int column_of(const std::string& key) {
-        const std::string_view k(key);
-        for (size_t i = 0; i < vesk::datastore::kRowFieldCount; ++i) {
-            const std::string_view name(vesk::datastore::kRowFields[i].name);
-            if (name.size() == k.size() && name[0] == k[0] && name == k) return static_cast<int>(i);
-        }
-        return -1;
+    bool fail(std::string message) {
+        error_ = std::move(message);
+        return false;
+    }
+    bool invalid(od::document& doc, error_code code) {
+        std::string where;
+        const char* at = nullptr;
+        if (!doc.current_location().get(at) && at >= text_)
+            where = " at column " + std::to_string(at - text_ + 1);
+        return fail("invalid JSON" + where + ": " + simdjson::error_message(code));
+    }
+    bool not_an_object() {
+        whole_document_checked = true;
+        return false;
+    }
+    bool wrong(int column, const char* expected) {
+        return fail(std::string(column_name(column)) + ": must be " + expected);
     }
 
-    bool value(int column) {
-        auto& h = record_.header;
+    // A number that did not read as `expected`: malformed JSON, or a well
+    // formed number (or another value) of the wrong kind.
+    bool bad_number(od::document& doc, int column, std::string_view token, const char* expected) {
+        token = trimmed(token);
+        const char first = token.empty() ? '\0' : token[0];
+        if ((first == '-' || (first >= '0' && first <= '9')) && !is_json_number(token)) {
+            std::string where;
+            if (token.data() >= text_)
+                where = " at column " + std::to_string(token.data() - text_ + 1);
+            return fail("invalid JSON" + where + ": malformed number " + std::string(token));
+        }
+        (void)doc;
+        if (column == kDuration && is_json_number(token))
+            return fail(std::string(column_name(column)) + ": must be a finite number, not " +
+                        std::string(token));
+        return wrong(column, expected);
+    }
+
+    bool text(od::document& doc, int column, od::value& value, std::string& into) {
+        std::string_view s;
+        const error_code code = value.get_string().get(s);
+        if (code == simdjson::INCORRECT_TYPE) return wrong(column, "a string");
+        if (code) return invalid(doc, code);
+        into.assign(s.data(), s.size());
+        return true;
+    }
+    bool integer(od::document& doc, int column, od::value& value, int64_t& into) {
+        const std::string_view token = value.raw_json_token();
+        if (value.get_int64().get(into)) return bad_number(doc, column, token, "an integer");
+        return true;
+    }
+    bool int32(od::document& doc, int column, od::value& value, int32_t& into) {
+        int64_t wide = 0;
+        if (!integer(doc, column, value, wide)) return false;
+        if (wide < INT32_MIN || wide > INT32_MAX) return wrong(column, "an integer");
+        into = int32_t(wide);
+        return true;
+    }
+
+    bool read(od::document& doc, int column, od::value& value) {
+        auto& record = out_.record;
+        auto& h = record.header;
         switch (column) {
             case kRowid: {
-                if (literal("null")) return true;
-                int64_t ignored;
-                return integer(ignored);
+                bool null = false;
+                if (!value.is_null().get(null) && null) return true;
+                int64_t ignored = 0;
+                return integer(doc, column, value, ignored);
             }
             case kProvider:
-                return string(h.provider);
+                return text(doc, column, value, h.provider);
             case kHostname:
-                return string(h.hostname);
+                return text(doc, column, value, h.hostname);
             case kNumNodes:
-                seen_.nodes = true;
-                return int32(h.num_nodes);
+                return int32(doc, column, value, h.num_nodes);
             case kNodeNames:
-                return node_names(h.node_names);
+                return node_names(doc, value, h.node_names);
             case kExitStatus:
-                return int32(h.exit_status);
+                return int32(doc, column, value, h.exit_status);
             case kTimestamp:
-                seen_.start = true;
-                return integer(h.timestamp);
-            case kDuration:
-                return number(h.duration);
-            case kEncoding: {
-                int32_t encoding = -1;
-                if (!int32(encoding) || encoding < 0 || encoding > 2) return false;
-                h.encoding = vesk::provider::encoding(encoding);
+                return integer(doc, column, value, h.timestamp);
+            case kDuration: {
+                const std::string_view token = value.raw_json_token();
+                if (value.get_double().get(h.duration))
+                    return bad_number(doc, column, token, "a number");
                 return true;
             }
+            case kEncoding:
+                return encoding(doc, value);
             case kStdout:
-                return string(record_.std_out);
+                return text(doc, column, value, record.std_out);
             case kStderr:
-                return string(record_.std_err);
+                return text(doc, column, value, record.std_err);
             case kOptionId:
-                return string(record_.option_id);
+                return text(doc, column, value, record.option_id);
             case kVersion:
-                return int32(h.version);
+                return int32(doc, column, value, h.version);
             case kUsername:
-                return string(h.username);
+                return text(doc, column, value, h.username);
             case kUniqueTimestamp:
-                seen_.run = true;
-                return integer(h.unique_timestamp);
+                return integer(doc, column, value, h.unique_timestamp);
+            case kSnapshot:
+                return text(doc, column, value, out_.snapshot);
         }
         return false;
     }
 
-    bool at_end() {
-        skip_ws();
-        return p_ == end_;
+    bool encoding(od::document& doc, od::value& value) {
+        const char* expected = "0, 1, 2, \"none\", \"base64\" or \"raw\"";
+        od::json_type type;
+        if (error_code code = value.type().get(type)) return invalid(doc, code);
+        int32_t encoding = -1;
+        if (type == od::json_type::string) {
+            std::string name;
+            if (!text(doc, kEncoding, value, name)) return false;
+            const auto found = vesk::datastore::encoding_map.find(name);
+            if (found != vesk::datastore::encoding_map.end()) encoding = found->second;
+        } else if (!int32(doc, kEncoding, value, encoding)) {
+            // A malformed number stays "invalid JSON"; any other value is
+            // one of the wrong kind.
+            if (error_.rfind("invalid JSON", 0) == 0) return false;
+            return wrong(kEncoding, expected);
+        }
+        if (encoding < 0 || encoding > 2) return wrong(kEncoding, expected);
+        out_.record.header.encoding = vesk::provider::encoding(encoding);
+        return true;
     }
-    void skip_ws() {
-        while (p_ < end_ && (*p_ == ' ' || *p_ == '\t' || *p_ == '\r' || *p_ == '\n')) ++p_;
-    }
-    bool take(char c) {
-        if (p_ < end_ && *p_ == c) {
-            ++p_;
+
+    // An array of strings, or text with the names joined by ",".
+    bool node_names(od::document& doc, od::value& value, std::vector<std::string>& out) {
+        const char* expected = "an array of strings";
+        od::json_type type;
+        if (error_code code = value.type().get(type)) return invalid(doc, code);
+        if (type == od::json_type::string) {
+            std::string joined;
+            if (!text(doc, kNodeNames, value, joined)) return false;
+            for (const auto& piece : vesk::str::split(joined, ',', true)) {
+                std::string name = vesk::str::stripws(piece);
+                if (!name.empty()) out.push_back(std::move(name));
+            }
             return true;
         }
-        return false;
-    }
-    bool literal(const char* word) {
-        const size_t n = std::strlen(word);
-        if (size_t(end_ - p_) < n || std::memcmp(p_, word, n) != 0) return false;
-        p_ += n;
+        od::array array;
+        if (error_code code = value.get_array().get(array))
+            return code == simdjson::INCORRECT_TYPE ? wrong(kNodeNames, expected)
+                                                    : invalid(doc, code);
+        for (auto item : array) {
+            od::value element;
+            if (error_code code = item.get(element)) return invalid(doc, code);
+            std::string_view s;
+            const error_code code = element.get_string().get(s);
+            if (code == simdjson::INCORRECT_TYPE) return wrong(kNodeNames, expected);
+            if (code) return invalid(doc, code);
+            out.emplace_back(s);
+        }
         return true;
     }
 
-    // A JSON string, unescaped; only well-formed UTF-8 passes.
-    bool string(std::string& out) {
-        out.clear();
-        if (!take('"')) return false;
-        const char* run = p_;
-        unsigned char high = 0;  // any byte above ASCII needs a UTF-8 check
-        for (;;) {
-            // Copy plain runs in one go.
-            while (p_ < end_ && *p_ != '"' && *p_ != '\\' &&
-                   static_cast<unsigned char>(*p_) >= 0x20) {
-                high |= static_cast<unsigned char>(*p_);
-                ++p_;
-            }
-            out.append(run, size_t(p_ - run));
-            if (p_ == end_ || static_cast<unsigned char>(*p_) < 0x20) return false;
-            if (*p_ == '"') {
-                ++p_;
-                return (high & 0x80) == 0 || is_valid_utf8(out);
-            }
-            ++p_;  // backslash
-            if (p_ == end_) return false;
-            const char e = *p_++;
-            switch (e) {
-                case '"':
-                    out += '"';
-                    break;
-                case '\\':
-                    out += '\\';
-                    break;
-                case '/':
-                    out += '/';
-                    break;
-                case 'b':
-                    out += '\b';
-                    break;
-                case 'f':
-                    out += '\f';
-                    break;
-                case 'n':
-                    out += '\n';
-                    break;
-                case 'r':
-                    out += '\r';
-                    break;
-                case 't':
-                    out += '\t';
-                    break;
-                case 'u': {
-                    uint32_t cp = 0;
-                    if (!hex4(cp)) return false;
-                    if (cp >= 0xD800 && cp <= 0xDBFF) {
-                        uint32_t low = 0;
-                        if (!literal("\\u") || !hex4(low) || low < 0xDC00 || low > 0xDFFF)
-                            return false;
-                        cp = 0x10000 + ((cp - 0xD800) << 10) + (low - 0xDC00);
-                    } else if (cp >= 0xDC00 && cp <= 0xDFFF) {
-                        return false;
-                    }
-                    append_utf8(out, cp);
-                    if (cp >= 0x80) high |= 0x80;
-                    break;
-                }
-                default:
-                    return false;
-            }
-            run = p_;
-        }
-    }
-    bool hex4(uint32_t& cp) {
-        if (end_ - p_ < 4) return false;
-        cp = 0;
-        for (int i = 0; i < 4; ++i) {
-            const char c = *p_++;
-            cp <<= 4;
-            if (c >= '0' && c <= '9')
-                cp |= uint32_t(c - '0');
-            else if (c >= 'a' && c <= 'f')
-                cp |= uint32_t(c - 'a' + 10);
-            else if (c >= 'A' && c <= 'F')
-                cp |= uint32_t(c - 'A' + 10);
-            else
-                return false;
-        }
-        return true;
-    }
-    static void append_utf8(std::string& out, uint32_t cp) {
-        if (cp < 0x80) {
-            out += char(cp);
-        } else if (cp < 0x800) {
-            out += char(0xC0 | (cp >> 6));
-            out += char(0x80 | (cp & 0x3F));
-        } else if (cp < 0x10000) {
-            out += char(0xE0 | (cp >> 12));
-            out += char(0x80 | ((cp >> 6) & 0x3F));
-            out += char(0x80 | (cp & 0x3F));
-        } else {
-            out += char(0xF0 | (cp >> 18));
-            out += char(0x80 | ((cp >> 12) & 0x3F));
-            out += char(0x80 | ((cp >> 6) & 0x3F));
-            out += char(0x80 | (cp & 0x3F));
-        }
-    }
-
-    // A JSON integer (no fraction, no exponent) that fits 64 bits.
-    bool integer(int64_t& out) {
-        const bool negative = take('-');
-        if (p_ == end_ || *p_ < '0' || *p_ > '9') return false;
-        if (*p_ == '0' && p_ + 1 < end_ && p_[1] >= '0' && p_[1] <= '9') return false;
-        uint64_t value = 0;
-        while (p_ < end_ && *p_ >= '0' && *p_ <= '9') {
-            const uint64_t digit = uint64_t(*p_++ - '0');
-            if (value > (uint64_t(INT64_MAX) - digit) / 10) return false;
-            value = value * 10 + digit;
-        }
-        if (p_ < end_ && (*p_ == '.' || *p_ == 'e' || *p_ == 'E')) return false;
-        out = negative ? -int64_t(value) : int64_t(value);
-        return true;
-    }
-    bool int32(int32_t& out) {
-        int64_t wide = 0;
-        if (!integer(wide) || wide < INT32_MIN || wide > INT32_MAX) return false;
-        out = int32_t(wide);
-        return true;
-    }
-    // Any JSON number, checked against the grammar before strtod reads it.
-    bool number(double& out) {
-        const char* start = p_;
-        take('-');
-        if (p_ == end_ || *p_ < '0' || *p_ > '9') return false;
-        if (*p_ == '0') {
-            ++p_;
-        } else {
-            while (p_ < end_ && *p_ >= '0' && *p_ <= '9') ++p_;
-        }
-        bool integral = true;
-        if (take('.')) {
-            integral = false;
-            if (p_ == end_ || *p_ < '0' || *p_ > '9') return false;
-            while (p_ < end_ && *p_ >= '0' && *p_ <= '9') ++p_;
-        }
-        if (p_ < end_ && (*p_ == 'e' || *p_ == 'E')) {
-            integral = false;
-            ++p_;
-            if (p_ < end_ && (*p_ == '+' || *p_ == '-')) ++p_;
-            if (p_ == end_ || *p_ < '0' || *p_ > '9') return false;
-            while (p_ < end_ && *p_ >= '0' && *p_ <= '9') ++p_;
-        }
-        const std::string text(start, size_t(p_ - start));
-        out = std::strtod(text.c_str(), nullptr);
-        // The general path reads "-0" as the integer 0, so as +0.0.
-        if (integral && out == 0) out = 0.0;
-        return std::isfinite(out);
-    }
-    // An array of strings; text joined by "," takes the general path.
-    bool node_names(std::vector<std::string>& out) {
-        if (!take('[')) return false;
-        skip_ws();
-        if (take(']')) return true;
-        std::string name;
-        for (;;) {
-            skip_ws();
-            if (!string(name)) return false;
-            out.push_back(name);
-            skip_ws();
-            if (take(',')) continue;
-            return take(']');
-        }
-    }
-
-    const char* p_;
-    const char* end_;
-    vesk::datastore::InsertRecord& record_;
-    Seen& seen_;
+    const char* text_;
+    JsonLine& out_;
+    std::string& error_;
 };
 
-// The general path: any JSON, with precise messages for what is wrong.
-bool parse_with_dom(const std::string& line, vesk::datastore::InsertRecord& record, Seen& seen,
-                    std::string& error) {
-    // The JSON reader takes a NUL byte for the end of the text, so a line
-    // with one would be read only up to it.
-    if (const auto nul = line.find('\0'); nul != std::string::npos) {
-        error = "NUL byte at column " + std::to_string(nul + 1);
-        return false;
-    }
-    json object = json::parse(line, nullptr, false);
-    if (object.is_discarded()) {
-        // Parse again to learn where and why: the error path only. Every
-        // exception of the reader is caught here (a number out of range is
-        // not a parse_error), as this runs on the parser threads.
-        try {
-            const json again = json::parse(line);
-            (void)again;
-        } catch (const json::exception& e) {
-            error = e.what();
-            if (error.rfind("[json.exception.", 0) == 0) {
-                const auto close = error.find("] ");
-                if (close != std::string::npos) error = error.substr(close + 2);
-            }
-            // The text is one line: "at line 1, column 5" says only the column.
-            const std::string where = "parse error at line 1, ";
-            if (error.rfind(where, 0) == 0) error = "invalid JSON at " + error.substr(where.size());
-            return false;
-        } catch (const std::exception& e) {
-            error = std::string("invalid JSON: ") + e.what();
-            return false;
-        }
-        error = "not valid JSON";
-        return false;
-    }
-    if (!object.is_object()) {
-        error = "expected a JSON object";
-        return false;
-    }
-
-    record = vesk::datastore::InsertRecord{};
-    seen = Seen{};
+// Fills the defaults of a row and checks what the parse could not.
+bool finish_row(unsigned seen, int64_t default_run, vesk::datastore::InsertRecord& record,
+                std::string& error) {
     auto& h = record.header;
-    for (auto& item : object.items()) {
-        // (Not a structured binding: clang cannot capture one in the lambda.)
-        const std::string& key = item.key();
-        json& value = item.value();
-        auto wrong = [&](const char* expected) {
-            error = "\"" + key + "\" must be " + expected;
-            return false;
-        };
-        if (key == "rowid") {
-            int64_t ignored = 0;
-            if (!value.is_null() && !get_integer(value, ignored)) return wrong("an integer");
-        } else if (key == "Provider") {
-            if (!value.is_string()) return wrong("a string");
-            h.provider = std::move(value.get_ref<std::string&>());
-        } else if (key == "Hostname") {
-            if (!value.is_string()) return wrong("a string");
-            h.hostname = std::move(value.get_ref<std::string&>());
-        } else if (key == "num_nodes") {
-            if (!get_int32(value, h.num_nodes)) return wrong("an integer");
-            seen.nodes = true;
-        } else if (key == "node_names") {
-            if (value.is_string()) {
-                for (const auto& piece : vesk::str::split(value.get<std::string>(), ',', true)) {
-                    const std::string name = vesk::str::stripws(piece);
-                    if (!name.empty()) h.node_names.push_back(name);
-                }
-            } else if (value.is_array()) {
-                for (auto& item : value) {
-                    if (!item.is_string()) return wrong("an array of strings");
-                    h.node_names.push_back(std::move(item.get_ref<std::string&>()));
-                }
-            } else {
-                return wrong("an array of strings");
-            }
-        } else if (key == "Exit_status") {
-            if (!get_int32(value, h.exit_status)) return wrong("an integer");
-        } else if (key == "Timestamp") {
-            if (!get_integer(value, h.timestamp)) return wrong("an integer");
-            seen.start = true;
-        } else if (key == "Duration") {
-            if (!value.is_number()) return wrong("a number");
-            h.duration = value.get<double>();
-        } else if (key == "Encoding") {
-            int32_t encoding = -1;
-            if (value.is_string()) {
-                const auto found = vesk::datastore::encoding_map.find(value.get<std::string>());
-                if (found != vesk::datastore::encoding_map.end()) encoding = found->second;
-            } else {
-                (void)get_int32(value, encoding);
-            }
-            if (encoding < 0 || encoding > 2)
-                return wrong("0, 1, 2, \"none\", \"base64\" or \"raw\"");
-            h.encoding = vesk::provider::encoding(encoding);
-        } else if (key == "STDOUT") {
-            if (!value.is_string()) return wrong("a string");
-            record.std_out = std::move(value.get_ref<std::string&>());
-        } else if (key == "STDERR") {
-            if (!value.is_string()) return wrong("a string");
-            record.std_err = std::move(value.get_ref<std::string&>());
-        } else if (key == "OptionID") {
-            if (!value.is_string()) return wrong("a string");
-            record.option_id = std::move(value.get_ref<std::string&>());
-        } else if (key == "version") {
-            if (!get_int32(value, h.version)) return wrong("an integer");
-        } else if (key == "Username") {
-            if (!value.is_string()) return wrong("a string");
-            h.username = std::move(value.get_ref<std::string&>());
-        } else if (key == "Unique_timestamp") {
-            if (!get_integer(value, h.unique_timestamp)) return wrong("an integer");
-            seen.run = true;
-        } else {
-            error = "unknown key \"" + key + "\"";
+    if (h.provider.empty()) {
+        error = "Provider: is missing or empty";
+        return false;
+    }
+    if (h.hostname.empty()) {
+        error = "Hostname: is missing or empty";
+        return false;
+    }
+    if (h.provider.size() > size_t(vesk::datastore::max_provider_size)) {
+        error = "Provider: is longer than " + std::to_string(vesk::datastore::max_provider_size) +
+                " bytes";
+        return false;
+    }
+    if (h.hostname.size() > size_t(vesk::datastore::max_hostname_size)) {
+        error = "Hostname: is longer than " + std::to_string(vesk::datastore::max_hostname_size) +
+                " bytes";
+        return false;
+    }
+    if (!(seen & (1u << kUniqueTimestamp))) h.unique_timestamp = default_run;
+    if (!(seen & (1u << kTimestamp))) h.timestamp = h.unique_timestamp / 1000000;
+    if (!(seen & (1u << kNumNodes))) h.num_nodes = int32_t(h.node_names.size());
+    return true;
+}
+
+// Checks a membership line: its five keys, each of the right kind.
+bool finish_member(unsigned seen, JsonLine& out, std::string& error) {
+    auto& h = out.record.header;
+    auto name = [&](const char* key, const std::string& value, size_t max, const char* limit) {
+        if (!error.empty()) return;
+        const std::string problem = name_problem(value, max, limit);
+        if (!problem.empty()) error = std::string(key) + ": " + problem;
+    };
+    for (const int column : {kSnapshot, kProvider, kHostname, kOptionId})
+        if (!(seen & (1u << column))) {
+            error = std::string(column_name(column)) + ": must be a string";
             return false;
         }
-    }
-    return true;
+    name("Snapshot", out.snapshot, kMaxSnapshotNameSize, "the snapshot name limit");
+    name("Provider", h.provider, size_t(vesk::datastore::max_provider_size), "max_provider_size");
+    name("Hostname", h.hostname, size_t(vesk::datastore::max_hostname_size), "max_hostname_size");
+    if (error.empty() && (!(seen & (1u << kUniqueTimestamp)) || h.unique_timestamp < 0))
+        error = "Unique_timestamp: must be an integer, 0 or more";
+    if (error.empty() && (seen & ~kMemberKeys))
+        error =
+            "a snapshot line holds Snapshot, Provider, Hostname, OptionID and "
+            "Unique_timestamp only";
+    return error.empty();
 }
 
 }  // namespace
 
-bool parse_row_line(const std::string& line, int64_t default_run,
-                    vesk::datastore::InsertRecord& record, std::string& error) {
-    return detail::parse_row_line_by(detail::JsonPath::automatic, line, default_run, record, error);
-}
+struct JsonLineReader::State {
+    od::parser parser;
+    simdjson::dom::parser checker;  // only for the message of a non-object
+    std::vector<char> buffer;       // the line, then the parser's padding
+};
 
-namespace detail {
+JsonLineReader::JsonLineReader() : state_(new State) {}
+JsonLineReader::~JsonLineReader() = default;
 
-bool parse_row_line_by(JsonPath path, const std::string& line, int64_t default_run,
-                       vesk::datastore::InsertRecord& record, std::string& error) {
-    Seen seen;
-    bool parsed = false;
+bool JsonLineReader::parse(std::string_view line, int64_t default_run, JsonLine& out,
+                           std::string& error) {
+    out.member = false;
+    out.record = vesk::datastore::InsertRecord{};
+    out.snapshot.clear();
+    error.clear();
+    // A NUL byte is never part of a line of text; say where it is.
+    if (const void* nul = std::memchr(line.data(), '\0', line.size())) {
+        error = "NUL byte at column " +
+                std::to_string(static_cast<const char*>(nul) - line.data() + 1);
+        return false;
+    }
     try {
-        if (path != JsonPath::validating_only) parsed = FastParser(line, record, seen).parse();
-        if (!parsed && path == JsonPath::fast_only) {
-            error = "not taken by the fast path";
+        // The parser reads up to SIMDJSON_PADDING bytes past the text.
+        auto& buffer = state_->buffer;
+        if (buffer.size() < line.size() + simdjson::SIMDJSON_PADDING)
+            buffer.resize(line.size() + simdjson::SIMDJSON_PADDING);
+        std::memcpy(buffer.data(), line.data(), line.size());
+        std::memset(buffer.data() + line.size(), ' ', simdjson::SIMDJSON_PADDING);
+
+        od::document doc;
+        if (const error_code code =
+                state_->parser.iterate(buffer.data(), line.size(), buffer.size()).get(doc)) {
+            error = std::string("invalid JSON: ") + simdjson::error_message(code);
             return false;
         }
-        if (!parsed && !parse_with_dom(line, record, seen, error)) return false;
+        unsigned seen = 0;
+        LineParser parser(buffer.data(), out, error);
+        if (!parser.fields(doc, seen)) {
+            if (parser.whole_document_checked) {
+                // Not an object: is it JSON at all?
+                const auto checked = state_->checker.parse(buffer.data(), line.size(), false);
+                error = checked.error()
+                            ? std::string("invalid JSON: ") + simdjson::error_message(checked.error())
+                            : "expected a JSON object";
+            }
+            return false;
+        }
+        if (seen & (1u << kSnapshot)) {
+            out.member = true;
+            return finish_member(seen, out, error);
+        }
+        return finish_row(seen, default_run, out.record, error);
     } catch (const std::exception& e) {
         // Nothing of a line may end the process: this runs on a parser thread.
         error = std::string("cannot read the line: ") + e.what();
         return false;
     }
-    auto& h = record.header;
-    if (h.provider.empty()) {
-        error = "\"Provider\" is missing or empty";
-        return false;
-    }
-    if (h.hostname.empty()) {
-        error = "\"Hostname\" is missing or empty";
-        return false;
-    }
-    if (h.provider.size() > size_t(vesk::datastore::max_provider_size)) {
-        error = "\"Provider\" is longer than " +
-                std::to_string(vesk::datastore::max_provider_size) + " bytes";
-        return false;
-    }
-    if (h.hostname.size() > size_t(vesk::datastore::max_hostname_size)) {
-        error = "\"Hostname\" is longer than " +
-                std::to_string(vesk::datastore::max_hostname_size) + " bytes";
-        return false;
-    }
-    if (!seen.run) h.unique_timestamp = default_run;
-    if (!seen.start) h.timestamp = h.unique_timestamp / 1000000;
-    if (!seen.nodes) h.num_nodes = int32_t(h.node_names.size());
-    return true;
 }
 
-}  // namespace detail
+bool parse_row_line(const std::string& line, int64_t default_run,
+                    vesk::datastore::InsertRecord& record, std::string& error) {
+    JsonLineReader reader;
+    JsonLine out;
+    if (!reader.parse(line, default_run, out, error)) return false;
+    if (out.member) {
+        error = "unknown key \"Snapshot\"";
+        return false;
+    }
+    record = std::move(out.record);
+    return true;
+}
 
 std::string row_to_line(const vesk::datastore::Row& row) {
     return row_to_json(row).dump(-1, ' ', false, Json::error_handler_t::replace);

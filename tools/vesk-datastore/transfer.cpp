@@ -77,27 +77,11 @@ struct Batch {
     std::vector<size_t> lines;
 };
 
-// "KEY" must be ... from the parser reads as KEY: must be ..., the form of
-// every refusal of a line.
-std::string field_first(const std::string& error) {
-    if (error.size() > 2 && error[0] == '"') {
-        const size_t close = error.find('"', 1);
-        if (close != std::string::npos && close + 1 < error.size() && error[close + 1] == ' ')
-            return error.substr(1, close - 1) + ": " + error.substr(close + 2);
-    }
-    return error;
-}
-
-// Why `line` cannot be stored ("" when it can), with `record` filled in.
-std::string check_line(const std::string& line, int64_t default_run, InsertRecord& record) {
-    std::string error;
-    if (!parse_row_line(line, default_run, record, error)) return field_first(error);
-    const std::string key = repeated_key(line);
-    if (!key.empty()) return key + ": the key appears twice";
+// Why the row `record` cannot be stored ("" when it can).
+std::string check_record(const InsertRecord& record) {
     std::string problem;
     const std::string field = record_problem(record, problem);
-    if (!field.empty()) return field + ": " + problem;
-    return "";
+    return field.empty() ? "" : field + ": " + problem;
 }
 
 // One snapshot membership read from a line of an import.
@@ -106,48 +90,6 @@ struct Member {
     Store::RowKey key;
     size_t line = 0;
 };
-
-// True when `line` is a snapshot membership line (export --snapshots);
-// `member` is filled in, or `error` says why it cannot be.
-bool snapshot_member(const std::string& line, Member& member, std::string& error) {
-    if (line.find("\"Snapshot\"") == std::string::npos) return false;
-    Json j;
-    try {
-        j = Json::parse(line);
-    } catch (const std::exception&) {
-        return false;  // not even JSON: the row parser says why
-    }
-    if (!j.is_object() || !j.contains("Snapshot")) return false;
-    auto text = [&](const char* key, std::string& into, size_t max, const std::string& limit) {
-        if (!error.empty()) return;
-        const auto found = j.find(key);
-        if (found == j.end() || !found->is_string()) {
-            error = std::string(key) + ": must be a string";
-            return;
-        }
-        into = found->get<std::string>();
-        if (max == 0) return;
-        const std::string problem = name_problem(into, max, limit);
-        if (!problem.empty()) error = std::string(key) + ": " + problem;
-    };
-    auto& [provider, host, option, run] = member.key;
-    text("Snapshot", member.snapshot, kMaxSnapshotNameSize, "the snapshot name limit");
-    text("Provider", provider, size_t(vesk::datastore::max_provider_size), "max_provider_size");
-    text("Hostname", host, size_t(vesk::datastore::max_hostname_size), "max_hostname_size");
-    text("OptionID", option, 0, "");
-    if (error.empty()) {
-        const auto found = j.find("Unique_timestamp");
-        if (found == j.end() || !found->is_number_integer() || found->get<int64_t>() < 0)
-            error = "Unique_timestamp: must be an integer, 0 or more";
-        else
-            run = found->get<int64_t>();
-    }
-    if (error.empty() && j.size() != 5)
-        error =
-            "a snapshot line holds Snapshot, Provider, Hostname, OptionID and "
-            "Unique_timestamp only";
-    return true;
-}
 
 // Records `members` (already checked) as snapshots of the datastore
 // `target`, each snapshot in one commit. Returns the number recorded;
@@ -287,6 +229,8 @@ int cmd_import(const GlobalOptions& global, const std::string& file, size_t batc
     std::vector<Member> members;  // the parser's until it is joined
     std::thread parser([&] {
         LineReader reader(input);
+        JsonLineReader json;
+        JsonLine parsed;
         Batch batch;
         std::string line;
         std::string error;
@@ -294,22 +238,21 @@ int cmd_import(const GlobalOptions& global, const std::string& file, size_t batc
         while (reader.next(line)) {
             ++number;
             if (line.find_first_not_of(" \t\r") == std::string::npos) continue;
-            Member member;
-            if (snapshot_member(line, member, error)) {
-                if (!error.empty()) {
-                    queue.finish(name + ":" + std::to_string(number) + ": " + error);
-                    return;
-                }
-                member.line = number;
-                members.push_back(std::move(member));
-                continue;
-            }
-            InsertRecord record;
-            error = check_line(line, default_run, record);
-            if (!error.empty()) {
+            if (!json.parse(line, default_run, parsed, error) ||
+                (!parsed.member && !(error = check_record(parsed.record)).empty())) {
                 queue.finish(name + ":" + std::to_string(number) + ": " + error);
                 return;
             }
+            if (parsed.member) {
+                auto& h = parsed.record.header;
+                members.push_back(Member{std::move(parsed.snapshot),
+                                         Store::RowKey(std::move(h.provider), std::move(h.hostname),
+                                                       std::move(parsed.record.option_id),
+                                                       h.unique_timestamp),
+                                         number});
+                continue;
+            }
+            InsertRecord& record = parsed.record;
             batch.records.push_back(std::move(record));
             batch.lines.push_back(number);
             if (batch.records.size() >= batch_size) {

@@ -143,40 +143,6 @@ std::string record_problem(const vesk::datastore::InsertRecord& record, std::str
     return "";
 }
 
-std::string repeated_key(const std::string& line) {
-    // Walks the text once: strings are skipped whole, and a string at depth
-    // one followed by ':' is a key of the top-level object.
-    // A row has about fifteen keys: a linear search beats a tree here.
-    std::vector<std::string_view> keys;
-    keys.reserve(16);
-    int depth = 0;
-    const size_t n = line.size();
-    for (size_t i = 0; i < n; ++i) {
-        const char c = line[i];
-        if (c == '{' || c == '[') {
-            ++depth;
-        } else if (c == '}' || c == ']') {
-            --depth;
-        } else if (c == '"') {
-            const size_t start = i + 1;
-            size_t j = start;
-            while (j < n && line[j] != '"') j += line[j] == '\\' ? 2 : 1;
-            if (depth == 1) {
-                size_t k = j + 1;
-                while (k < n && blank(static_cast<unsigned char>(line[k]))) ++k;
-                if (k < n && line[k] == ':') {
-                    const std::string_view key(line.data() + start, std::min(j, n) - start);
-                    if (std::find(keys.begin(), keys.end(), key) != keys.end())
-                        return std::string(key);
-                    keys.push_back(key);
-                }
-            }
-            i = j;
-        }
-    }
-    return "";
-}
-
 std::string timeout_problem(double seconds) {
     if (!std::isfinite(seconds) || seconds <= 0 || seconds > kMaxTimeoutSeconds) {
         char max[32];

@@ -27,10 +27,6 @@ std::string name_problem(const std::string& value, size_t max, const std::string
 // problem in `problem`; "" when every field is fine.
 std::string record_problem(const vesk::datastore::InsertRecord& record, std::string& problem);
 
-// The first key that the JSON object on `line` holds twice at its top
-// level, or "". The line must already have parsed as a JSON object.
-std::string repeated_key(const std::string& line);
-
 // Why `seconds` is no usable timeout: not a number, not above 0, or beyond
 // kMaxTimeoutSeconds.
 std::string timeout_problem(double seconds);
