@@ -1,13 +1,15 @@
 # Two commands do everything on a fresh Debian machine:
 #   make demo   bootstrap, build, and a real session on the default datastore
 #   make test   bootstrap, build and run every test
-# Further targets: build, asan (sanitizer build + tests), bench, install, format,
+# Further targets: build, asan (sanitizer build + tests), bench, bench-cluster
+# (the cluster figures; the generated store is kept in CLUSTER_DIR), install, format,
 # fuzz (libFuzzer targets, built with clang in build-fuzz; README "Fuzzing").
 
 BUILD      ?= build
 ASAN_BUILD ?= build-asan
 BENCH_BUILD ?= build-bench
 FUZZ_BUILD ?= build-fuzz
+CLUSTER_DIR ?= $(BENCH_BUILD)/cluster
 # Every unit is instrumented for coverage and checked by ASan and UBSan; only
 # the fuzz programs link libFuzzer itself.
 FUZZ_FLAGS := -g -O1 -fno-omit-frame-pointer -fsanitize=fuzzer-no-link,address,undefined \
@@ -15,7 +17,7 @@ FUZZ_FLAGS := -g -O1 -fno-omit-frame-pointer -fsanitize=fuzzer-no-link,address,u
 JOBS       ?= $(shell nproc)
 PREFIX     ?= /usr/local
 
-.PHONY: all bootstrap configure build test asan bench fuzz demo install format format-check clean
+.PHONY: all bootstrap configure build test asan bench bench-cluster fuzz demo install format format-check clean
 
 all: build
 
@@ -40,6 +42,11 @@ bench: bootstrap
 	cmake --preset release -B $(BENCH_BUILD) -DVESK_BUILD_BENCH=ON
 	cmake --build $(BENCH_BUILD) -j $(JOBS)
 	@for b in $(BENCH_BUILD)/bench/bench_*; do [ -x "$$b" ] && "$$b" || exit 1; done
+
+bench-cluster: bootstrap
+	cmake --preset release -B $(BENCH_BUILD) -DVESK_BUILD_BENCH=ON
+	cmake --build $(BENCH_BUILD) -j $(JOBS) --target bench_cluster
+	VESK_CLUSTER_DIR=$(abspath $(CLUSTER_DIR)) $(BENCH_BUILD)/bench/bench_cluster $(BENCH_ARGS)
 
 fuzz: bootstrap
 	cmake -S . -B $(FUZZ_BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVESK_FUZZ=ON \

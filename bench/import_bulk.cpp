@@ -6,7 +6,7 @@
 //                        Lines file into a new default datastore (a fresh
 //                        HOME), process start and JSON parsing included
 // Rows: 200-byte outputs, 200 providers x 500 hosts, ten runs. At the end
-// the import/bulk ratio is printed (the goal is at most 1.5).
+// the import/bulk throughput ratio is printed (the goal is 0.9 or more).
 //
 // VESK_BENCH_SCALE and VESK_BENCH_DIR: see bench_support.h.
 #include <cstdio>
@@ -129,9 +129,9 @@ public:
         ConsoleReporter::Finalize();
         const auto bulk = times_.find("bulk_insert/1M");
         const auto tool = times_.find("tool_import/1M");
-        if (bulk != times_.end() && tool != times_.end() && bulk->second > 0)
-            std::printf("import/bulk ratio for %zu rows: %.2f (goal: at most 1.5)\n",
-                        records().size(), tool->second / bulk->second);
+        if (bulk != times_.end() && tool != times_.end() && tool->second > 0)
+            std::printf("import/bulk throughput for %zu rows: %.2f (goal: 0.9 or more)\n",
+                        records().size(), bulk->second / tool->second);
     }
 
 private:

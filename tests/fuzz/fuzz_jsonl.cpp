@@ -9,9 +9,10 @@
 
 #include <nlohmann/json.hpp>
 
+#include "vesk/datastore/records.h"
+
 #include "fuzz_support.h"
 #include "jsonl.h"
-#include "vesk/datastore/records.h"
 
 namespace {
 

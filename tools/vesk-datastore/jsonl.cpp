@@ -1,9 +1,8 @@
 #include "jsonl.h"
 
 #include <cstring>
-#include <vector>
-
 #include <simdjson.h>
+#include <vector>
 
 #include "vesk/datastore/row_fields.h"
 #include "vesk/datastore/vocabulary.h"
@@ -89,8 +88,8 @@ bool is_json_number(std::string_view token) {
 
 // The raw scalar without the blanks that follow it.
 std::string_view trimmed(std::string_view token) {
-    while (!token.empty() && (token.back() == ' ' || token.back() == '\t' ||
-                              token.back() == '\r' || token.back() == '\n'))
+    while (!token.empty() && (token.back() == ' ' || token.back() == '\t' || token.back() == '\r' ||
+                              token.back() == '\n'))
         token.remove_suffix(1);
     return token;
 }
@@ -364,8 +363,8 @@ bool JsonLineReader::parse(std::string_view line, int64_t default_run, JsonLine&
     error.clear();
     // A NUL byte is never part of a line of text; say where it is.
     if (const void* nul = std::memchr(line.data(), '\0', line.size())) {
-        error = "NUL byte at column " +
-                std::to_string(static_cast<const char*>(nul) - line.data() + 1);
+        error =
+            "NUL byte at column " + std::to_string(static_cast<const char*>(nul) - line.data() + 1);
         return false;
     }
     try {
@@ -388,9 +387,9 @@ bool JsonLineReader::parse(std::string_view line, int64_t default_run, JsonLine&
             if (parser.whole_document_checked) {
                 // Not an object: is it JSON at all?
                 const auto checked = state_->checker.parse(buffer.data(), line.size(), false);
-                error = checked.error()
-                            ? std::string("invalid JSON: ") + simdjson::error_message(checked.error())
-                            : "expected a JSON object";
+                error = checked.error() ? std::string("invalid JSON: ") +
+                                              simdjson::error_message(checked.error())
+                                        : "expected a JSON object";
             }
             return false;
         }

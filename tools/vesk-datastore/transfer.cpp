@@ -245,11 +245,11 @@ int cmd_import(const GlobalOptions& global, const std::string& file, size_t batc
             }
             if (parsed.member) {
                 auto& h = parsed.record.header;
-                members.push_back(Member{std::move(parsed.snapshot),
-                                         Store::RowKey(std::move(h.provider), std::move(h.hostname),
-                                                       std::move(parsed.record.option_id),
-                                                       h.unique_timestamp),
-                                         number});
+                members.push_back(
+                    Member{std::move(parsed.snapshot),
+                           Store::RowKey(std::move(h.provider), std::move(h.hostname),
+                                         std::move(parsed.record.option_id), h.unique_timestamp),
+                           number});
                 continue;
             }
             InsertRecord& record = parsed.record;
