@@ -30,7 +30,6 @@
 #include <fstream>
 #include <map>
 #include <spawn.h>
-#include <sqlite3.h>
 #include <string>
 #include <sys/wait.h>
 #include <thread>
@@ -38,6 +37,7 @@
 #include <vector>
 
 #include <benchmark/benchmark.h>
+#include <sqlite3.h>
 
 #include "vesk/datastore.h"
 #include "vesk/datastore/operations.h"
@@ -139,8 +139,8 @@ const std::string& rows_file() {
             std::snprintf(number, sizeof number, "%.17g", h.duration);
             out << R"({"Provider":")" << h.provider << R"(","Hostname":")" << h.hostname
                 << R"(","num_nodes":1,"node_names":[")" << h.hostname << R"("],"Exit_status":)"
-                << h.exit_status << R"(,"Timestamp":)" << h.timestamp << R"(,"Duration":)"
-                << number << R"(,"STDOUT":")" << r.std_out.substr(0, r.std_out.size() - 1)
+                << h.exit_status << R"(,"Timestamp":)" << h.timestamp << R"(,"Duration":)" << number
+                << R"(,"STDOUT":")" << r.std_out.substr(0, r.std_out.size() - 1)
                 << R"(\n","OptionID":"","version":1,"Username":"bench","Unique_timestamp":)"
                 << h.unique_timestamp << "}\n";
         });
@@ -266,8 +266,8 @@ void BM_BulkInsert(benchmark::State& state) {
     }
     vd::DataStoreParseUtility::clear_db_vector();
     remove_db(db);
-    state.counters["rows/s"] = benchmark::Counter(double(state.iterations() * rows.size()),
-                                                  benchmark::Counter::kIsRate);
+    state.counters["rows/s"] =
+        benchmark::Counter(double(state.iterations() * rows.size()), benchmark::Counter::kIsRate);
 }
 
 void BM_ToolImport(benchmark::State& state) {
@@ -283,8 +283,8 @@ void BM_ToolImport(benchmark::State& state) {
         if (status != 0) state.SkipWithError("import failed");
     }
     fs::remove_all(home);
-    state.counters["rows/s"] = benchmark::Counter(double(state.iterations() * row_count()),
-                                                  benchmark::Counter::kIsRate);
+    state.counters["rows/s"] =
+        benchmark::Counter(double(state.iterations() * row_count()), benchmark::Counter::kIsRate);
 }
 
 void BM_Prune(benchmark::State& state) {
@@ -383,9 +383,9 @@ int main(int argc, char** argv) {
         benchmark::RegisterBenchmark(("cmd/" + name).c_str(), BM_Command, args)
             ->Unit(benchmark::kMillisecond)
             ->UseManualTime();
-    for (const auto& [name, fn] : {std::pair{"import/bulk_insert", &BM_BulkInsert},
-                                   std::pair{"import/tool", &BM_ToolImport},
-                                   std::pair{"prune/half", &BM_Prune}})
+    for (const auto& [name, fn] :
+         {std::pair{"import/bulk_insert", &BM_BulkInsert}, std::pair{"import/tool", &BM_ToolImport},
+          std::pair{"prune/half", &BM_Prune}})
         benchmark::RegisterBenchmark(name, fn)
             ->Unit(benchmark::kMillisecond)
             ->UseManualTime()

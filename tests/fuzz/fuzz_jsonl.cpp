@@ -1,8 +1,9 @@
-// The JSON Lines reader of the tool: no crash and no sanitizer report on any
-// input; whatever it accepts is JSON by an independent reader (nlohmann);
-// a reader that served earlier lines reads a line as a new one does; and a
-// row it accepts, written back as a line by export's writer and read again,
-// gives the same record.
+// The JSON Lines reader and writer of the tool: no crash and no sanitizer
+// report on any input; whatever the reader accepts is JSON by an
+// independent reader (nlohmann); a reader that served earlier lines reads a
+// line as a new one does; a row it accepts, written back as a line by
+// export's writer and read again, gives the same record; and the writer
+// gives nlohmann-json's bytes for any text, UTF-8 or not.
 #include <cstdint>
 #include <cstring>
 #include <string>
@@ -13,6 +14,7 @@
 
 #include "fuzz_support.h"
 #include "jsonl.h"
+#include "output.h"
 
 namespace {
 
@@ -63,6 +65,15 @@ vesk::datastore::Row row_of(const InsertRecord& r) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const std::string line = vesk::fuzz::text_of(data, size);
     const int64_t run = 1700000000123456;
+
+    vesk::datastore::Row raw;
+    raw.STDOUT = line;
+    raw.node_names = {line.substr(0, size / 2), line.substr(size / 2)};
+    raw.Duration = size > 0 ? double(data[0]) / 7 : -0.0;
+    VESK_FUZZ_CHECK(vesk::tool::row_to_line(raw) ==
+                    vesk::tool::row_to_json(raw).dump(-1, ' ', false,
+                                                      vesk::tool::Json::error_handler_t::replace));
+
     static JsonLineReader reused;  // keeps the buffers of every earlier input
     JsonLineReader fresh;
     JsonLine first, again;

@@ -272,6 +272,35 @@ TEST(JsonLines, OneReaderForLinesOfAnyLength) {
     }
 }
 
+TEST(JsonLines, WritesWhatNlohmannWrites) {
+    // export's bytes must not change: the writer against nlohmann-json's dump.
+    const std::string texts[] = {"",
+                                 "plain",
+                                 std::string("q\"b\\s/\b\f\n\r\t\x01\x1f\x7f\0z", 15),
+                                 "caf\xc3\xa9 \xf0\x9f\x98\x80",
+                                 "bad \xff byte",
+                                 "cut \xe2\x82",
+                                 "surrogate \xed\xa0\x80"};
+    const double durations[] = {0.0, -0.0, 0.1, 1e15, 1e16, 1e-7, 123456.789, -2.5, 1e308};
+    size_t i = 0;
+    for (const auto& text : texts) {
+        for (const double duration : durations) {
+            vesk::datastore::Row row;
+            row.rowid = int32_t(i);
+            row.Unique_timestamp = INT64_MIN + int64_t(i++);
+            row.STDOUT = text;
+            row.Hostname = text;
+            row.node_names = {text, "n"};
+            row.Duration = duration;
+            EXPECT_EQ(row_to_line(row),
+                      row_to_json(row).dump(-1, ' ', false, Json::error_handler_t::replace))
+                << text << " " << duration;
+        }
+    }
+    vesk::datastore::Row empty;
+    EXPECT_NE(row_to_line(empty).find(R"("node_names":[],)"), std::string::npos);
+}
+
 ProviderCommand shell(const std::string& name, const std::string& command, double timeout = 10) {
     return ProviderCommand{name, {"/bin/sh", "-c", command}, "", timeout};
 }

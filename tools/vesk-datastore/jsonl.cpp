@@ -418,8 +418,101 @@ bool parse_row_line(const std::string& line, int64_t default_run,
     return true;
 }
 
+namespace {
+
+// `text` as a JSON string, as nlohmann-json writes it: quotes, backslashes
+// and control bytes escaped, everything else as is. Text that is not UTF-8
+// is left to nlohmann-json, which replaces the bad bytes.
+void append_string(std::string& out, const std::string& text) {
+    bool high = false;
+    for (const char c : text) high |= static_cast<unsigned char>(c) >= 0x80;
+    if (high && !simdjson::validate_utf8(text.data(), text.size())) {
+        out += Json(text).dump(-1, ' ', false, Json::error_handler_t::replace);
+        return;
+    }
+    static const char hex[] = "0123456789abcdef";
+    out += '"';
+    const char* run = text.data();
+    const char* const end = run + text.size();
+    for (const char* p = run; p != end; ++p) {
+        const unsigned char c = static_cast<unsigned char>(*p);
+        if (c >= 0x20 && c != '"' && c != '\\') continue;
+        out.append(run, size_t(p - run));
+        run = p + 1;
+        out += '\\';
+        switch (c) {
+            case '"':
+                out += '"';
+                break;
+            case '\\':
+                out += '\\';
+                break;
+            case '\b':
+                out += 'b';
+                break;
+            case '\f':
+                out += 'f';
+                break;
+            case '\n':
+                out += 'n';
+                break;
+            case '\r':
+                out += 'r';
+                break;
+            case '\t':
+                out += 't';
+                break;
+            default:
+                out += "u00";
+                out += hex[c >> 4];
+                out += hex[c & 0xF];
+        }
+    }
+    out.append(run, size_t(end - run));
+    out += '"';
+}
+
+}  // namespace
+
 std::string row_to_line(const vesk::datastore::Row& row) {
-    return row_to_json(row).dump(-1, ' ', false, Json::error_handler_t::replace);
+    using vesk::datastore::FieldKind;
+    std::string out;
+    out.reserve(256 + row.STDOUT.size() + row.STDERR.size());
+    char sep = '{';
+    for (const auto& field : vesk::datastore::kRowFields) {
+        out += sep;
+        sep = ',';
+        out += '"';
+        out += field.name;  // plain ASCII: nothing to escape
+        out += "\":";
+        switch (field.kind) {
+            case FieldKind::int32:
+                out += std::to_string(row.*field.int32);
+                break;
+            case FieldKind::int64:
+                out += std::to_string(row.*field.int64);
+                break;
+            case FieldKind::real:
+                // nlohmann-json's shortest form that reads back exactly.
+                out += Json(row.*field.real).dump();
+                break;
+            case FieldKind::text:
+                append_string(out, row.*field.text);
+                break;
+            case FieldKind::node_list: {
+                char open = '[';
+                for (const auto& name : row.*field.list) {
+                    out += open;
+                    open = ',';
+                    append_string(out, name);
+                }
+                out += open == '[' ? "[]" : "]";
+                break;
+            }
+        }
+    }
+    out += '}';
+    return out;
 }
 
 }  // namespace vesk::tool
