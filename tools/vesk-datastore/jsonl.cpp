@@ -104,7 +104,11 @@ public:
     bool fields(od::document& doc, unsigned& seen) {
         od::object object;
         error_code code = doc.get_object().get(object);
-        if (code) return code == simdjson::INCORRECT_TYPE ? not_an_object() : invalid(doc, code);
+        if (code == simdjson::INCORRECT_TYPE) {
+            not_an_object = true;
+            return false;
+        }
+        if (code) return invalid(doc, code);
         for (auto field : object) {
             std::string_view key;
             if ((code = field.unescaped_key().get(key))) return invalid(doc, code);
@@ -125,8 +129,8 @@ public:
         return true;
     }
 
-    // Set by the row parse when the whole text is refused before any field.
-    bool whole_document_checked = false;
+    // Set when the text is no JSON object: the caller finds out why.
+    bool not_an_object = false;
 
 private:
     bool fail(std::string message) {
@@ -140,17 +144,13 @@ private:
             where = " at column " + std::to_string(at - text_ + 1);
         return fail("invalid JSON" + where + ": " + simdjson::error_message(code));
     }
-    bool not_an_object() {
-        whole_document_checked = true;
-        return false;
-    }
     bool wrong(int column, const char* expected) {
         return fail(std::string(column_name(column)) + ": must be " + expected);
     }
 
     // A number that did not read as `expected`: malformed JSON, or a well
     // formed number (or another value) of the wrong kind.
-    bool bad_number(od::document& doc, int column, std::string_view token, const char* expected) {
+    bool bad_number(int column, std::string_view token, const char* expected) {
         token = trimmed(token);
         const char first = token.empty() ? '\0' : token[0];
         if ((first == '-' || (first >= '0' && first <= '9')) && !is_json_number(token)) {
@@ -159,7 +159,6 @@ private:
                 where = " at column " + std::to_string(token.data() - text_ + 1);
             return fail("invalid JSON" + where + ": malformed number " + std::string(token));
         }
-        (void)doc;
         if (column == kDuration && is_json_number(token))
             return fail(std::string(column_name(column)) + ": must be a finite number, not " +
                         std::string(token));
@@ -176,7 +175,7 @@ private:
     }
     bool integer(od::document& doc, int column, od::value& value, int64_t& into) {
         const std::string_view token = value.raw_json_token();
-        if (value.get_int64().get(into)) return bad_number(doc, column, token, "an integer");
+        if (value.get_int64().get(into)) return bad_number(column, token, "an integer");
         return true;
     }
     bool int32(od::document& doc, int column, od::value& value, int32_t& into) {
@@ -212,7 +211,7 @@ private:
             case kDuration: {
                 const std::string_view token = value.raw_json_token();
                 if (value.get_double().get(h.duration))
-                    return bad_number(doc, column, token, "a number");
+                    return bad_number(column, token, "a number");
                 return true;
             }
             case kEncoding:
@@ -384,7 +383,7 @@ bool JsonLineReader::parse(std::string_view line, int64_t default_run, JsonLine&
         unsigned seen = 0;
         LineParser parser(buffer.data(), out, error);
         if (!parser.fields(doc, seen)) {
-            if (parser.whole_document_checked) {
+            if (parser.not_an_object) {
                 // Not an object: is it JSON at all?
                 const auto checked = state_->checker.parse(buffer.data(), line.size(), false);
                 error = checked.error() ? std::string("invalid JSON: ") +
