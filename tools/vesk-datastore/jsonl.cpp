@@ -173,14 +173,14 @@ private:
         into.assign(s.data(), s.size());
         return true;
     }
-    bool integer(od::document& doc, int column, od::value& value, int64_t& into) {
+    bool integer(int column, od::value& value, int64_t& into) {
         const std::string_view token = value.raw_json_token();
         if (value.get_int64().get(into)) return bad_number(column, token, "an integer");
         return true;
     }
-    bool int32(od::document& doc, int column, od::value& value, int32_t& into) {
+    bool int32(int column, od::value& value, int32_t& into) {
         int64_t wide = 0;
-        if (!integer(doc, column, value, wide)) return false;
+        if (!integer(column, value, wide)) return false;
         if (wide < INT32_MIN || wide > INT32_MAX) return wrong(column, "an integer");
         into = int32_t(wide);
         return true;
@@ -194,20 +194,20 @@ private:
                 bool null = false;
                 if (!value.is_null().get(null) && null) return true;
                 int64_t ignored = 0;
-                return integer(doc, column, value, ignored);
+                return integer(column, value, ignored);
             }
             case kProvider:
                 return text(doc, column, value, h.provider);
             case kHostname:
                 return text(doc, column, value, h.hostname);
             case kNumNodes:
-                return int32(doc, column, value, h.num_nodes);
+                return int32(column, value, h.num_nodes);
             case kNodeNames:
                 return node_names(doc, value, h.node_names);
             case kExitStatus:
-                return int32(doc, column, value, h.exit_status);
+                return int32(column, value, h.exit_status);
             case kTimestamp:
-                return integer(doc, column, value, h.timestamp);
+                return integer(column, value, h.timestamp);
             case kDuration: {
                 const std::string_view token = value.raw_json_token();
                 if (value.get_double().get(h.duration))
@@ -223,11 +223,11 @@ private:
             case kOptionId:
                 return text(doc, column, value, record.option_id);
             case kVersion:
-                return int32(doc, column, value, h.version);
+                return int32(column, value, h.version);
             case kUsername:
                 return text(doc, column, value, h.username);
             case kUniqueTimestamp:
-                return integer(doc, column, value, h.unique_timestamp);
+                return integer(column, value, h.unique_timestamp);
             case kSnapshot:
                 return text(doc, column, value, out_.snapshot);
         }
@@ -244,7 +244,7 @@ private:
             if (!text(doc, kEncoding, value, name)) return false;
             const auto found = vesk::datastore::encoding_map.find(name);
             if (found != vesk::datastore::encoding_map.end()) encoding = found->second;
-        } else if (!int32(doc, kEncoding, value, encoding)) {
+        } else if (!int32(kEncoding, value, encoding)) {
             // A malformed number stays "invalid JSON"; any other value is
             // one of the wrong kind.
             if (error_.rfind("invalid JSON", 0) == 0) return false;
