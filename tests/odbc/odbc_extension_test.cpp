@@ -98,8 +98,9 @@ protected:
         const int32_t status = instance->open(parameters);
         if (status == vd::DataStoreExtension::OPERATION_SUCCESSFULL) {
             EXPECT_TRUE(instance->is_open());
-            EXPECT_EQ(instance->control(513, nullptr, nullptr, nullptr),
-                      vd::DataStoreExtension::UNSUPPORTED_OPERATION);
+            vd::SnapshotInfoSet ids;
+            EXPECT_EQ(instance->control(vd::OP_QUERY_BASELINE_IDS, nullptr, &ids, nullptr),
+                      vd::DataStoreExtension::OPERATION_SUCCESSFULL);
         }
         EXPECT_EQ(instance->close(), vd::DataStoreExtension::OPERATION_SUCCESSFULL);
         EXPECT_FALSE(instance->is_open());

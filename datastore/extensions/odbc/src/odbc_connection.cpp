@@ -693,6 +693,18 @@ bool OdbcConnection::rollback() {
     return end_transaction(*handles_, SQL_ROLLBACK, "SQLEndTran(ROLLBACK)");
 }
 
+bool OdbcConnection::rollback_keeping_error() {
+    Handles& h = *handles_;
+    sql::Error error = h.error;
+    std::vector<Diagnostic> diagnostics = h.diagnostics;
+    const bool done = rollback();
+    h.error = std::move(error);
+    h.diagnostics = std::move(diagnostics);
+    return done;
+}
+
+bool OdbcConnection::in_transaction() const { return handles_->in_transaction; }
+
 const sql::Error& OdbcConnection::last_error() const { return handles_->error; }
 
 bool OdbcConnection::is_alive() {
