@@ -49,6 +49,7 @@ namespace vesk::datastore::odbc_backend {
 namespace {
 
 constexpr int kErrorLevel = 3;
+constexpr int kWarningLevel = 4;
 constexpr int kNoticeLevel = 5;
 constexpr int kInfoLevel = 6;
 
@@ -180,17 +181,16 @@ protected:
 
     std::unique_ptr<sql::Statement> prepare_query(const std::string& sql) override {
         OdbcConnection& c = *connection_;
-        if (!c.begin()) {
+        // On PostgreSQL the transaction starts read-only: the driver runs
+        // each statement of a transaction inside a savepoint, and a
+        // savepoint's end would undo a later switch to read-only.
+        if (postgres_ ? !run("BEGIN READ ONLY;") : !c.begin()) {
             VESK_ODBC_LOG(kErrorLevel)
                 << where()
                 << "cannot start the transaction of a select: " << describe(c.last_error());
             return nullptr;
         }
-        if (postgres_ && !run(pg_read_only_transaction)) {
-            VESK_ODBC_LOG(kErrorLevel)
-                << where() << "cannot make a select read-only: " << describe(c.last_error());
-            return nullptr;
-        }
+        in_query_ = true;
         std::unique_ptr<sql::Statement> stmt = c.prepare(sql);
         if (!stmt)
             VESK_ODBC_LOG(kErrorLevel)
@@ -199,8 +199,17 @@ protected:
     }
 
     bool end_query() override {
-        if (connection_ && connection_->in_transaction()) connection_->rollback_keeping_error();
         if (!connection_) return false;
+        if (in_query_) {
+            in_query_ = false;
+            if (postgres_) {
+                const sql::Error kept = connection_->last_error();
+                const bool timed_out = kept.sqlstate == "HYT00" || kept.sqlstate == "57014";
+                (void)connection_->execute_keeping_error("ROLLBACK;");
+                return timed_out;
+            }
+            connection_->rollback_keeping_error();
+        }
         const std::string& state = connection_->last_error().sqlstate;
         return state == "HYT00" || state == "57014";
     }
@@ -211,8 +220,6 @@ protected:
     }
 
 private:
-    static constexpr const char* pg_read_only_transaction = "SET TRANSACTION READ ONLY;";
-
     // Why `text` of `field` cannot be sent to this server, "" if it can.
     std::string text_refusal(const char* field, const std::string& text) const {
         const auto problem = text_problem(text);
@@ -232,9 +239,9 @@ private:
         if (read()) return true;
         if (!opened_ || usable()) return false;
         if (!reopen()) return false;
-        VESK_ODBC_LOG(kNoticeLevel) << where()
-                                    << "the connection was lost during a read; reading again "
-                                       "on a new connection";
+        VESK_ODBC_LOG(kWarningLevel) << where()
+                                     << "the connection was lost during a read; reading again "
+                                        "on a new connection";
         return read();
     }
 
@@ -345,6 +352,7 @@ private:
     std::unique_ptr<OdbcConnection> connection_;
     bool opened_ = false;
     bool postgres_ = false;
+    bool in_query_ = false;  // a caller's select has its transaction open
 };
 
 }  // namespace
