@@ -203,8 +203,7 @@ TEST_F(MixedFrontEndTest, SnapshotListingGoesOnPastAnEmptyAnswerAndCommitsAskOnl
     const auto pg = Utility::locate_datastores({"pg"}).at(0).second;
     std::map<std::string, vd::ProviderInfoSet> dict{{"s3", {{rows.at(0).rowid, "p", nullptr}}}};
     const auto* slot = &dict;
-    ASSERT_EQ(controller_->control(pg, vd::OP_UPDATE_SNAPSHOT, nullptr, &slot, nullptr),
-              kOk);
+    ASSERT_EQ(controller_->control(pg, vd::OP_UPDATE_SNAPSHOT, nullptr, &slot, nullptr), kOk);
     ASSERT_TRUE(Utility::query_available_baselines());
     const auto known = Utility::get_snapshot_info_set();
     ASSERT_EQ(known.size(), 1u);

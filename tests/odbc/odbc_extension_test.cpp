@@ -90,6 +90,11 @@ protected:
                       "SELECT count(*) FROM pg_database WHERE datname = 'vesk_extension';") == 0)
             exec(*connection, "CREATE DATABASE vesk_extension;");
         source = with_database(conn_string, "vesk_extension");
+        // Every test starts from an empty database.
+        auto c = connect(source);
+        ASSERT_NE(c, nullptr);
+        exec(*c, "DROP VIEW IF EXISTS " + vd::table_view + ";");
+        exec(*c, "DROP TABLE IF EXISTS " + vd::table_name + ", " + vd::table_baseline + ";");
     }
 
     // Opens an instance with `parameters`; the status of open.
@@ -164,18 +169,9 @@ vd::InsertRecord row(const std::string& provider, int n) {
 }
 
 // The operations of a datastore on the test server, through the library's
-// entry points, starting from an empty database.
+// entry points.
 class OdbcOperationsTest : public OdbcExtensionTest {
 protected:
-    void SetUp() override {
-        OdbcExtensionTest::SetUp();
-        if (IsSkipped() || HasFatalFailure()) return;
-        auto c = connect(source);
-        ASSERT_NE(c, nullptr);
-        exec(*c, "DROP VIEW IF EXISTS " + vd::table_view + ";");
-        exec(*c, "DROP TABLE IF EXISTS " + vd::table_name + ", " + vd::table_baseline + ";");
-    }
-
     Instance open_instance(const std::string& extra = "") {
         Instance instance(create(), destroy);
         EXPECT_NE(instance, nullptr);

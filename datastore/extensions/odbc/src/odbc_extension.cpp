@@ -202,13 +202,12 @@ protected:
         if (!connection_) return false;
         if (in_query_) {
             in_query_ = false;
-            if (postgres_) {
-                const sql::Error kept = connection_->last_error();
-                const bool timed_out = kept.sqlstate == "HYT00" || kept.sqlstate == "57014";
+            // (psqlODBC follows the ROLLBACK with a COMMIT of its own, which
+            // the server answers with a warning: no transaction in progress.)
+            if (postgres_)
                 (void)connection_->execute_keeping_error("ROLLBACK;");
-                return timed_out;
-            }
-            connection_->rollback_keeping_error();
+            else
+                connection_->rollback_keeping_error();
         }
         const std::string& state = connection_->last_error().sqlstate;
         return state == "HYT00" || state == "57014";
