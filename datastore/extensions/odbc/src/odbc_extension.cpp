@@ -50,7 +50,6 @@ namespace {
 
 constexpr int kErrorLevel = 3;
 constexpr int kWarningLevel = 4;
-constexpr int kNoticeLevel = 5;
 constexpr int kInfoLevel = 6;
 
 // PostgreSQL takes no single value, and no protocol message, of 1 GiB or
@@ -300,7 +299,7 @@ private:
                                           : &sql::default_dialect();
         hosts_query = dialect_.hosts_sql();
         if (!postgres_ && server != "SQLite")
-            VESK_ODBC_LOG(kNoticeLevel)
+            VESK_ODBC_LOG(kWarningLevel)
                 << where() << "server \"" << server
                 << "\" has no dialect of its own: using the portable SQL texts, whose schema "
                    "and latest-row queries (GROUP BY with columns outside the aggregate) some "
