@@ -99,6 +99,18 @@ class OdbcDatastore(OdbcToolCase):
         self.assertEqual(sorted(r["Hostname"] for r in latest),
                          ["node000", "node001", "node002", "node003"])
         self.assertEqual({r["STDOUT"] for r in latest}, {"up 2\n"})
+        # Host patterns: * and ? on a server; character classes are SQLite's.
+        picked = self.json_of(*pg, "rows", "--latest", "--provider", "cpu", "--host", "node00?",
+                              "--host", "*3")
+        self.assertEqual(sorted(r["Hostname"] for r in picked),
+                         ["node000", "node001", "node002", "node003"])
+        self.assertEqual(len(self.json_of(*pg, "rows", "--host", "NODE*", expect=NOTHING)), 0)
+        self.run_tool(*pg, "export", "--host", "node_0*", expect=NOTHING)  # "_" is no wildcard
+        self.assertEqual(len(self.run_tool(*pg, "export", "--host", "node00*").stdout
+                             .splitlines()), 4 * 3 * 5)
+        proc = self.run_tool(*pg, "rows", "--host", "node00[12]", expect=ERROR)
+        self.assertIn("character classes ([...]) work on SQLite datastores only",
+                      self.stderr_line(proc))
         failed = self.json_of(*pg, "rows", "--latest", "--failed")
         self.assertEqual([r["Provider"] for r in failed], ["failing"])
         runs = self.json_of(*pg, "runs")
