@@ -502,24 +502,26 @@ void check_row_options(const RowsOptions& options) {
 }
 
 std::string row_query(const std::string& provider, const RowsOptions& options, bool latest,
-                      size_t limit) {
+                      size_t limit, bool glob) {
     std::string where = "Provider = " + sql_literal(provider);
-    const std::string rows = row_conditions(options.filter);
+    const std::string rows = row_conditions(options.filter, glob);
     if (!rows.empty()) where += " AND " + rows;
     const std::string outcome = outcome_conditions(options.filter);
     const std::string table = vesk::datastore::table_name;
     std::string query;
     if (latest)
         // The newest run per option and host comes from the index alone;
-        // only the rows that hold it are read from the table (of rows
-        // stored twice under one key, the last stored).
+        // of the rows that hold it (rows stored twice under one key) the
+        // last stored is read from the table. Plain SQL that servers
+        // accept too: no columns beside an aggregate.
         query =
-            "SELECT p.*, MAX(p.rowid) FROM (SELECT Hostname AS h, OptionID AS o, "
-            "MAX(Unique_timestamp) AS m FROM " +
+            "SELECT p.* FROM (SELECT Hostname AS h, OptionID AS o, MAX(Unique_timestamp) AS "
+            "m FROM " +
             table + " WHERE " + where + " GROUP BY OptionID, Hostname) AS k JOIN " + table +
-            " AS p ON p.Provider = " + sql_literal(provider) +
-            " AND p.Hostname = k.h AND p.OptionID = k.o AND p.Unique_timestamp = k.m" +
-            (outcome.empty() ? "" : " WHERE " + outcome) + " GROUP BY p.Hostname, p.OptionID";
+            " AS p ON p.rowid = (SELECT MAX(q.rowid) FROM " + table +
+            " AS q WHERE q.Provider = " + sql_literal(provider) +
+            " AND q.Hostname = k.h AND q.OptionID = k.o AND q.Unique_timestamp = k.m" +
+            (outcome.empty() ? "" : " AND " + outcome) + ")";
     else
         query = "SELECT * FROM " + table + " WHERE " + where +
                 (outcome.empty() ? "" : " AND " + outcome);
@@ -570,9 +572,10 @@ int cmd_rows(const GlobalOptions& global, const RowsOptions& options) {
             if (options.limit > 0 && left == 0) break;
             RowPart part;
             for (const auto& name : names) {
-                auto rows =
-                    store->select_from(name, row_query(provider, options, options.latest, left),
-                                       "reading the rows of provider \"" + provider + "\"");
+                auto rows = store->select_from(
+                    name,
+                    row_query(provider, options, options.latest, left, store->is_sqlite(name)),
+                    "reading the rows of provider \"" + provider + "\"");
                 for (auto& row : rows) {
                     part.origin.push_back(name);
                     part.rows.push_back(std::move(row));
@@ -670,7 +673,8 @@ int cmd_runs(const GlobalOptions& global, const RunsOptions& options) {
     // num_nodes: hosts, Exit_status: failed rows, Timestamp: first start).
     const std::string query =
         "SELECT Unique_timestamp, MIN(Timestamp) AS Timestamp, COUNT(DISTINCT Hostname) AS "
-        "num_nodes, COUNT(*) AS rowid, SUM(Exit_status <> 0) AS Exit_status FROM " +
+        "num_nodes, COUNT(*) AS rowid, SUM(CASE WHEN Exit_status <> 0 THEN 1 ELSE 0 END) AS "
+        "Exit_status FROM " +
         vesk::datastore::table_name + " GROUP BY Unique_timestamp ORDER BY Unique_timestamp DESC" +
         (options.limit > 0 ? " LIMIT " + std::to_string(options.limit) : std::string());
     struct Run {

@@ -419,16 +419,18 @@ private:
         }
         for (SQLSMALLINT i = 1; i <= count; ++i) {
             std::vector<SQLCHAR> name(256);
-            SQLSMALLINT length = 0, type = 0, digits = 0, nullable = 0;
+            SQLSMALLINT length = 0, type = 0, digits = 0;
             SQLULEN size = 0;
+            // No nullability asked: psqlODBC would look it up in the catalog
+            // with one more query per statement.
             SQLRETURN rc = SQLDescribeCol(stmt_.get(), static_cast<SQLUSMALLINT>(i), name.data(),
                                           static_cast<SQLSMALLINT>(name.size()), &length, &type,
-                                          &size, &digits, &nullable);
+                                          &size, &digits, nullptr);
             if (ok(rc) && length >= static_cast<SQLSMALLINT>(name.size())) {
                 name.resize(static_cast<std::size_t>(length) + 1);
                 rc = SQLDescribeCol(stmt_.get(), static_cast<SQLUSMALLINT>(i), name.data(),
                                     static_cast<SQLSMALLINT>(name.size()), &length, &type, &size,
-                                    &digits, &nullable);
+                                    &digits, nullptr);
             }
             if (!ok(rc)) {
                 handles_->fail("SQLDescribeCol", SQL_HANDLE_STMT, stmt_.get());
@@ -692,6 +694,31 @@ bool OdbcConnection::commit() {
 bool OdbcConnection::rollback() {
     return end_transaction(*handles_, SQL_ROLLBACK, "SQLEndTran(ROLLBACK)");
 }
+
+bool OdbcConnection::rollback_keeping_error() {
+    Handles& h = *handles_;
+    sql::Error error = h.error;
+    std::vector<Diagnostic> diagnostics = h.diagnostics;
+    const bool done = rollback();
+    h.error = std::move(error);
+    h.diagnostics = std::move(diagnostics);
+    return done;
+}
+
+bool OdbcConnection::execute_keeping_error(const std::string& sql) {
+    Handles& h = *handles_;
+    sql::Error error = h.error;
+    std::vector<Diagnostic> diagnostics = h.diagnostics;
+    std::unique_ptr<sql::Statement> statement = prepare(sql);
+    sql::StepResult r = statement ? statement->step() : sql::StepResult::error;
+    while (r == sql::StepResult::row) r = statement->step();
+    statement.reset();
+    h.error = std::move(error);
+    h.diagnostics = std::move(diagnostics);
+    return r == sql::StepResult::done;
+}
+
+bool OdbcConnection::in_transaction() const { return handles_->in_transaction; }
 
 const sql::Error& OdbcConnection::last_error() const { return handles_->error; }
 
