@@ -21,8 +21,19 @@ std::vector<std::string> Dialect::create_statements() const {
 }
 
 std::string Dialect::latest_rows_sql(const std::string& condition) const {
-    return "SELECT *, MAX(unique_timestamp) FROM " + table_view + " WHERE" + condition +
-           "GROUP BY OptionID, Hostname, Provider;";
+    // The same rows as "SELECT *, MAX(unique_timestamp) ... GROUP BY OptionID,
+    // Hostname, Provider", found in two steps. That text reads the index on
+    // (Provider, Hostname, OptionID, Unique_timestamp) in ascending order, so
+    // every row of a group is a new maximum and SQLite reads each one from
+    // the table for its other columns. Here the grouping reads the index
+    // alone: its bare rowid is, as there, the first row in index order with
+    // the greatest time stamp (ties go to the lowest rowid; a group without
+    // any time stamp gives its last row). Only those rows are then read from
+    // the table, in group order (CROSS JOIN keeps the groups outside).
+    return "SELECT v.*, k.m AS \"MAX(unique_timestamp)\" FROM (SELECT rowid AS r, "
+           "MAX(unique_timestamp) AS m FROM " +
+           table_view + " WHERE" + condition + "GROUP BY OptionID, Hostname, Provider) AS k " +
+           "CROSS JOIN " + table_view + " AS v ON v.rowid = k.r;";
 }
 
 std::string Dialect::latest_run_sql(const std::string& condition) const {
