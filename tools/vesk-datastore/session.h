@@ -102,11 +102,11 @@ int print_rows(const GlobalOptions& global, const RowSource& source, bool show_o
 // of `options` that a query cannot hold.
 void check_row_options(const RowsOptions& options);
 
-// The SQL that reads the rows of `provider` that `options` keeps (the
-// latest per option and host when `latest`), ordered by host, option and
-// run, at most `limit` of them (0: all).
-std::string row_query(const std::string& provider, const RowsOptions& options, bool latest,
-                      size_t limit);
+// The SQL that reads the rows of `providers` (at least one) that `options`
+// keeps (the latest per provider, option and host when `latest`), ordered
+// by provider, host, option and run, at most `limit` of them (0: all).
+std::string row_query(const std::vector<std::string>& providers, const RowsOptions& options,
+                      bool latest, size_t limit);
 
 // The providers a reading command asks for: those of `options` that are
 // stored (naming the others on standard error, `reported` then true), or

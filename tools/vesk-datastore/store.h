@@ -33,6 +33,15 @@ struct StoredSummary {
     int64_t latest_run = 0;
 };
 
+// Per provider (or per host): the number of hosts (or providers), rows and
+// the latest run.
+struct GroupSummary {
+    std::string name;
+    int64_t others = 0;
+    int64_t rows = 0;
+    int64_t latest_run = 0;
+};
+
 class Store {
 public:
     // Opens `configs` (all of them) and records them in the library's list.
@@ -50,8 +59,13 @@ public:
     // datastores, ordered by provider and host. Throws ToolError (exit 2)
     // when a datastore fails to answer.
     std::vector<StoredSummary> summary();
+    // The same grouped per provider (`by_provider`) or per host, by the one
+    // "data" datastore; callers with several use summary().
+    std::vector<GroupSummary> group_summary(bool by_provider);
     // Every stored provider name, sorted.
     std::vector<std::string> provider_names();
+    // True when some "data" datastore holds a row of `provider`.
+    bool has_provider(const std::string& provider);
     // The provider names that the library's queries can name: a stored name
     // they would refuse or misread (a quote, blanks around it) is left out,
     // with one warning on standard error naming it.
