@@ -515,17 +515,17 @@ std::string row_query(const std::vector<std::string>& providers, const RowsOptio
     std::string query;
     if (latest)
         // The newest run per option and host comes from the index alone;
-        // only the rows that hold it are read from the table (of rows
-        // stored twice under one key, the last stored).
+        // each one's row (of rows stored twice under one key, the last
+        // stored that passes the outcome conditions) is one more seek in
+        // it, and only those rows are read from the table.
         query =
-            "SELECT p.*, MAX(p.rowid) FROM (SELECT Provider AS pr, Hostname AS h, OptionID AS o, "
+            "SELECT p.* FROM (SELECT Provider AS pr, Hostname AS h, OptionID AS o, "
             "MAX(Unique_timestamp) AS m FROM " +
-            table + " WHERE " + where + " GROUP BY Provider, OptionID, Hostname) AS k JOIN " +
-            table +
-            " AS p ON p.Provider = k.pr AND p.Hostname = k.h AND p.OptionID = k.o AND "
-            "p.Unique_timestamp = k.m" +
-            (outcome.empty() ? "" : " WHERE " + outcome) +
-            " GROUP BY p.Provider, p.Hostname, p.OptionID";
+            table + " WHERE " + where + " GROUP BY Provider, Hostname, OptionID) AS k JOIN " +
+            table + " AS p ON p.rowid = (SELECT MAX(rowid) FROM " + table +
+            " WHERE Provider = k.pr AND Hostname = k.h AND OptionID = k.o AND "
+            "Unique_timestamp = k.m" +
+            (outcome.empty() ? "" : " AND " + outcome) + ")";
     else
         query = "SELECT * FROM " + table + " WHERE " + where +
                 (outcome.empty() ? "" : " AND " + outcome);

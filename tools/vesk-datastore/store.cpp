@@ -353,6 +353,7 @@ std::string provider_steps_query(const std::string& after, bool first) {
 }  // namespace
 
 std::vector<std::string> Store::provider_names() {
+    if (provider_names_) return *provider_names_;
     // A skip-scan on the index that starts with Provider: one seek per
     // provider instead of a walk over every row's entry, kProviderSteps
     // seeks per statement.
@@ -376,7 +377,8 @@ std::vector<std::string> Store::provider_names() {
             }
         }
     }
-    return {names.begin(), names.end()};
+    provider_names_.emplace(names.begin(), names.end());
+    return *provider_names_;
 }
 
 bool Store::has_provider(const std::string& provider) {
@@ -473,6 +475,7 @@ int64_t Store::last_run() {
 
 void Store::insert(const std::vector<InsertRecord>& records) {
     if (records.empty()) return;
+    provider_names_.reset();
     const std::vector<std::string> names{write_target()};
     std::vector<Outcome> outcomes;
     if (bulk_supported_) {

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <optional>
 #include <set>
 #include <string>
 #include <tuple>
@@ -62,7 +63,7 @@ public:
     // The same grouped per provider (`by_provider`) or per host, by the one
     // "data" datastore; callers with several use summary().
     std::vector<GroupSummary> group_summary(bool by_provider);
-    // Every stored provider name, sorted.
+    // Every stored provider name, sorted; read once, again after insert().
     std::vector<std::string> provider_names();
     // True when some "data" datastore holds a row of `provider`.
     bool has_provider(const std::string& provider);
@@ -128,6 +129,8 @@ private:
     std::shared_ptr<vesk::datastore::DataStoreController> controller_;
     bool bulk_supported_ = true;
     std::set<std::string> warned_;  // skipped provider names already reported
+    // provider_names() as last read; insert() forgets it.
+    std::optional<std::vector<std::string>> provider_names_;
 };
 
 }  // namespace vesk::tool
