@@ -31,6 +31,7 @@ fi
 # Every command must exit 0: the store holds failed rows in the last two
 # hours, and the snapshot equals the latest rows.
 hyperfine --warmup 1 --runs "${RUNS:-5}" --export-markdown "$work/results.md" \
+    --export-json "$work/results.json" \
     -n 'rows --provider P --host H (10 rows)' "$tool rows --provider provider007 --host node0042" \
     -n 'rows --latest --host H (200 rows)' "$tool rows --latest --host node0042" \
     -n 'rows --latest --provider P --host node00[0-4]* (50 rows)' \
@@ -43,6 +44,17 @@ hyperfine --warmup 1 --runs "${RUNS:-5}" --export-markdown "$work/results.md" \
     -n 'snapshot create --replace (per host, 100,000 rows)' "$tool snapshot create bench --replace" \
     -n 'diff bench --quiet (100,000 rows each side)' "$tool diff bench --quiet"
 cat "$work/results.md"
+# Wall time follows the load of a shared machine; the processor time of the
+# command (user + system) much less so.
+echo "load average: $(cut -d' ' -f1-3 /proc/loadavg)"
+python3 - "$work/results.json" <<'PY'
+import json, statistics, sys
+print("| Command | median wall [ms] | mean user+system [ms] |")
+print("|:---|---:|---:|")
+for r in json.load(open(sys.argv[1]))["results"]:
+    print(f"| `{r['command']}` | {statistics.median(r['times']) * 1e3:.1f} | "
+          f"{(r['user'] + r['system']) * 1e3:.1f} |")
+PY
 
 # prune of half of the rows of a copy, a reader running alongside.
 copy="$work/prune"
