@@ -368,8 +368,6 @@ private:
     int open_connection(bool immutable);
     bool configure_connection();
     bool use_wal();
-    // The pages of the file (0 for a new one), -1 when it cannot be read.
-    long long page_count();
     bool create_schema();
     void release();
 
@@ -612,25 +610,8 @@ bool SqliteExtension::configure_connection() {
     }
     if (rc != SQLITE_OK) return fail_open(reason(rc));
     if (read_only_) return exec("PRAGMA query_only = ON;") || fail_open("cannot set query_only");
-    // A new file keeps its free pages apart, so that prune can hand them
-    // back with PRAGMA incremental_vacuum instead of rewriting the whole
-    // file. SQLite takes this only before the first page is written (the
-    // switch to WAL writes it), so only a file without pages is asked: on
-    // an existing one the pragma would start a write for nothing.
-    if (page_count() == 0)
-        sqlite3_exec(db_.get(), "PRAGMA auto_vacuum = INCREMENTAL;", nullptr, nullptr, nullptr);
     return use_wal() &&
            (exec("PRAGMA synchronous = NORMAL;") || fail_open("cannot set synchronous"));
-}
-
-long long SqliteExtension::page_count() {
-    sqlite3_stmt* raw = nullptr;
-    if (sqlite3_prepare_v2(db_.get(), "PRAGMA page_count;", -1, &raw, nullptr) != SQLITE_OK) {
-        sqlite3_finalize(raw);
-        return -1;
-    }
-    StmtPtr stmt(raw);
-    return sqlite3_step(stmt.get()) == SQLITE_ROW ? sqlite3_column_int64(stmt.get(), 0) : -1;
 }
 
 bool SqliteExtension::use_wal() {
