@@ -1213,17 +1213,6 @@ class Scale(ToolCase):
         self.assertEqual(len(self.json_of("rows", "--exit", "0")), 418)
         self.assertEqual(len(self.json_of("rows", "--latest", "--failed")), 2)
 
-    def test_new_store_hands_back_pruned_pages_without_a_rewrite(self):
-        self.import_lines(self.lines())
-        with sqlite3.connect(self.database) as db:
-            self.assertEqual(db.execute("PRAGMA auto_vacuum").fetchone()[0], 2)  # incremental
-            pages = db.execute("PRAGMA page_count").fetchone()[0]
-        pruned = self.json_of("prune", "--keep-runs", "1", "--compact")
-        self.assertEqual((pruned["rows"], pruned["compacted"]), (210, "incremental_vacuum"))
-        with sqlite3.connect(self.database) as db:
-            self.assertEqual(db.execute("PRAGMA freelist_count").fetchone()[0], 0)
-            self.assertLess(db.execute("PRAGMA page_count").fetchone()[0], pages)
-
     def test_store_of_an_older_schema_is_read_and_upgraded(self):
         self.import_lines(self.lines(failing={("p03", "node000")}))
         # As an older build left it: without the index of failed rows.
