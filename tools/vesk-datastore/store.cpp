@@ -339,13 +339,14 @@ std::string provider_steps_query(const std::string& after, bool first) {
     std::string with = "WITH s0(v) AS (SELECT MIN(Provider) FROM " + table + " WHERE Provider " +
                        (first ? ">= " : "> ") + literal(after) + ")";
     // num_nodes tells NULL (1: no further name) from an empty name.
-    std::string select = "SELECT v AS Provider, v IS NULL AS num_nodes FROM s0";
+    std::string select =
+        "SELECT v AS Provider, CASE WHEN v IS NULL THEN 1 ELSE 0 END AS num_nodes FROM s0";
     for (int i = 1; i < kProviderSteps; ++i) {
         const std::string n = std::to_string(i);
         const std::string before = "s" + std::to_string(i - 1);
         with += ", s" + n + "(v) AS (SELECT MIN(Provider) FROM " + table +
                 " WHERE Provider > (SELECT v FROM " + before + "))";
-        select += " UNION ALL SELECT v, v IS NULL FROM s" + n;
+        select += " UNION ALL SELECT v, CASE WHEN v IS NULL THEN 1 ELSE 0 END FROM s" + n;
     }
     return with + " " + select;
 }
