@@ -85,6 +85,8 @@ void settle() { ::sync(); }
 const char* const kIndexes[] = {
     "CREATE INDEX IF NOT EXISTS provider_datastore_latest ON provider_datastore"
     "(Provider, Hostname, OptionID, Unique_timestamp);",
+    "CREATE INDEX IF NOT EXISTS provider_datastore_failed ON provider_datastore"
+    "(Provider, Hostname, OptionID, Unique_timestamp) WHERE Exit_status <> 0;",
     "CREATE INDEX IF NOT EXISTS provider_datastore_run ON provider_datastore"
     "(Unique_timestamp, Provider);",
     "CREATE INDEX IF NOT EXISTS baseline_datastore_id ON baseline_datastore"

@@ -1162,6 +1162,98 @@ class MultiDatastore(ToolCase):
         self.assertEqual((made["datastore"], made["rows"]), ("g2", 10))
 
 
+class Scale(ToolCase):
+    """More providers than one statement lists, answers read in one statement or per
+    provider, and a store of an older schema."""
+
+    PROVIDERS = [f"p{i:02d}" for i in range(70)]
+
+    def lines(self, failing=()):
+        """70 providers x 3 hosts x 2 runs; (provider, host) in `failing` exit 3 in run 1."""
+        lines = []
+        for h in range(3):
+            host = f"node{h:03d}"
+            for run in range(2):
+                stamp = NOW - (2 - run) * HOUR + h * 1000
+                for p in self.PROVIDERS:
+                    lines.append({"Provider": p, "Hostname": host, "Unique_timestamp": stamp,
+                                  "Timestamp": stamp // 1000000, "STDOUT": f"{p} {run}\n",
+                                  "Exit_status": 3 if run == 1 and (p, host) in failing else 0})
+        return lines
+
+    def test_many_providers_listed_grouped_and_read(self):
+        self.import_lines(self.lines(failing={("p07", "node001"), ("p64", "node002")}))
+        providers = self.json_of("providers")
+        self.assertEqual([p["provider"] for p in providers], self.PROVIDERS)
+        self.assertEqual({(p["hosts"], p["rows"], p["latest_run"]) for p in providers},
+                         {(3, 6, NOW - HOUR + 2000)})
+        hosts = self.json_of("hosts")
+        self.assertEqual([(h["host"], h["providers"], h["rows"]) for h in hosts],
+                         [(f"node{h:03d}", 70, 140) for h in range(3)])
+        # Named hosts of --latest: every provider in one statement.
+        for args in (["--host", "node001"], ["--host", "node001", "--host", "node000"]):
+            with self.subTest(args):
+                latest = self.json_of("rows", "--latest", *args)
+                self.assertEqual(len(latest), 70 * (len(args) // 2))
+                self.assertEqual([r["Provider"] for r in latest],
+                                 sorted(r["Provider"] for r in latest))
+                self.assertTrue(all(r["Unique_timestamp"] > NOW - 2 * HOUR + 5000 and
+                                    not r["stale"] for r in latest))
+        table = self.run_tool("rows", "--latest", "--host", "node001").stdout.decode()
+        self.assertEqual(len(table.splitlines()), 1 + 70)  # read once, printed once
+        # --limit bounds the answer: one statement, ordered as per provider.
+        limited = self.json_of("rows", "--limit", "100")
+        everything = self.json_of("rows")
+        self.assertEqual(len(everything), 420)
+        self.assertEqual(limited, everything[:100])
+        failed = self.json_of("rows", "--failed")
+        self.assertEqual([(r["Provider"], r["Hostname"]) for r in failed],
+                         [("p07", "node001"), ("p64", "node002")])
+        self.assertEqual(self.json_of("rows", "--exit", "3", "--limit", "1"), failed[:1])
+        self.assertEqual(len(self.json_of("rows", "--exit", "0")), 418)
+        self.assertEqual(len(self.json_of("rows", "--latest", "--failed")), 2)
+
+    def test_store_of_an_older_schema_is_read_and_upgraded(self):
+        self.import_lines(self.lines(failing={("p03", "node000")}))
+        # As an older build left it: without the index of failed rows.
+        db = sqlite3.connect(self.database)
+        db.execute("DROP INDEX provider_datastore_failed")
+        db.commit()
+        db.close()
+        conf = self.write("ro.xml", f"""<configuration instance_name="ro" type="sqlite3"
+            source_types="data" source_parameters="read_only=true|source={self.database}"/>""")
+        failed = self.json_of("--config", conf, "rows", "--failed")
+        self.assertEqual([(r["Provider"], r["Hostname"]) for r in failed], [("p03", "node000")])
+
+        def indexes():
+            with sqlite3.connect(self.database) as db:
+                return {r[0] for r in db.execute(
+                    "SELECT name FROM sqlite_master WHERE type = 'index'")}
+        self.assertNotIn("provider_datastore_failed", indexes())  # read-only changes nothing
+        self.assertEqual(self.json_of("rows", "--failed"), failed)  # the default opens writable
+        self.assertIn("provider_datastore_failed", indexes())
+
+    def test_reading_commands_leave_the_file_alone(self):
+        # No failed row: the index of failed rows stays empty and has no
+        # statistics row, while a snapshot's writes made the others get one.
+        self.import_lines(self.lines())
+        self.json_of("snapshot", "create", "base")
+        db = sqlite3.connect(self.database, isolation_level=None)
+        try:
+            self.assertTrue(db.execute("SELECT COUNT(*) FROM sqlite_stat1").fetchone()[0])
+            # data_version changes when another connection commits anything.
+            version = db.execute("PRAGMA data_version").fetchone()[0]
+            for args in (["rows", "--latest"], ["rows", "--failed"], ["providers"], ["hosts"],
+                         ["runs"], ["diff", "base"], ["rows", "--latest", "--host", "node001"]):
+                with self.subTest(args):
+                    self.run_tool(*args, expect=NOTHING if args[-1] == "--failed" else OK)
+                    self.assertEqual(db.execute("PRAGMA data_version").fetchone()[0], version)
+            self.json_of("snapshot", "create", "base", "--replace")  # a write is seen
+            self.assertNotEqual(db.execute("PRAGMA data_version").fetchone()[0], version)
+        finally:
+            db.close()
+
+
 class Retention(ToolCase):
     """prune keeps what snapshots record; export and import ship snapshots and new rows."""
 

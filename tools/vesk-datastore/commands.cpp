@@ -501,9 +501,13 @@ void check_row_options(const RowsOptions& options) {
     }
 }
 
-std::string row_query(const std::string& provider, const RowsOptions& options, bool latest,
-                      size_t limit, bool glob) {
-    std::string where = "Provider = " + sql_literal(provider);
+std::string row_query(const std::vector<std::string>& providers, const RowsOptions& options,
+                      bool latest, size_t limit, bool glob) {
+    std::string names;
+    for (const auto& p : providers) names += (names.empty() ? "" : ",") + sql_literal(p);
+    const std::string provider_condition =
+        providers.size() == 1 ? "Provider = " + names : "Provider IN (" + names + ")";
+    std::string where = provider_condition;
     const std::string rows = row_conditions(options.filter, glob);
     if (!rows.empty()) where += " AND " + rows;
     const std::string outcome = outcome_conditions(options.filter);
@@ -511,38 +515,41 @@ std::string row_query(const std::string& provider, const RowsOptions& options, b
     std::string query;
     if (latest)
         // The newest run per option and host comes from the index alone;
-        // of the rows that hold it (rows stored twice under one key) the
-        // last stored is read from the table. Plain SQL that servers
-        // accept too: no columns beside an aggregate.
+        // each one's row (of rows stored twice under one key, the last
+        // stored that passes the outcome conditions) is one more seek in
+        // it, and only those rows are read from the table.
         query =
-            "SELECT p.* FROM (SELECT Hostname AS h, OptionID AS o, MAX(Unique_timestamp) AS "
-            "m FROM " +
-            table + " WHERE " + where + " GROUP BY OptionID, Hostname) AS k JOIN " + table +
-            " AS p ON p.rowid = (SELECT MAX(q.rowid) FROM " + table +
-            " AS q WHERE q.Provider = " + sql_literal(provider) +
-            " AND q.Hostname = k.h AND q.OptionID = k.o AND q.Unique_timestamp = k.m" +
+            "SELECT p.* FROM (SELECT Provider AS pr, Hostname AS h, OptionID AS o, "
+            "MAX(Unique_timestamp) AS m FROM " +
+            table + " WHERE " + where + " GROUP BY Provider, Hostname, OptionID) AS k JOIN " +
+            table + " AS p ON p.rowid = (SELECT MAX(rowid) FROM " + table +
+            " WHERE Provider = k.pr AND Hostname = k.h AND OptionID = k.o AND "
+            "Unique_timestamp = k.m" +
             (outcome.empty() ? "" : " AND " + outcome) + ")";
     else
         query = "SELECT * FROM " + table + " WHERE " + where +
                 (outcome.empty() ? "" : " AND " + outcome);
-    query += " ORDER BY Hostname, OptionID, Unique_timestamp, rowid";
+    query += " ORDER BY Provider, Hostname, OptionID, Unique_timestamp, rowid";
     if (limit > 0) query += " LIMIT " + std::to_string(limit);
     return query;
 }
 
 std::vector<std::string> rows_providers(Store& store, const RowsOptions& options, bool& reported) {
-    const auto stored = store.queryable_provider_names();
     std::vector<std::string> providers;
     reported = false;
-    for (const auto& p : options.providers) {
-        if (std::find(stored.begin(), stored.end(), p) == stored.end()) {
-            diag() << "vesk-datastore: unknown provider: " << p << " (nothing stored)\n";
-            reported = true;
-        } else {
-            providers.push_back(p);
+    if (options.providers.empty()) {
+        providers = store.queryable_provider_names();
+    } else {
+        // Named providers are looked up each, not among all stored ones.
+        for (const auto& p : options.providers) {
+            if (!store.has_provider(p)) {
+                diag() << "vesk-datastore: unknown provider: " << p << " (nothing stored)\n";
+                reported = true;
+            } else {
+                providers.push_back(p);
+            }
         }
     }
-    if (options.providers.empty()) providers = stored;
     std::sort(providers.begin(), providers.end());
     providers.erase(std::unique(providers.begin(), providers.end()), providers.end());
     return providers;
@@ -564,18 +571,45 @@ int cmd_rows(const GlobalOptions& global, const RowsOptions& options) {
     std::map<std::string, int64_t> host_runs;
     int64_t threshold = 0;
     if (options.latest) threshold = store->last_run() - options.stale_after;
-    // One provider at a time keeps memory bounded by the largest provider;
-    // each datastore is asked itself, a failure of any is an error.
+    // One provider at a time keeps memory bounded by the largest provider.
+    // All of them in one statement when the answer is bounded anyway: by
+    // --limit, or by the named hosts of --latest (a row per provider,
+    // option and host). Each datastore is asked itself, a failure of any is
+    // an error.
+    const bool named_hosts =
+        !options.filter.hosts.empty() &&
+        std::none_of(options.filter.hosts.begin(), options.filter.hosts.end(), is_glob);
+    std::vector<std::vector<std::string>> batches;
+    if (!providers.empty() && (options.limit > 0 || (options.latest && named_hosts)))
+        batches.push_back(providers);
+    else
+        for (const auto& provider : providers) batches.push_back({provider});
+    // Table output reads the rows twice (widths first); a small answer is
+    // kept from the first read instead of being asked for again.
+    constexpr size_t kKeptRows = 20000;
+    std::vector<RowPart> kept;
+    size_t kept_rows = 0;
+    bool all_kept = false;
     const RowSource source = [&](const auto& sink) {
+        if (all_kept) {
+            for (const auto& part : kept) sink(part);
+            return;
+        }
+        bool keeping = true;
+        kept.clear();
+        kept_rows = 0;
         size_t left = options.limit;
-        for (const auto& provider : providers) {
+        for (const auto& batch : batches) {
             if (options.limit > 0 && left == 0) break;
             RowPart part;
+            const std::string what = batch.size() == 1
+                                         ? "reading the rows of provider \"" + batch[0] + "\""
+                                         : std::string("reading the rows");
             for (const auto& name : names) {
-                auto rows = store->select_from(
-                    name,
-                    row_query(provider, options, options.latest, left, store->is_sqlite(name)),
-                    "reading the rows of provider \"" + provider + "\"");
+                auto rows =
+                    store->select_from(
+                    name, row_query(batch, options, options.latest, left, store->is_sqlite(name)),
+                    what);
                 for (auto& row : rows) {
                     part.origin.push_back(name);
                     part.rows.push_back(std::move(row));
@@ -588,8 +622,8 @@ int cmd_rows(const GlobalOptions& global, const RowsOptions& options) {
                 std::stable_sort(order.begin(), order.end(), [&](size_t a, size_t b) {
                     const Row& x = part.rows[a];
                     const Row& y = part.rows[b];
-                    return std::tie(x.Hostname, x.OptionID, x.Unique_timestamp) <
-                           std::tie(y.Hostname, y.OptionID, y.Unique_timestamp);
+                    return std::tie(x.Provider, x.Hostname, x.OptionID, x.Unique_timestamp) <
+                           std::tie(y.Provider, y.Hostname, y.OptionID, y.Unique_timestamp);
                 });
                 if (options.limit > 0 && order.size() > left) order.resize(left);
                 RowPart sorted;
@@ -615,7 +649,14 @@ int cmd_rows(const GlobalOptions& global, const RowsOptions& options) {
                 }
             if (options.limit > 0) left -= part.rows.size();
             sink(part);
+            kept_rows += part.rows.size();
+            keeping = keeping && kept_rows <= kKeptRows;
+            if (keeping)
+                kept.push_back(std::move(part));
+            else
+                kept.clear();
         }
+        all_kept = keeping;
     };
     // Unknown providers were named already; one message is enough.
     return print_rows(global, source, options.show_output, !(reported && providers.empty()), extra);
@@ -628,27 +669,31 @@ namespace {
 // Counts of what is stored, grouped by the provider (by_provider) or host.
 int print_summary(const GlobalOptions& global, bool by_provider) {
     auto store = open_store(global, Access::read);
-    struct Group {
-        std::set<std::string> others;
-        int64_t rows = 0;
-        int64_t latest_run = 0;
-    };
-    std::map<std::string, Group> groups;
-    for (const auto& s : store->summary()) {
-        auto& g = groups[by_provider ? s.provider : s.host];
-        g.others.insert(by_provider ? s.host : s.provider);
-        g.rows += s.rows;
-        g.latest_run = std::max(g.latest_run, s.latest_run);
+    std::map<std::string, GroupSummary> groups;
+    if (store->data_names().size() == 1) {
+        // One datastore groups by itself: only the groups travel.
+        for (auto& g : store->group_summary(by_provider)) groups[g.name] = std::move(g);
+    } else {
+        // Several may share hosts and providers: merged per provider and host first.
+        std::map<std::string, std::set<std::string>> others;
+        for (const auto& s : store->summary()) {
+            const std::string& name = by_provider ? s.provider : s.host;
+            auto& g = groups[name];
+            others[name].insert(by_provider ? s.host : s.provider);
+            g.rows += s.rows;
+            g.latest_run = std::max(g.latest_run, s.latest_run);
+        }
+        for (auto& [name, g] : groups) g.others = static_cast<int64_t>(others[name].size());
     }
     const std::string key = by_provider ? "provider" : "host";
     const std::string other = by_provider ? "hosts" : "providers";
     Table table{{key, other, "rows", "latest_run", "latest_run_time"}, {}};
     Json list = Json::array();
     for (const auto& [name, g] : groups) {
-        table.rows.push_back({name, std::to_string(g.others.size()), std::to_string(g.rows),
+        table.rows.push_back({name, std::to_string(g.others), std::to_string(g.rows),
                               std::to_string(g.latest_run), format_run(g.latest_run)});
         list.push_back({{key, name},
-                        {other, g.others.size()},
+                        {other, g.others},
                         {"rows", g.rows},
                         {"latest_run", g.latest_run},
                         {"latest_run_time", format_run(g.latest_run)}});

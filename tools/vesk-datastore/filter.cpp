@@ -167,7 +167,10 @@ std::string row_conditions(const RowFilter& filter, bool glob) {
 
 std::string outcome_conditions(const RowFilter& filter) {
     std::string where;
-    if (filter.failed) add(where, "Exit_status <> 0");
+    // "Exit_status <> 0" as written is what lets a datastore read its index
+    // of failed rows (an index on the rows that satisfy that very condition).
+    if (filter.failed || (filter.has_exit && filter.exit_status != 0))
+        add(where, "Exit_status <> 0");
     if (filter.has_exit) add(where, "Exit_status = " + std::to_string(filter.exit_status));
     return where;
 }

@@ -102,12 +102,12 @@ int print_rows(const GlobalOptions& global, const RowSource& source, bool show_o
 // of `options` that a query cannot hold.
 void check_row_options(const RowsOptions& options);
 
-// The SQL that reads the rows of `provider` that `options` keeps (the
-// latest per option and host when `latest`), ordered by host, option and
-// run, at most `limit` of them (0: all).
+// The SQL that reads the rows of `providers` (at least one) that `options`
+// keeps (the latest per provider, option and host when `latest`), ordered
+// by provider, host, option and run, at most `limit` of them (0: all).
 // `glob`: the datastore reads SQLite's GLOB (see row_conditions).
-std::string row_query(const std::string& provider, const RowsOptions& options, bool latest,
-                      size_t limit, bool glob = true);
+std::string row_query(const std::vector<std::string>& providers, const RowsOptions& options,
+                      bool latest, size_t limit, bool glob = true);
 
 // The providers a reading command asks for: those of `options` that are
 // stored (naming the others on standard error, `reported` then true), or

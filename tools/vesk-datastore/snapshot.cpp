@@ -291,7 +291,7 @@ Side load_side(Store& store, const vesk::datastore::SnapshotInfoSet& known,
         for (const auto& name : store.data_names())
             for (const auto& provider : providers)
                 for (auto& row :
-                     store.select_from(name, row_query(provider, latest, true, 0),
+                     store.select_from(name, row_query({provider}, latest, true, 0),
                                        "reading the latest rows of \"" + provider + "\""))
                     rows.push_back(std::move(row));
         side.rows = by_key(std::move(rows));

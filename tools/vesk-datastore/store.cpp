@@ -227,27 +227,24 @@ bool Store::is_sqlite(const std::string& name) const {
 }
 
 std::vector<StoredSummary> Store::summary() {
-    // Per provider, a range of the index on (Provider, Hostname, OptionID,
-    // Unique_timestamp): it holds every column asked for, so the table
-    // itself is never read.
+    // Per provider and host, in one statement per datastore, from the index
+    // on (Provider, Hostname, OptionID, Unique_timestamp): it holds every
+    // column asked for, so the table itself is never read. Text names only,
+    // as provider_names() finds them.
     std::map<std::pair<std::string, std::string>, StoredSummary> merged;
-    const auto providers = provider_names();
     for (const auto& name : data_names()) {
-        for (const auto& provider : providers) {
-            const auto rows =
-                select_from(name,
-                            "SELECT Hostname, COUNT(*) AS num_nodes, MAX(Unique_timestamp) AS "
-                            "Unique_timestamp FROM " +
-                                vesk::datastore::table_name +
-                                " WHERE Provider = " + literal(provider) + " GROUP BY Hostname",
-                            "reading what is stored");
-            for (const auto& row : rows) {
-                auto& entry = merged[{provider, row.Hostname}];
-                entry.provider = provider;
-                entry.host = row.Hostname;
-                entry.rows += row.num_nodes;
-                entry.latest_run = std::max(entry.latest_run, row.Unique_timestamp);
-            }
+        const auto rows = select_from(
+            name,
+            "SELECT Provider, Hostname, COUNT(*) AS Timestamp, MAX(Unique_timestamp) AS "
+            "Unique_timestamp FROM " +
+                vesk::datastore::table_name + " WHERE Provider >= '' GROUP BY Provider, Hostname",
+            "reading what is stored");
+        for (const auto& row : rows) {
+            auto& entry = merged[{row.Provider, row.Hostname}];
+            entry.provider = row.Provider;
+            entry.host = row.Hostname;
+            entry.rows += row.Timestamp;
+            entry.latest_run = std::max(entry.latest_run, row.Unique_timestamp);
         }
     }
     std::vector<StoredSummary> result;
@@ -255,11 +252,33 @@ std::vector<StoredSummary> Store::summary() {
     return result;
 }
 
+std::vector<GroupSummary> Store::group_summary(bool by_provider) {
+    // Grouped in the datastore: per provider and host from the index alone
+    // (as summary() reads it), then per provider or per host, so that only
+    // the groups travel. The counts ride in Row fields of their own type
+    // (num_nodes: providers or hosts, Timestamp: rows).
+    const std::string key = by_provider ? "Provider" : "Hostname";
+    const auto rows = select_from(
+        data_names().front(),
+        "SELECT " + key +
+            ", COUNT(*) AS num_nodes, SUM(n) AS Timestamp, MAX(m) AS Unique_timestamp FROM "
+            "(SELECT Provider, Hostname, COUNT(*) AS n, MAX(Unique_timestamp) AS m FROM " +
+            vesk::datastore::table_name +
+            " WHERE Provider >= '' GROUP BY Provider, Hostname) AS g GROUP BY " + key,
+        "reading what is stored");
+    std::vector<GroupSummary> groups;
+    for (const auto& row : rows)
+        groups.push_back({by_provider ? row.Provider : row.Hostname, row.num_nodes, row.Timestamp,
+                          row.Unique_timestamp});
+    return groups;
+}
+
 std::map<std::string, int64_t> Store::host_latest_runs(const std::set<std::string>& hosts) {
     std::map<std::string, int64_t> latest;
     if (hosts.empty()) return latest;
     // Seeks on the index on (Provider, Hostname, ...): one per provider and
-    // host, never a walk over the table.
+    // host, never a walk over the table. The inner grouping follows the
+    // index; only its answer (a row per provider and host) is grouped again.
     std::string provider_list;
     for (const auto& p : provider_names())
         provider_list += (provider_list.empty() ? "" : ",") + literal(p);
@@ -267,9 +286,11 @@ std::map<std::string, int64_t> Store::host_latest_runs(const std::set<std::strin
     std::string host_list;
     for (const auto& h : hosts) host_list += (host_list.empty() ? "" : ",") + literal(h);
     for (const auto& row :
-         select_all("SELECT Hostname, MAX(Unique_timestamp) AS Unique_timestamp FROM " +
+         select_all("SELECT Hostname, MAX(m) AS Unique_timestamp FROM (SELECT Provider, Hostname, "
+                    "MAX(Unique_timestamp) AS m FROM " +
                         vesk::datastore::table_name + " WHERE Provider IN (" + provider_list +
-                        ") AND Hostname IN (" + host_list + ") GROUP BY Hostname",
+                        ") AND Hostname IN (" + host_list + ") GROUP BY Provider, Hostname) AS g " +
+                        "GROUP BY Hostname",
                     "reading the hosts' latest runs")) {
         auto& run = latest[row.Hostname];
         run = std::max(run, row.Unique_timestamp);
@@ -308,22 +329,74 @@ std::string Store::write_target() const {
                                     "): name the one to write to with --datastore NAME");
 }
 
+namespace {
+
+// Distinct providers one statement finds: each step is one seek.
+constexpr int kProviderSteps = 32;
+
+// The next kProviderSteps distinct provider names after `after` (from the
+// first when `first`), as a chain of common table expressions: each takes
+// the least name above the one before, a seek on the index that starts
+// with Provider, so one statement walks kProviderSteps names without
+// touching the other entries. A missing name reads as NULL and ends the
+// chain. Plain SQL, without recursion (the SQLite extension refuses it).
+std::string provider_steps_query(const std::string& after, bool first) {
+    const std::string& table = vesk::datastore::table_name;
+    std::string with = "WITH s0(v) AS (SELECT MIN(Provider) FROM " + table + " WHERE Provider " +
+                       (first ? ">= " : "> ") + literal(after) + ")";
+    // num_nodes tells NULL (1: no further name) from an empty name.
+    std::string select =
+        "SELECT v AS Provider, CASE WHEN v IS NULL THEN 1 ELSE 0 END AS num_nodes FROM s0";
+    for (int i = 1; i < kProviderSteps; ++i) {
+        const std::string n = std::to_string(i);
+        const std::string before = "s" + std::to_string(i - 1);
+        with += ", s" + n + "(v) AS (SELECT MIN(Provider) FROM " + table +
+                " WHERE Provider > (SELECT v FROM " + before + "))";
+        select += " UNION ALL SELECT v, CASE WHEN v IS NULL THEN 1 ELSE 0 END FROM s" + n;
+    }
+    return with + " " + select;
+}
+
+}  // namespace
+
 std::vector<std::string> Store::provider_names() {
+    if (provider_names_) return *provider_names_;
     // A skip-scan on the index that starts with Provider: one seek per
-    // provider instead of a walk over every row's entry.
+    // provider instead of a walk over every row's entry, kProviderSteps
+    // seeks per statement.
     std::set<std::string> names;
     for (const auto& name : data_names()) {
-        std::string query = "SELECT Provider FROM " + vesk::datastore::table_name +
-                            " WHERE Provider >= '' ORDER BY Provider LIMIT 1";
-        for (;;) {
-            auto rows = select_from(name, query, "reading the stored providers");
-            if (rows.empty()) break;
-            query = "SELECT Provider FROM " + vesk::datastore::table_name + " WHERE Provider > " +
-                    literal(rows.front().Provider) + " ORDER BY Provider LIMIT 1";
-            names.insert(std::move(rows.front().Provider));
+        std::string after;
+        bool first = true;
+        for (bool more = true; more;) {
+            const auto rows = select_from(name, provider_steps_query(after, first),
+                                          "reading the stored providers");
+            first = false;
+            // A NULL step (num_nodes 1) lies past the last name.
+            more = rows.size() == static_cast<size_t>(kProviderSteps);
+            for (const auto& row : rows) {
+                if (row.num_nodes != 0) {
+                    more = false;
+                    continue;
+                }
+                if (row.Provider > after) after = row.Provider;
+                names.insert(row.Provider);
+            }
         }
     }
-    return {names.begin(), names.end()};
+    provider_names_.emplace(names.begin(), names.end());
+    return *provider_names_;
+}
+
+bool Store::has_provider(const std::string& provider) {
+    for (const auto& name : data_names())
+        if (!select_from(name,
+                         "SELECT Provider FROM " + vesk::datastore::table_name +
+                             " WHERE Provider = " + literal(provider) + " LIMIT 1",
+                         "looking up provider \"" + provider + "\"")
+                 .empty())
+            return true;
+    return false;
 }
 
 std::vector<std::string> Store::queryable_provider_names() {
@@ -409,6 +482,7 @@ int64_t Store::last_run() {
 
 void Store::insert(const std::vector<InsertRecord>& records) {
     if (records.empty()) return;
+    provider_names_.reset();
     const std::vector<std::string> names{write_target()};
     std::vector<Outcome> outcomes;
     if (bulk_supported_) {

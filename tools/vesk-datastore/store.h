@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <optional>
 #include <set>
 #include <string>
 #include <tuple>
@@ -33,6 +34,15 @@ struct StoredSummary {
     int64_t latest_run = 0;
 };
 
+// Per provider (or per host): the number of hosts (or providers), rows and
+// the latest run.
+struct GroupSummary {
+    std::string name;
+    int64_t others = 0;
+    int64_t rows = 0;
+    int64_t latest_run = 0;
+};
+
 class Store {
 public:
     // Opens `configs` (all of them) and records them in the library's list.
@@ -52,8 +62,13 @@ public:
     // datastores, ordered by provider and host. Throws ToolError (exit 2)
     // when a datastore fails to answer.
     std::vector<StoredSummary> summary();
-    // Every stored provider name, sorted.
+    // The same grouped per provider (`by_provider`) or per host, by the one
+    // "data" datastore; callers with several use summary().
+    std::vector<GroupSummary> group_summary(bool by_provider);
+    // Every stored provider name, sorted; read once, again after insert().
     std::vector<std::string> provider_names();
+    // True when some "data" datastore holds a row of `provider`.
+    bool has_provider(const std::string& provider);
     // The provider names that the library's queries can name: a stored name
     // they would refuse or misread (a quote, blanks around it) is left out,
     // with one warning on standard error naming it.
@@ -116,6 +131,8 @@ private:
     std::shared_ptr<vesk::datastore::DataStoreController> controller_;
     bool bulk_supported_ = true;
     std::set<std::string> warned_;  // skipped provider names already reported
+    // provider_names() as last read; insert() forgets it.
+    std::optional<std::vector<std::string>> provider_names_;
 };
 
 }  // namespace vesk::tool

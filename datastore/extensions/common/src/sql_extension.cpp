@@ -428,9 +428,17 @@ bool SqlExtension::update_snapshot(const std::map<std::string, ProviderInfoSet>&
                        dialect_.placeholder(3) + ", " + dialect_.placeholder(4) + ", " +
                        dialect_.placeholder(5) + ");");
     if (!row_exists || !member || !update || !add) return false;
+    // A snapshot without members yet (a new one, or one just removed to be
+    // recorded anew) needs no lookup per member: every entry is added.
+    auto any_member =
+        prepare("SELECT 1 FROM " + table_baseline + " WHERE baseline_id = " + p1 + " LIMIT 1;");
+    if (!any_member) return false;
     std::string refusal;
     const Outcome done = transaction([&] {
         for (const auto& [id, entries] : snapshots) {
+            if (!any_member->bind_text(1, id)) return Outcome::failed;
+            const Probe existing = probe(*any_member);
+            if (existing == Probe::failed) return Outcome::failed;
             for (const auto& entry : entries) {
                 if (!row_exists->bind_int64(1, entry.rowid)) return Outcome::failed;
                 const Probe row = probe(*row_exists);
@@ -440,10 +448,13 @@ bool SqlExtension::update_snapshot(const std::map<std::string, ProviderInfoSet>&
                               std::to_string(entry.rowid) + " does not exist";
                     return Outcome::refused;
                 }
-                if (!member->bind_text(1, id) || !member->bind_int64(2, entry.rowid))
-                    return Outcome::failed;
-                const Probe known = probe(*member);
-                if (known == Probe::failed) return Outcome::failed;
+                Probe known = Probe::missing;
+                if (existing == Probe::found) {
+                    if (!member->bind_text(1, id) || !member->bind_int64(2, entry.rowid))
+                        return Outcome::failed;
+                    known = probe(*member);
+                    if (known == Probe::failed) return Outcome::failed;
+                }
                 Statement& stmt = known == Probe::found ? *update : *add;
                 const auto* config = entry.config.get();
                 auto bind = [&stmt, config](int index,

@@ -665,11 +665,16 @@ void SqliteExtension::release() {
 
 int32_t SqliteExtension::close() {
     if (!db_) return OPERATION_SUCCESSFULL;
-    if (!read_only_) {
+    if (!read_only_ && sqlite3_total_changes(db_.get()) > 0) {
         // Never wait here. The file stays in WAL (see the top of the file).
         closing_ = true;
         // Refreshes the planner's statistics where this connection's
         // queries would profit; analysis_limit keeps that quick on big files.
+        // Only after rows were written: a connection that only read leaves
+        // the file alone (statistics do not change without writes, and an
+        // index that holds no entry, like the one of failed rows in a
+        // healthy store, never gets a statistics row, so every close would
+        // analyse and write again, and readers would become writers).
         sqlite3_exec(db_.get(), "PRAGMA analysis_limit = 1000; PRAGMA optimize;", nullptr, nullptr,
                      nullptr);
         closing_ = false;
