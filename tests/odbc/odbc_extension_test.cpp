@@ -130,9 +130,9 @@ TEST_F(OdbcExtensionTest, OpensCreatesTheSchemaAndRefusesBadParameters) {
         EXPECT_EQ(query_int(*c, "SELECT count(*) FROM vesk_1;"), 0);
         EXPECT_EQ(query_int(*c,
                             "SELECT count(*) FROM pg_indexes WHERE indexname IN "
-                            "('provider_datastore_latest', 'provider_datastore_run', "
-                            "'baseline_datastore_id');"),
-                  3);
+                            "('provider_datastore_latest', 'provider_datastore_failed', "
+                            "'provider_datastore_run', 'baseline_datastore_id');"),
+                  4);
     }
     EXPECT_EQ(open_with("source=" + source + "|read_only=true|login_timeout_s=5"), 0);
     // The private ODBCSYSINI defines the DSN vesk_pg_test (database postgres).

@@ -606,8 +606,7 @@ int cmd_rows(const GlobalOptions& global, const RowsOptions& options) {
                                          ? "reading the rows of provider \"" + batch[0] + "\""
                                          : std::string("reading the rows");
             for (const auto& name : names) {
-                auto rows =
-                    store->select_from(
+                auto rows = store->select_from(
                     name, row_query(batch, options, options.latest, left, store->is_sqlite(name)),
                     what);
                 for (auto& row : rows) {

@@ -24,6 +24,9 @@ const std::vector<std::string>& schema_statements() {
             table_name + ";",
         "CREATE INDEX IF NOT EXISTS provider_datastore_latest ON " + table_name +
             "(Provider, Hostname, OptionID, Unique_timestamp);",
+        // Failed rows only: a row that did not fail never touches it.
+        "CREATE INDEX IF NOT EXISTS provider_datastore_failed ON " + table_name +
+            "(Provider, Hostname, OptionID, Unique_timestamp) WHERE Exit_status <> 0;",
         "CREATE INDEX IF NOT EXISTS provider_datastore_run ON " + table_name +
             "(Unique_timestamp, Provider);",
         "CREATE INDEX IF NOT EXISTS baseline_datastore_id ON " + table_baseline +
