@@ -1,8 +1,10 @@
 // The staged libodbc.so: loads beside the system's unixODBC libodbc.so,
 // exports its entry points, and opens a datastore on the test server.
+#include <chrono>
 #include <cstdio>
 #include <dlfcn.h>
 #include <filesystem>
+#include <functional>
 #include <link.h>
 #include <memory>
 #include <string>
@@ -10,6 +12,7 @@
 #include <gtest/gtest.h>
 
 #include "vesk/datastore.h"
+#include "vesk/datastore/operations.h"
 
 #include "pg_test_server.h"
 #include "test_support.h"
@@ -98,8 +101,9 @@ protected:
         const int32_t status = instance->open(parameters);
         if (status == vd::DataStoreExtension::OPERATION_SUCCESSFULL) {
             EXPECT_TRUE(instance->is_open());
-            EXPECT_EQ(instance->control(513, nullptr, nullptr, nullptr),
-                      vd::DataStoreExtension::UNSUPPORTED_OPERATION);
+            vd::SnapshotInfoSet ids;
+            EXPECT_EQ(instance->control(vd::OP_QUERY_BASELINE_IDS, nullptr, &ids, nullptr),
+                      vd::DataStoreExtension::OPERATION_SUCCESSFULL);
         }
         EXPECT_EQ(instance->close(), vd::DataStoreExtension::OPERATION_SUCCESSFULL);
         EXPECT_FALSE(instance->is_open());
@@ -138,6 +142,248 @@ TEST_F(OdbcExtensionTest, OpensCreatesTheSchemaAndRefusesBadParameters) {
         "source=" + with_database(conn_string, "vesk_no_such_database"),
     };
     for (const std::string& p : refused) EXPECT_EQ(open_with(p), 1) << p;
+}
+
+// One open instance of the extension, destroyed through the library.
+using Instance = std::unique_ptr<vd::DataStoreExtension, vd::DestroyExtensionFn>;
+
+vd::InsertRecord row(const std::string& provider, int n) {
+    vd::InsertRecord r;
+    r.header.provider = provider;
+    r.header.hostname = "h" + std::to_string(n);
+    r.header.num_nodes = 1;
+    r.header.node_names = {r.header.hostname};
+    r.header.timestamp = 1700000000 + n;
+    r.header.unique_timestamp = 1700000000000000 + n;
+    r.header.duration = 0.25;
+    r.header.username = "u";
+    r.option_id = "o";
+    r.std_out = "out " + std::to_string(n);
+    r.std_err = "err " + std::to_string(n);
+    return r;
+}
+
+// The operations of a datastore on the test server, through the library's
+// entry points, starting from an empty database.
+class OdbcOperationsTest : public OdbcExtensionTest {
+protected:
+    void SetUp() override {
+        OdbcExtensionTest::SetUp();
+        if (IsSkipped() || HasFatalFailure()) return;
+        auto c = connect(source);
+        ASSERT_NE(c, nullptr);
+        exec(*c, "DROP VIEW IF EXISTS " + vd::table_view + ";");
+        exec(*c, "DROP TABLE IF EXISTS " + vd::table_name + ", " + vd::table_baseline + ";");
+    }
+
+    Instance open_instance(const std::string& extra = "") {
+        Instance instance(create(), destroy);
+        EXPECT_NE(instance, nullptr);
+        if (!instance) return instance;
+        instance->instance_name = "odbc_test";
+        EXPECT_EQ(instance->open("source=" + source + extra), kOk);
+        return instance;
+    }
+
+    int32_t bulk(Instance& i, const std::vector<vd::InsertRecord>& records) {
+        return i->control(vd::OP_BULK_INSERT, &records, nullptr, nullptr);
+    }
+    int32_t insert(Instance& i, vd::InsertRecord record) {
+        return i->control(vd::OP_INSERT, nullptr, &record, nullptr);
+    }
+    // The caller's statement `sql` through operation 514.
+    int32_t query(Instance& i, const std::string& sql, std::vector<vd::Row>& rows) {
+        vd::SQLParameters statement{"", sql, vd::row_field_index};
+        vd::ReadParameters request{{"unused"}, {}, {}, &statement};
+        return i->control(vd::OP_SELECT_PROVIDER, &request, &rows, nullptr);
+    }
+    std::vector<vd::Row> all_rows(Instance& i) {
+        std::vector<vd::Row> rows;
+        EXPECT_EQ(query(i, "SELECT * FROM " + vd::table_name + " ORDER BY rowid;", rows), kOk);
+        return rows;
+    }
+    int64_t stored() {
+        auto c = connect(source);
+        return c ? query_int(*c, "SELECT count(*) FROM " + vd::table_name + ";") : -1;
+    }
+    // Ends every server process of the test's database but this one's.
+    void terminate_backends() {
+        EXPECT_GE(query_int(*connection,
+                            "SELECT count(pg_terminate_backend(pid)) FROM pg_stat_activity "
+                            "WHERE datname = 'vesk_extension' AND pid <> pg_backend_pid();"),
+                  1);
+    }
+
+    const int32_t kOk = vd::DataStoreExtension::OPERATION_SUCCESSFULL;
+    const int32_t kFailed = vd::DataStoreExtension::OPERATION_UNSUCCESSFULL;
+};
+
+TEST_F(OdbcOperationsTest, BulkInsertSplitsIntoStatementsAndTheServerRollsBackAllOfThem) {
+    auto i = open_instance("|rows_per_statement=3");
+    ASSERT_TRUE(i);
+    // 10 rows: three full statements and one of a single row.
+    std::vector<vd::InsertRecord> rows;
+    for (int n = 0; n < 10; ++n) rows.push_back(row("bulk", n));
+    ASSERT_EQ(bulk(i, rows), kOk);
+    auto found = all_rows(i);
+    ASSERT_EQ(found.size(), rows.size());
+    for (size_t n = 0; n < rows.size(); ++n) {
+        EXPECT_EQ(found[n].Hostname, rows[n].header.hostname);
+        EXPECT_EQ(found[n].STDOUT, rows[n].std_out);
+        EXPECT_EQ(found[n].Unique_timestamp, rows[n].header.unique_timestamp);
+    }
+
+    // The server refuses a row of the third statement: the two before it go too.
+    {
+        auto c = connect(source);
+        ASSERT_NE(c, nullptr);
+        exec(*c,
+             "CREATE FUNCTION refuse_boom() RETURNS trigger LANGUAGE plpgsql AS $$ BEGIN IF "
+             "NEW.Provider = 'boom' THEN RAISE EXCEPTION 'boom refused'; END IF; RETURN NEW; "
+             "END $$;");
+        exec(*c, "CREATE TRIGGER refuse_boom BEFORE INSERT ON " + vd::table_name +
+                     " FOR EACH ROW EXECUTE FUNCTION refuse_boom();");
+    }
+    rows[7].header.provider = "boom";
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(bulk(i, rows), kFailed);
+    const std::string log = testing::internal::GetCapturedStderr();
+    EXPECT_NE(log.find("boom refused"), std::string::npos) << log;
+    EXPECT_NE(log.find("nothing written"), std::string::npos) << log;
+    EXPECT_EQ(stored(), 10);
+    {
+        auto c = connect(source);
+        ASSERT_NE(c, nullptr);
+        exec(*c, "DROP TRIGGER refuse_boom ON " + vd::table_name + ";");
+        exec(*c, "DROP FUNCTION refuse_boom();");
+    }
+    // Large rows: a statement holds fewer rows than asked when its values
+    // would pass 16 MiB; every byte comes back.
+    auto big = open_instance();
+    std::vector<vd::InsertRecord> large;
+    for (int n = 0; n < 4; ++n) {
+        large.push_back(row("large", n));
+        large.back().std_out = std::string(size_t{5} << 20, static_cast<char>('a' + n));
+    }
+    ASSERT_EQ(bulk(big, large), kOk);
+    found.clear();
+    ASSERT_EQ(
+        query(big, "SELECT * FROM " + vd::table_view + " WHERE Provider = 'large' ORDER BY rowid;",
+              found),
+        kOk);
+    ASSERT_EQ(found.size(), large.size());
+    for (size_t n = 0; n < large.size(); ++n) EXPECT_TRUE(found[n].STDOUT == large[n].std_out) << n;
+}
+
+TEST_F(OdbcOperationsTest, TextThePostgreSqlServerCannotHoldIsRefusedNamingRowAndField) {
+    auto i = open_instance();
+    ASSERT_TRUE(i);
+    struct Case {
+        const char* field;
+        std::function<void(vd::InsertRecord&)> spoil;
+        const char* problem;
+    };
+    const Case cases[] = {
+        {"STDOUT", [](auto& r) { r.std_out = std::string("a\0b", 3); }, "NUL byte at offset 1"},
+        {"STDERR", [](auto& r) { r.std_err = "ok \xff"; }, "not valid UTF-8 at offset 3"},
+        {"OptionID", [](auto& r) { r.option_id = "\xc3"; }, "not valid UTF-8 at offset 0"},
+        {"Username", [](auto& r) { r.header.username = "\xed\xa0\x80"; }, "not valid UTF-8"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.field);
+        std::vector<vd::InsertRecord> rows{row("t", 0), row("t", 1), row("t", 2)};
+        c.spoil(rows[2]);
+        testing::internal::CaptureStderr();
+        EXPECT_EQ(bulk(i, rows), kFailed);
+        EXPECT_EQ(insert(i, rows[2]), kFailed);
+        const std::string log = testing::internal::GetCapturedStderr();
+        EXPECT_NE(log.find("row 2: field " + std::string(c.field)), std::string::npos) << log;
+        EXPECT_NE(log.find(c.problem), std::string::npos) << log;
+        EXPECT_NE(log.find("base64"), std::string::npos) << log;
+        EXPECT_EQ(stored(), 0);
+    }
+    // Valid UTF-8 of every length goes through.
+    auto r = row("t", 0);
+    r.std_out = "\x7f \xc2\x80 \xe0\xa0\x80 \xf0\x90\x80\x80 \xf4\x8f\xbf\xbf";
+    ASSERT_EQ(insert(i, r), kOk);
+    EXPECT_EQ(all_rows(i).at(0).STDOUT, r.std_out);
+}
+
+TEST_F(OdbcOperationsTest, CallerStatementsCannotWriteAndReadOnlyHoldsAtTheServer) {
+    auto writer = open_instance();
+    ASSERT_TRUE(writer);
+    ASSERT_EQ(insert(writer, row("p", 1)), kOk);
+    auto reader = open_instance("|read_only=true");
+    ASSERT_TRUE(reader);
+
+    for (Instance* i : {&writer, &reader}) {
+        std::vector<vd::Row> rows;
+        testing::internal::CaptureStderr();
+        EXPECT_EQ(query(*i, "DELETE FROM " + vd::table_name + " RETURNING *;", rows), kFailed);
+        const std::string log = testing::internal::GetCapturedStderr();
+        EXPECT_NE(log.find("25006"), std::string::npos) << log;
+        EXPECT_TRUE(rows.empty());
+        EXPECT_EQ(stored(), 1);
+    }
+    EXPECT_EQ(insert(reader, row("p", 2)), kFailed);
+    // The session itself is read-only: a statement outside the kit's
+    // transaction would be refused too.
+    std::vector<vd::Row> setting;
+    ASSERT_EQ(query(reader, "SELECT current_setting('default_transaction_read_only') AS Provider;",
+                    setting),
+              kOk);
+    ASSERT_EQ(setting.size(), 1u);
+    EXPECT_EQ(setting[0].Provider, "on");
+    setting.clear();
+    ASSERT_EQ(query(writer, "SELECT current_setting('default_transaction_read_only') AS Provider;",
+                    setting),
+              kOk);
+    EXPECT_EQ(setting.at(0).Provider, "off");
+    EXPECT_EQ(all_rows(reader).size(), 1u);
+}
+
+TEST_F(OdbcOperationsTest, LostConnectionFailsTheWriteThenTheNextCallReopens) {
+    auto i = open_instance();
+    ASSERT_TRUE(i);
+    ASSERT_EQ(insert(i, row("p", 1)), kOk);
+
+    terminate_backends();
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(insert(i, row("p", 2)), kFailed);
+    std::string log = testing::internal::GetCapturedStderr();
+    EXPECT_NE(log.find("whether it was written is unknown"), std::string::npos) << log;
+    EXPECT_NE(log.find("terminating connection"), std::string::npos) << log;
+    ASSERT_EQ(insert(i, row("p", 3)), kOk);
+    EXPECT_EQ(stored(), 2);
+
+    terminate_backends();
+    EXPECT_EQ(bulk(i, {row("p", 4), row("p", 5)}), kFailed);
+    ASSERT_EQ(bulk(i, {row("p", 6), row("p", 7)}), kOk);
+    EXPECT_EQ(stored(), 4);
+
+    // A read meets the lost connection and is read again on a new one.
+    terminate_backends();
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(all_rows(i).size(), 4u);
+    log = testing::internal::GetCapturedStderr();
+    EXPECT_NE(log.find("reading again"), std::string::npos) << log;
+    terminate_backends();
+    vd::SnapshotInfoSet ids;
+    EXPECT_EQ(i->control(vd::OP_QUERY_BASELINE_IDS, nullptr, &ids, nullptr), kOk);
+}
+
+TEST_F(OdbcOperationsTest, QueryTimeLimitStopsALongStatement) {
+    auto i = open_instance("|query_timeout_s=1");
+    ASSERT_TRUE(i);
+    std::vector<vd::Row> rows;
+    const auto start = std::chrono::steady_clock::now();
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(query(i, "SELECT pg_sleep(20) IS NULL AS Provider;", rows), kFailed);
+    const std::string log = testing::internal::GetCapturedStderr();
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
+    EXPECT_NE(log.find("query_timeout_s (1 s)"), std::string::npos) << log;
+    // The connection goes on working.
+    EXPECT_EQ(insert(i, row("p", 1)), kOk);
 }
 
 }  // namespace

@@ -69,7 +69,15 @@ int cmd_check(const GlobalOptions& global) {
                         {"ok", ok},
                         {"findings", findings}});
     }
-    if (checked == 0) throw ToolError(kExitError, "no SQLite datastore is configured");
+    if (checked == 0) {
+        for (const auto& config : configs)
+            if (config.type == vesk::datastore::odbc)
+                throw ToolError(kExitError,
+                                "check works on SQLite datastore files; \"" + config.instance_name +
+                                    "\" is an ODBC datastore, whose database server checks "
+                                    "its own data");
+        throw ToolError(kExitError, "no SQLite datastore is configured");
+    }
     print_result(global.format, list, table);
     return all_ok ? kExitOk : kExitError;
 }

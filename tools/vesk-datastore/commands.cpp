@@ -511,15 +511,17 @@ std::string row_query(const std::string& provider, const RowsOptions& options, b
     std::string query;
     if (latest)
         // The newest run per option and host comes from the index alone;
-        // only the rows that hold it are read from the table (of rows
-        // stored twice under one key, the last stored).
+        // of the rows that hold it (rows stored twice under one key) the
+        // last stored is read from the table. Plain SQL that servers
+        // accept too: no columns beside an aggregate.
         query =
-            "SELECT p.*, MAX(p.rowid) FROM (SELECT Hostname AS h, OptionID AS o, "
-            "MAX(Unique_timestamp) AS m FROM " +
+            "SELECT p.* FROM (SELECT Hostname AS h, OptionID AS o, MAX(Unique_timestamp) AS "
+            "m FROM " +
             table + " WHERE " + where + " GROUP BY OptionID, Hostname) AS k JOIN " + table +
-            " AS p ON p.Provider = " + sql_literal(provider) +
-            " AND p.Hostname = k.h AND p.OptionID = k.o AND p.Unique_timestamp = k.m" +
-            (outcome.empty() ? "" : " WHERE " + outcome) + " GROUP BY p.Hostname, p.OptionID";
+            " AS p ON p.rowid = (SELECT MAX(q.rowid) FROM " + table +
+            " AS q WHERE q.Provider = " + sql_literal(provider) +
+            " AND q.Hostname = k.h AND q.OptionID = k.o AND q.Unique_timestamp = k.m" +
+            (outcome.empty() ? "" : " AND " + outcome) + ")";
     else
         query = "SELECT * FROM " + table + " WHERE " + where +
                 (outcome.empty() ? "" : " AND " + outcome);
@@ -670,7 +672,8 @@ int cmd_runs(const GlobalOptions& global, const RunsOptions& options) {
     // num_nodes: hosts, Exit_status: failed rows, Timestamp: first start).
     const std::string query =
         "SELECT Unique_timestamp, MIN(Timestamp) AS Timestamp, COUNT(DISTINCT Hostname) AS "
-        "num_nodes, COUNT(*) AS rowid, SUM(Exit_status <> 0) AS Exit_status FROM " +
+        "num_nodes, COUNT(*) AS rowid, SUM(CASE WHEN Exit_status <> 0 THEN 1 ELSE 0 END) AS "
+        "Exit_status FROM " +
         vesk::datastore::table_name + " GROUP BY Unique_timestamp ORDER BY Unique_timestamp DESC" +
         (options.limit > 0 ? " LIMIT " + std::to_string(options.limit) : std::string());
     struct Run {

@@ -87,6 +87,13 @@ bool read_field(Statement& stmt, int column, int position, Row_baseline& row,
 }
 constexpr int kBaselineFieldCount = 6;
 
+bool run_to_end(Statement& stmt) {
+    StepResult r = stmt.step();
+    while (r == StepResult::row) r = stmt.step();
+    const bool reset = stmt.reset();
+    return r == StepResult::done && reset;
+}
+
 // Field position of every result column, -1 for columns not mapped. Names
 // match without regard to case (servers fold them); when a name occurs twice
 // (a join of two tables that both have "rowid") the first column wins.
@@ -123,7 +130,17 @@ std::string SqlExtension::describe(const Error& error) const {
 
 std::string SqlExtension::row_size_problem(size_t /*bytes*/) const { return ""; }
 
-void SqlExtension::release_statements() { insert_.reset(); }
+std::string SqlExtension::row_text_problem(const vesk::provider::header& /*header*/,
+                                           const std::string& /*option_id*/,
+                                           const std::string& /*std_out*/,
+                                           const std::string& /*std_err*/) const {
+    return "";
+}
+
+void SqlExtension::release_statements() {
+    insert_.reset();
+    insert_rows_.reset();
+}
 
 int32_t SqlExtension::control(uint16_t op, const void* in, void* out, void* extra) {
     if (op != OP_BULK_INSERT) return interface::control(op, in, out, extra);
@@ -202,9 +219,35 @@ std::string SqlExtension::check_row(const vesk::provider::header& header,
     if (std::string why = checks::row_problem(header, option_id, std_out, std_err, node_bytes);
         !why.empty())
         return why;
+    if (std::string why = row_text_problem(header, option_id, std_out, std_err); !why.empty())
+        return why;
     return row_size_problem(header.provider.size() + header.hostname.size() + node_bytes +
                             std_out.size() + std_err.size() + option_id.size() +
                             header.username.size());
+}
+
+// Binds the 14 values of one row to parameters first + 1 to first + 14, in
+// the order of kRowFields from column 1 on. `nodes` receives the joined node
+// list and must stay as it is until the statement has run.
+bool SqlExtension::bind_row(Statement& stmt, int first, const vesk::provider::header& header,
+                            const std::string& option_id, const std::string& std_out,
+                            const std::string& std_err, std::string& nodes) {
+    nodes.clear();
+    for (size_t i = 0; i < header.node_names.size(); ++i) {
+        if (i) nodes += kNodeListSeparator;
+        nodes += header.node_names[i];
+    }
+    static_assert(kRowFieldCount == 15, "the insert binds every column but rowid");
+    const int k = first;
+    return stmt.bind_text(k + 1, header.provider) && stmt.bind_text(k + 2, header.hostname) &&
+           stmt.bind_int64(k + 3, header.num_nodes) && stmt.bind_text(k + 4, nodes) &&
+           stmt.bind_int64(k + 5, header.exit_status) && stmt.bind_int64(k + 6, header.timestamp) &&
+           stmt.bind_double(k + 7, header.duration) &&
+           stmt.bind_int64(k + 8, static_cast<int64_t>(header.encoding)) &&
+           stmt.bind_text(k + 9, std_out) && stmt.bind_text(k + 10, std_err) &&
+           stmt.bind_text(k + 11, option_id) && stmt.bind_int64(k + 12, header.version) &&
+           stmt.bind_text(k + 13, header.username) &&
+           stmt.bind_int64(k + 14, header.unique_timestamp);
 }
 
 bool SqlExtension::write_row(const vesk::provider::header& header, const std::string& option_id,
@@ -214,27 +257,94 @@ bool SqlExtension::write_row(const vesk::provider::header& header, const std::st
         if (!insert_) return false;
     }
     Statement& stmt = *insert_;
-    node_text_.clear();
-    for (size_t i = 0; i < header.node_names.size(); ++i) {
-        if (i) node_text_ += kNodeListSeparator;
-        node_text_ += header.node_names[i];
-    }
-    // The values in the order of kRowFields from column 1 on.
-    static_assert(kRowFieldCount == 15, "the insert binds every column but rowid");
-    const bool bound =
-        stmt.bind_text(1, header.provider) && stmt.bind_text(2, header.hostname) &&
-        stmt.bind_int64(3, header.num_nodes) && stmt.bind_text(4, node_text_) &&
-        stmt.bind_int64(5, header.exit_status) && stmt.bind_int64(6, header.timestamp) &&
-        stmt.bind_double(7, header.duration) &&
-        stmt.bind_int64(8, static_cast<int64_t>(header.encoding)) && stmt.bind_text(9, std_out) &&
-        stmt.bind_text(10, std_err) && stmt.bind_text(11, option_id) &&
-        stmt.bind_int64(12, header.version) && stmt.bind_text(13, header.username) &&
-        stmt.bind_int64(14, header.unique_timestamp);
-    if (!bound) return false;
+    if (!bind_row(stmt, 0, header, option_id, std_out, std_err, node_text_)) return false;
     StepResult r = stmt.step();
     while (r == StepResult::row) r = stmt.step();
     const bool reset = stmt.reset();
     return r == StepResult::done && reset;
+}
+
+namespace {
+
+// The values of one multi-row statement stay below this many bytes (a
+// server reads one statement as one message), unless one row alone is larger.
+constexpr size_t kMaxStatementBytes = size_t{16} << 20;
+
+size_t value_bytes(const InsertRecord& r) {
+    size_t bytes = r.std_out.size() + r.std_err.size() + r.option_id.size() +
+                   r.header.provider.size() + r.header.hostname.size() + r.header.username.size();
+    for (const auto& n : r.header.node_names) bytes += n.size() + 2;
+    return bytes;
+}
+
+// INSERT INTO <table>(<columns>) VALUES(...),(...) for `rows` rows.
+std::string insert_rows_sql(const Dialect& dialect, size_t rows) {
+    const size_t columns = kRowFieldCount - 1;
+    std::string sql = "INSERT INTO " + table_name + "(" + row_column_list(1) + ") VALUES";
+    for (size_t r = 0; r < rows; ++r) {
+        sql += r ? ",(" : "(";
+        for (size_t c = 1; c <= columns; ++c) {
+            if (c > 1) sql += ", ";
+            sql += dialect.placeholder(static_cast<int>(r * columns + c));
+        }
+        sql += ")";
+    }
+    return sql + ";";
+}
+
+}  // namespace
+
+// Writes `records` in multi-row statements of up to rows_per_insert() rows
+// (fewer when their values would exceed kMaxStatementBytes); the caller
+// holds the transaction.
+bool SqlExtension::write_rows(const std::vector<InsertRecord>& records) {
+    const size_t per_statement = rows_per_insert();
+    std::vector<std::string> nodes(per_statement);
+    constexpr int columns = static_cast<int>(kRowFieldCount) - 1;
+    for (size_t at = 0; at < records.size();) {
+        size_t count = 0;
+        size_t bytes = 0;
+        while (at + count < records.size() && count < per_statement) {
+            const size_t more = value_bytes(records[at + count]);
+            if (count > 0 && bytes + more > kMaxStatementBytes) break;
+            bytes += more;
+            ++count;
+        }
+        std::unique_ptr<Statement> once;
+        Statement* stmt;
+        if (count == per_statement) {
+            if (!insert_rows_) {
+                insert_rows_ = connection()->prepare(insert_rows_sql(dialect_, per_statement));
+                if (!insert_rows_) return false;
+            }
+            stmt = insert_rows_.get();
+        } else {
+            once = connection()->prepare(insert_rows_sql(dialect_, count));
+            if (!once) return false;
+            stmt = once.get();
+        }
+        for (size_t i = 0; i < count; ++i) {
+            const InsertRecord& r = records[at + i];
+            if (!bind_row(*stmt, static_cast<int>(i) * columns, r.header, r.option_id, r.std_out,
+                          r.std_err, nodes[i]))
+                return false;
+        }
+        if (!run_to_end(*stmt)) return false;
+        at += count;
+    }
+    return true;
+}
+
+// The end of a failed write's message: nothing was written, unless the
+// connection was lost on the way, when nobody knows.
+std::string SqlExtension::write_failure() {
+    Connection* c = connection();
+    if (c == nullptr) return "the datastore is not open";
+    const std::string why = describe(c->last_error());
+    if (c->is_alive()) return "nothing written: " + why;
+    return "the connection was lost, so whether it was written is unknown (it is not "
+           "repeated): " +
+           why;
 }
 
 bool SqlExtension::insert(const vesk::provider::header& header, const std::string& option_id,
@@ -250,8 +360,7 @@ bool SqlExtension::insert(const vesk::provider::header& header, const std::strin
         return write_row(header, option_id, std_out, std_err) ? Outcome::ok : Outcome::failed;
     });
     if (done == Outcome::ok) return true;
-    VESK_SQL_LOG(kErrorLevel) << where() << "insert failed, nothing written: "
-                              << describe(connection()->last_error());
+    VESK_SQL_LOG(kErrorLevel) << where() << "insert failed, " << write_failure();
     return false;
 }
 
@@ -268,14 +377,14 @@ bool SqlExtension::bulk_insert(const std::vector<InsertRecord>& records) {
     }
     if (records.empty()) return true;
     const Outcome done = transaction([&] {
+        if (rows_per_insert() > 1) return write_rows(records) ? Outcome::ok : Outcome::failed;
         for (const auto& r : records)
             if (!write_row(r.header, r.option_id, r.std_out, r.std_err)) return Outcome::failed;
         return Outcome::ok;
     });
     if (done == Outcome::ok) return true;
-    VESK_SQL_LOG(kErrorLevel) << where() << "bulk insert of " << records.size()
-                              << " rows failed, nothing written: "
-                              << describe(connection()->last_error());
+    VESK_SQL_LOG(kErrorLevel) << where() << "bulk insert of " << records.size() << " rows failed, "
+                              << write_failure();
     return false;
 }
 
@@ -290,13 +399,6 @@ Probe probe(Statement& stmt) {
     const bool reset = stmt.reset();
     if (r == StepResult::error || !reset) return Probe::failed;
     return r == StepResult::row ? Probe::found : Probe::missing;
-}
-
-bool run_to_end(Statement& stmt) {
-    StepResult r = stmt.step();
-    while (r == StepResult::row) r = stmt.step();
-    const bool reset = stmt.reset();
-    return r == StepResult::done && reset;
 }
 
 }  // namespace

@@ -693,6 +693,31 @@ bool OdbcConnection::rollback() {
     return end_transaction(*handles_, SQL_ROLLBACK, "SQLEndTran(ROLLBACK)");
 }
 
+bool OdbcConnection::rollback_keeping_error() {
+    Handles& h = *handles_;
+    sql::Error error = h.error;
+    std::vector<Diagnostic> diagnostics = h.diagnostics;
+    const bool done = rollback();
+    h.error = std::move(error);
+    h.diagnostics = std::move(diagnostics);
+    return done;
+}
+
+bool OdbcConnection::execute_keeping_error(const std::string& sql) {
+    Handles& h = *handles_;
+    sql::Error error = h.error;
+    std::vector<Diagnostic> diagnostics = h.diagnostics;
+    std::unique_ptr<sql::Statement> statement = prepare(sql);
+    sql::StepResult r = statement ? statement->step() : sql::StepResult::error;
+    while (r == sql::StepResult::row) r = statement->step();
+    statement.reset();
+    h.error = std::move(error);
+    h.diagnostics = std::move(diagnostics);
+    return r == sql::StepResult::done;
+}
+
+bool OdbcConnection::in_transaction() const { return handles_->in_transaction; }
+
 const sql::Error& OdbcConnection::last_error() const { return handles_->error; }
 
 bool OdbcConnection::is_alive() {

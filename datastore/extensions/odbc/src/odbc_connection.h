@@ -64,6 +64,13 @@ public:
     const std::string& dbms_name() const;
     // The diagnostic records behind last_error().
     const std::vector<Diagnostic>& last_diagnostics() const;
+    // Rolls back like rollback() but leaves last_error() and the diagnostics
+    // of the failure before it as they were.
+    bool rollback_keeping_error();
+    // Runs `sql` to its end and leaves last_error() as it was; false on failure.
+    bool execute_keeping_error(const std::string& sql);
+    // True while a transaction is open (between begin and commit or rollback).
+    bool in_transaction() const;
     // When true, bind_text refuses invalid UTF-8 (NUL bytes are always refused:
     // the driver would cut the value short and answer success).
     void set_require_utf8(bool on);

@@ -1,45 +1,108 @@
 // libodbc.so: the datastore extension for database servers reached through
-// ODBC (PostgreSQL first).
+// ODBC (PostgreSQL first), built on the SQL extension kit.
 //
-// In progress: this first version connects (parameters validated, dialect
-// chosen from the server's name, schema created on PostgreSQL, read-only
-// sessions set at the server) and answers every operation with
-// UNSUPPORTED_OPERATION. The SQL operations come with the shared SQL
-// extension kit, which will run them over the statement seam implemented in
-// odbc_connection.cpp and the texts of pg_dialect.cpp.
-
+// Dialect: chosen from the server's product name once connected. PostgreSQL
+// gets its own schema and query texts (pg_dialect.h); any other server gets
+// the portable texts, which are SQLite's, with a message saying which of
+// them it may refuse.
+//
+// Values are always bound. Text that a PostgreSQL text column cannot hold
+// (a NUL byte, invalid UTF-8) is refused before anything is sent, naming the
+// row and the field: the driver would cut a value at a NUL and answer
+// success. A NUL byte is refused on every server for the same reason.
+//
+// Bulk inserts run as multi-row INSERT ... VALUES statements of
+// rows_per_statement rows, in one transaction: all rows or none.
+//
+// Read-only: the kit refuses every write, and the server refuses them too
+// (a read-only session on PostgreSQL). A caller's select always runs inside
+// a transaction that is rolled back afterwards, read-only at the server on
+// PostgreSQL, so that it cannot change the datastore.
+//
+// Lost connection: when the server or the network drops the connection
+// (SQLSTATE 57P01, 08S01, 08001 ..., or the driver's dead flag), the call
+// that met it fails with the server's words; the next call opens a new
+// connection first. A write whose connection was lost is reported failed
+// with its outcome unknown and is never repeated (the server may have
+// committed it). A read is run once more on a new connection: reading twice
+// changes nothing.
 #include <exception>
+#include <functional>
+#include <map>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "vesk/datastore/export.h"
 #include "vesk/datastore/extension.h"
+#include "vesk/datastore/sql/dialect.h"
+#include "vesk/datastore/sql/sql_extension.h"
 #include "vesk/log.h"
 
 #include "odbc_connection.h"
 #include "odbc_parameters.h"
 #include "pg_dialect.h"
+#include "text_check.h"
 
 namespace vesk::datastore::odbc_backend {
 
 namespace {
 
 constexpr int kErrorLevel = 3;
+constexpr int kWarningLevel = 4;
+constexpr int kNoticeLevel = 5;
+constexpr int kInfoLevel = 6;
+
+// PostgreSQL takes no single value, and no protocol message, of 1 GiB or
+// more; an INSERT carries all values of its row in one message.
+constexpr size_t kPgMaxRowBytes = (size_t{1} << 30) - (size_t{1} << 20);
 
 #define VESK_ODBC_LOG(level) vesk::log::ErrorLog(__FILE__, __func__, __LINE__, level).stream()
 
-class OdbcExtension final : public DataStoreExtension {
+// The dialect of an instance, settled once the server has answered. The kit
+// holds a reference to its dialect from its constructor on; this record
+// forwards to the chosen one.
+class DialectSwitch final : public sql::Dialect {
 public:
-    bool is_open() override { return connection_ != nullptr; }
-
-    int32_t control(uint16_t /*op*/, const void* /*in*/, void* /*out*/, void* /*extra*/) override {
-        // The operations arrive with the SQL extension kit.
-        return UNSUPPORTED_OPERATION;
+    std::vector<std::string> create_statements() const override {
+        return target->create_statements();
     }
+    std::string latest_rows_sql(const std::string& condition) const override {
+        return target->latest_rows_sql(condition);
+    }
+    std::string latest_run_sql(const std::string& condition) const override {
+        return target->latest_run_sql(condition);
+    }
+    std::string hosts_sql() const override { return target->hosts_sql(); }
+    std::string placeholder(int index) const override { return target->placeholder(index); }
+
+    const sql::Dialect* target = &sql::default_dialect();
+};
+
+// Constructed before the kit's base class, which takes its dialect.
+struct DialectHolder {
+    DialectSwitch dialect_switch;
+};
+
+const pg::PgDialect& postgres_dialect() {
+    static const pg::PgDialect dialect;
+    return dialect;
+}
+
+class OdbcExtension final : private DialectHolder, public sql::SqlExtension {
+public:
+    OdbcExtension() : sql::SqlExtension(dialect_switch) {}
+    ~OdbcExtension() override { close(); }
+    OdbcExtension(const OdbcExtension&) = delete;
+    OdbcExtension& operator=(const OdbcExtension&) = delete;
+
+    bool is_open() override { return opened_; }
 
     int32_t open(const std::string& parameters) override {
         try {
-            return open_connection(parameters) ? OPERATION_SUCCESSFULL : OPERATION_UNSUCCESSFULL;
+            close();
+            opened_ = open_connection(parameters);
+            return opened_ ? OPERATION_SUCCESSFULL : OPERATION_UNSUCCESSFULL;
         } catch (const std::exception& e) {
             return fail_open(e.what());
         } catch (...) {
@@ -48,16 +111,143 @@ public:
     }
 
     int32_t close() override {
+        release_statements();
         connection_.reset();
+        opened_ = false;
         return OPERATION_SUCCESSFULL;
     }
 
+    // A connection lost during an earlier call is replaced first.
+    int32_t control(uint16_t op, const void* in, void* out, void* extra) override {
+        try {
+            if (opened_ && !usable() && !reopen()) return OPERATION_UNSUCCESSFULL;
+        } catch (...) {
+            return OPERATION_UNSUCCESSFULL;
+        }
+        return sql::SqlExtension::control(op, in, out, extra);
+    }
+
+    bool select(std::string sql, std::vector<Row>& rows,
+                const std::map<std::string, int>& fields) override {
+        return read_again_if_lost([&] { return sql::SqlExtension::select(sql, rows, fields); });
+    }
+    bool select_from_baseline(std::string sql, std::vector<Row_baseline>& rows,
+                              const std::map<std::string, int>& fields) override {
+        return read_again_if_lost(
+            [&] { return sql::SqlExtension::select_from_baseline(sql, rows, fields); });
+    }
+    bool query_baseline_ids(SnapshotInfoSet& ids) override {
+        return read_again_if_lost([&] { return sql::SqlExtension::query_baseline_ids(ids); });
+    }
+
+protected:
+    sql::Connection* connection() override { return connection_.get(); }
+    bool read_only() const override { return parameters_.read_only; }
+    std::string where() const override { return "datastore \"" + instance_name + "\" (ODBC): "; }
+
+    // The connection's message holds every diagnostic record with its
+    // SQLSTATE and native code.
+    std::string describe(const sql::Error& error) const override {
+        std::string text = error.message.empty() ? "unknown ODBC failure" : error.message;
+        if (connection_ && !connection_->is_alive())
+            text += " (the connection to the server was lost; the next call opens a new one)";
+        return text;
+    }
+
+    std::string row_size_problem(size_t bytes) const override {
+        if (!postgres_ || bytes <= kPgMaxRowBytes) return "";
+        return "row of about " + std::to_string(bytes) +
+               " bytes exceeds what PostgreSQL takes in one statement (1 GiB)";
+    }
+
+    std::string row_text_problem(const vesk::provider::header& header, const std::string& option_id,
+                                 const std::string& std_out,
+                                 const std::string& std_err) const override {
+        const std::pair<const char*, const std::string*> texts[] = {
+            {"STDOUT", &std_out},           {"STDERR", &std_err},
+            {"Provider", &header.provider}, {"Hostname", &header.hostname},
+            {"OptionID", &option_id},       {"Username", &header.username},
+        };
+        for (const auto& [field, text] : texts)
+            if (std::string why = text_refusal(field, *text); !why.empty()) return why;
+        for (const std::string& node : header.node_names)
+            if (std::string why = text_refusal("node_names", node); !why.empty()) return why;
+        return "";
+    }
+
+    size_t rows_per_insert() const override {
+        return static_cast<size_t>(parameters_.rows_per_statement);
+    }
+
+    std::unique_ptr<sql::Statement> prepare_query(const std::string& sql) override {
+        OdbcConnection& c = *connection_;
+        // On PostgreSQL the transaction starts read-only: the driver runs
+        // each statement of a transaction inside a savepoint, and a
+        // savepoint's end would undo a later switch to read-only.
+        if (postgres_ ? !run("BEGIN READ ONLY;") : !c.begin()) {
+            VESK_ODBC_LOG(kErrorLevel)
+                << where()
+                << "cannot start the transaction of a select: " << describe(c.last_error());
+            return nullptr;
+        }
+        in_query_ = true;
+        std::unique_ptr<sql::Statement> stmt = c.prepare(sql);
+        if (!stmt)
+            VESK_ODBC_LOG(kErrorLevel)
+                << where() << "refused statement: " << describe(c.last_error()) << ": " << sql;
+        return stmt;
+    }
+
+    bool end_query() override {
+        if (!connection_) return false;
+        if (in_query_) {
+            in_query_ = false;
+            if (postgres_) {
+                const sql::Error kept = connection_->last_error();
+                const bool timed_out = kept.sqlstate == "HYT00" || kept.sqlstate == "57014";
+                (void)connection_->execute_keeping_error("ROLLBACK;");
+                return timed_out;
+            }
+            connection_->rollback_keeping_error();
+        }
+        const std::string& state = connection_->last_error().sqlstate;
+        return state == "HYT00" || state == "57014";
+    }
+
+    std::string time_limit_text() const override {
+        return "statement stopped after query_timeout_s (" +
+               std::to_string(parameters_.query_timeout_s) + " s)";
+    }
+
 private:
-    std::string where() const { return "datastore \"" + instance_name + "\" (ODBC): "; }
+    // Why `text` of `field` cannot be sent to this server, "" if it can.
+    std::string text_refusal(const char* field, const std::string& text) const {
+        const auto problem = text_problem(text);
+        if (!problem) return "";
+        const bool nul = problem->find("NUL") != std::string::npos;
+        if (!nul && !postgres_) return "";
+        return std::string("field ") + field + ": the text " + *problem + ", which " +
+               (postgres_ ? "a PostgreSQL text column" : "a text value sent through ODBC") +
+               " cannot hold; nothing was written. Store such output base64-encoded (and set "
+               "the row's Encoding to base64)";
+    }
+
+    bool usable() { return connection_ && connection_->is_alive(); }
+
+    template <typename Read>
+    bool read_again_if_lost(Read&& read) {
+        if (read()) return true;
+        if (!opened_ || usable()) return false;
+        if (!reopen()) return false;
+        VESK_ODBC_LOG(kWarningLevel) << where()
+                                     << "the connection was lost during a read; reading again "
+                                        "on a new connection";
+        return read();
+    }
 
     int32_t fail_open(const std::string& reason) {
         VESK_ODBC_LOG(kErrorLevel) << where() << "cannot open: " << reason;
-        connection_.reset();
+        close();
         return OPERATION_UNSUCCESSFULL;
     }
 
@@ -66,10 +256,17 @@ private:
         return false;
     }
 
-    bool open_connection(const std::string& parameters) {
-        std::string error;
-        if (!parse_odbc_parameters(parameters, parameters_, error)) return refuse(error);
+    // Runs `sql` to its end on the connection.
+    bool run(const std::string& sql) {
+        std::unique_ptr<sql::Statement> s = connection_->prepare(sql);
+        sql::StepResult r = s ? s->step() : sql::StepResult::error;
+        while (r == sql::StepResult::row) r = s->step();
+        return r == sql::StepResult::done;
+    }
 
+    // Connects and sets up the session: the dialect, the text checks, and
+    // read-only at the server. The message on failure goes to `error`.
+    bool connect(std::string& error) {
         ConnectOptions options;
         options.login_timeout_s = parameters_.login_timeout_s;
         options.query_timeout_s = parameters_.query_timeout_s;
@@ -78,29 +275,84 @@ private:
         // The connection string may hold a password: it is never logged.
         connection_ =
             OdbcConnection::connect(parameters_.connection_string(), options, connect_error);
-        if (!connection_)
-            return refuse((parameters_.source_is_dsn
-                               ? "data source \"" + parameters_.source + "\": "
-                               : std::string("connection string: ")) +
-                          connect_error.message);
+        if (!connection_) {
+            error = (parameters_.source_is_dsn ? "data source \"" + parameters_.source + "\": "
+                                               : std::string("connection string: ")) +
+                    connect_error.message;
+            return false;
+        }
+        postgres_ = connection_->dbms_name() == "PostgreSQL";
+        connection_->set_require_utf8(postgres_);
+        if (postgres_ && parameters_.read_only && !run(pg::read_only_session_sql)) {
+            error = "cannot make the session read-only: " + connection_->last_error().message;
+            connection_.reset();
+            return false;
+        }
+        return true;
+    }
 
-        if (connection_->dbms_name() != "PostgreSQL")
-            return refuse("server \"" + connection_->dbms_name() +
-                          "\" is not supported yet (PostgreSQL is)");
-        connection_->set_require_utf8(true);
-        if (parameters_.read_only) {
-            std::unique_ptr<sql::Statement> s = connection_->prepare(pg::read_only_session_sql);
-            if (!s || s->step() != sql::StepResult::done)
-                return refuse("cannot make the session read-only: " +
-                              connection_->last_error().message);
+    bool open_connection(const std::string& parameters) {
+        std::string error;
+        if (!parse_odbc_parameters(parameters, parameters_, error)) return refuse(error);
+        if (!connect(error)) return refuse(error);
+
+        const std::string& server = connection_->dbms_name();
+        dialect_switch.target = postgres_ ? static_cast<const sql::Dialect*>(&postgres_dialect())
+                                          : &sql::default_dialect();
+        hosts_query = dialect_.hosts_sql();
+        if (!postgres_ && server != "SQLite")
+            VESK_ODBC_LOG(kNoticeLevel)
+                << where() << "server \"" << server
+                << "\" has no dialect of its own: using the portable SQL texts, whose schema "
+                   "and latest-row queries (GROUP BY with columns outside the aggregate) some "
+                   "servers refuse";
+        if (parameters_.read_only) return true;
+        if (postgres_) {
+            if (!pg::create_schema(*connection_, error)) return refuse(error);
             return true;
         }
-        if (!pg::create_schema(*connection_, error)) return refuse(error);
+        if (!create_portable_schema(error))
+            return refuse("server \"" + server +
+                          "\" cannot create the schema with the portable "
+                          "SQL texts: " +
+                          error);
+        return true;
+    }
+
+    bool create_portable_schema(std::string& error) {
+        if (!connection_->begin()) {
+            error = connection_->last_error().message;
+            return false;
+        }
+        for (const std::string& sql : dialect_.create_statements()) {
+            if (run(sql)) continue;
+            error = "\"" + sql + "\": " + connection_->last_error().message;
+            connection_->rollback_keeping_error();
+            return false;
+        }
+        if (connection_->commit()) return true;
+        error = "commit: " + connection_->last_error().message;
+        return false;
+    }
+
+    // Replaces a lost connection; the kit's statements went with it.
+    bool reopen() {
+        release_statements();
+        connection_.reset();
+        std::string error;
+        if (!connect(error)) {
+            VESK_ODBC_LOG(kErrorLevel) << where() << "cannot reopen the lost connection: " << error;
+            return false;
+        }
+        VESK_ODBC_LOG(kInfoLevel) << where() << "reopened the lost connection";
         return true;
     }
 
     OdbcParameters parameters_;
     std::unique_ptr<OdbcConnection> connection_;
+    bool opened_ = false;
+    bool postgres_ = false;
+    bool in_query_ = false;  // a caller's select has its transaction open
 };
 
 }  // namespace

@@ -76,6 +76,14 @@ protected:
     virtual std::string describe(const Error& error) const;
     // Why a row of about `bytes` cannot be stored by this backend ("" if it can).
     virtual std::string row_size_problem(size_t bytes) const;
+    // Why a text of this row cannot be stored by this backend ("" if every
+    // one can), naming the field.
+    virtual std::string row_text_problem(const vesk::provider::header& header,
+                                         const std::string& option_id, const std::string& std_out,
+                                         const std::string& std_err) const;
+    // Rows per INSERT statement of a bulk insert: 1 runs the prepared
+    // single-row insert once per row, more sends multi-row INSERT ... VALUES.
+    virtual size_t rows_per_insert() const { return 1; }
     // Prepares a caller's select; null (and logged) when the backend must not
     // run it. end_query() is called after it, whatever happens.
     virtual std::unique_ptr<Statement> prepare_query(const std::string& sql) = 0;
@@ -100,6 +108,11 @@ private:
                           const std::string& std_out, const std::string& std_err);
     bool write_row(const vesk::provider::header& header, const std::string& option_id,
                    const std::string& std_out, const std::string& std_err);
+    bool bind_row(Statement& stmt, int first, const vesk::provider::header& header,
+                  const std::string& option_id, const std::string& std_out,
+                  const std::string& std_err, std::string& nodes);
+    bool write_rows(const std::vector<InsertRecord>& records);
+    std::string write_failure();
     Outcome transaction(const std::function<Outcome()>& body);
     std::unique_ptr<Statement> prepare(const std::string& sql);
     bool run_latest(bool newest_run, const std::vector<std::string>& providers,
@@ -109,7 +122,8 @@ private:
                     const std::map<std::string, int>& fields, int field_count);
 
     std::unique_ptr<Statement> insert_;
-    std::string node_text_;  // joined node list of the row being written
+    std::unique_ptr<Statement> insert_rows_;  // rows_per_insert() rows
+    std::string node_text_;                   // joined node list of the row being written
 };
 
 }  // namespace vesk::datastore::sql
