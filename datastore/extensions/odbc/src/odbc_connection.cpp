@@ -670,6 +670,22 @@ bool end_transaction(Handles& h, SQLSMALLINT how, const char* call) {
         h.fail(std::string(call) + ": no transaction is open");
         return false;
     }
+    // psqlODBC answers success to a commit on a connection it already knows
+    // to be lost (the server ended the transaction with it), and commits
+    // nothing: that commit is a failure.
+    SQLUINTEGER gone = SQL_CD_FALSE;
+    if (how == SQL_COMMIT && (h.dead || (ok(SQLGetConnectAttr(h.dbc.get(), SQL_ATTR_CONNECTION_DEAD,
+                                                              &gone, 0, nullptr)) &&
+                                         gone == SQL_CD_TRUE))) {
+        h.dead = true;
+        h.fail(std::string(call) + ": the connection to the server was lost before the commit");
+        h.error.sqlstate = "08S01";
+        (void)SQLEndTran(SQL_HANDLE_DBC, h.dbc.get(), SQL_ROLLBACK);
+        (void)SQLSetConnectAttr(h.dbc.get(), SQL_ATTR_AUTOCOMMIT,
+                                reinterpret_cast<SQLPOINTER>(SQL_AUTOCOMMIT_ON), 0);
+        h.in_transaction = false;
+        return false;
+    }
     const SQLRETURN rc = SQLEndTran(SQL_HANDLE_DBC, h.dbc.get(), how);
     bool done = ok(rc);
     if (!done) h.fail(call, SQL_HANDLE_DBC, h.dbc.get());
