@@ -58,6 +58,7 @@ public:
 
     // One call; its record is kept. True when it was acknowledged.
     bool write_one() {
+        const int epoch = fault_epoch.load();
         Call call;
         const bool bulk = calls_.size() % 5 == 4;
         std::vector<vd::InsertRecord> records;
@@ -68,16 +69,23 @@ public:
         call.acknowledged = bulk ? store_.bulk_insert(records) : store_.insert(records.front());
         call.log = log_.str();
         log_.str("");
-        if (call.acknowledged)
+        if (call.acknowledged) {
             acknowledged_.fetch_add(1);
-        else
+            succeeded_in_epoch_.store(epoch);
+        } else {
             std::this_thread::sleep_for(pause_);
+        }
         calls_.push_back(std::move(call));
         return calls_.back().acknowledged;
     }
 
     // Calls acknowledged so far (read by the thread that makes the faults).
     long acknowledged() const { return acknowledged_.load(); }
+    // The thread that makes the faults counts them here; a call remembers
+    // the count at its start.
+    std::atomic<int> fault_epoch{0};
+    // The count at the start of the latest acknowledged call.
+    int succeeded_in_epoch() const { return succeeded_in_epoch_.load(); }
     const std::vector<Call>& calls() const { return calls_; }
 
 private:
@@ -88,6 +96,7 @@ private:
     std::vector<Call> calls_;
     int64_t next_ = 0;
     std::atomic<long> acknowledged_{0};
+    std::atomic<int> succeeded_in_epoch_{-1};
 };
 
 // The error of a failed call names the datastore and says that its
@@ -154,12 +163,12 @@ TEST_F(OdbcFaultTest, TerminatedServerProcessCostsOneCallAndNoAcknowledgedRow) {
     Writer writer(store, std::chrono::milliseconds(0));
     ASSERT_TRUE(writer.write_one()) << writer.calls().back().log;
 
-    // Terminates the writer's server process at a random moment after each
-    // acknowledged call, so that a fault meets a call in flight or the
-    // connection between two calls, and the next fault waits for the
-    // writer's recovery.
+    // Terminates the writer's server process at a random moment, waiting for
+    // it to end; the next one waits for a call that started after that and
+    // was acknowledged (so on a new connection). A fault then meets either a
+    // call in flight or the connection between two calls, and each fault can
+    // cost only the calls of its own connection.
     std::atomic<bool> done{false};
-    std::atomic<int> kills{0};
     std::string killer_error;
     std::thread killer([&] {
         auto admin = connect(conn_string);
@@ -169,24 +178,24 @@ TEST_F(OdbcFaultTest, TerminatedServerProcessCostsOneCallAndNoAcknowledgedRow) {
             return;
         }
         std::mt19937 random(12345);
-        while (kills < kills_wanted) {
-            const long seen = writer.acknowledged();
+        while (writer.fault_epoch < kills_wanted) {
+            const int epoch = writer.fault_epoch;
             const auto deadline = Clock::now() + std::chrono::seconds(30);
-            while (writer.acknowledged() == seen && Clock::now() < deadline)
+            while (writer.succeeded_in_epoch() < epoch && Clock::now() < deadline)
                 std::this_thread::sleep_for(std::chrono::microseconds(200));
-            if (writer.acknowledged() == seen) break;  // no recovery: reported below
+            if (writer.succeeded_in_epoch() < epoch) break;  // no recovery: reported below
             std::this_thread::sleep_for(std::chrono::microseconds(random() % 3000));
             // The victims are chosen first: a condition beside the call
             // could be evaluated after it, and end every backend.
             auto s = admin->prepare(
                 "WITH victim AS MATERIALIZED (SELECT pid FROM pg_stat_activity WHERE datname = "
                 "'vesk_faults' AND backend_type = 'client backend' AND pid <> pg_backend_pid()) "
-                "SELECT count(*) FROM victim WHERE pg_terminate_backend(pid);");
+                "SELECT count(*) FROM victim WHERE pg_terminate_backend(pid, 10000);");
             if (!s || s->step() != datastore::sql::StepResult::row) {
                 killer_error = admin->last_error().message;
                 break;
             }
-            if (s->column_int64(0) > 0) ++kills;
+            if (s->column_int64(0) > 0) ++writer.fault_epoch;
         }
         done = true;
     });
@@ -194,7 +203,7 @@ TEST_F(OdbcFaultTest, TerminatedServerProcessCostsOneCallAndNoAcknowledgedRow) {
     killer.join();
     for (int i = 0; i < 5; ++i) writer.write_one();  // after the last fault
     ASSERT_EQ(killer_error, "");
-    ASSERT_EQ(kills.load(), kills_wanted) << "the writer stopped making progress";
+    ASSERT_EQ(writer.fault_epoch.load(), kills_wanted) << "the writer stopped making progress";
 
     // Each fault costs at most the one call that met it; the next one works.
     const auto& calls = writer.calls();
