@@ -16,8 +16,10 @@ namespace {
 // SQLPutData) instead of one bound buffer.
 constexpr std::size_t put_data_threshold = 256 * 1024;
 constexpr std::size_t put_data_chunk = 1024 * 1024;
-// First and largest buffer of the SQLGetData loop.
-constexpr std::size_t get_data_first_chunk = 64 * 1024;
+// First and largest buffer of the SQLGetData loop. The first is small: the
+// buffer is zero-filled before each call, and most texts are short; a longer
+// one gets its whole remaining length (the driver reports it) on the second.
+constexpr std::size_t get_data_first_chunk = 256;
 constexpr std::size_t get_data_max_chunk = 4 * 1024 * 1024;
 
 bool ok(SQLRETURN rc) { return rc == SQL_SUCCESS || rc == SQL_SUCCESS_WITH_INFO; }
