@@ -1,7 +1,8 @@
 # Two commands do everything on a fresh Debian machine:
 #   make demo   bootstrap, build, and a real session on the default datastore
 #   make test   bootstrap, build and run every test
-# Further targets: build, asan (sanitizer build + tests), bench, install, format,
+# Further targets: build, asan (sanitizer build + tests), bench, bench-odbc
+# (the ODBC extension on a private PostgreSQL server), install, format,
 # fuzz (libFuzzer targets, built with clang in build-fuzz; README "Fuzzing").
 
 BUILD      ?= build
@@ -15,7 +16,7 @@ FUZZ_FLAGS := -g -O1 -fno-omit-frame-pointer -fsanitize=fuzzer-no-link,address,u
 JOBS       ?= $(shell nproc)
 PREFIX     ?= /usr/local
 
-.PHONY: all bootstrap configure build test asan bench fuzz demo install format format-check clean
+.PHONY: all bootstrap configure build test asan bench bench-odbc fuzz demo install format format-check clean
 
 all: build
 
@@ -40,6 +41,11 @@ bench: bootstrap
 	cmake --preset release -B $(BENCH_BUILD) -DVESK_BUILD_BENCH=ON
 	cmake --build $(BENCH_BUILD) -j $(JOBS)
 	@for b in $(BENCH_BUILD)/bench/bench_*; do [ -x "$$b" ] && "$$b" || exit 1; done
+
+bench-odbc: bootstrap
+	cmake --preset release -B $(BENCH_BUILD) -DVESK_BUILD_BENCH=ON
+	cmake --build $(BENCH_BUILD) -j $(JOBS) --target bench_odbc
+	$(BENCH_BUILD)/bench/bench_odbc
 
 fuzz: bootstrap
 	cmake -S . -B $(FUZZ_BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVESK_FUZZ=ON \
