@@ -162,8 +162,18 @@ const std::string& server_connection() {
     return conn;
 }
 
-// The server's connection string with database `database`.
-std::string on_database(const std::string& database) {
+// VESK_BENCH_ODBC_OPTIONS: driver options added to every connection string
+// of the extension and of raw ODBC alike (e.g. "UseDeclareFetch=1;Fetch=100;").
+std::string bench_options() {
+    const char* text = std::getenv("VESK_BENCH_ODBC_OPTIONS");
+    std::string options = text ? text : "";
+    if (!options.empty() && options.back() != ';') options += ';';
+    return options;
+}
+
+// The server's connection string with database `database`, then `options`
+// and VESK_BENCH_ODBC_OPTIONS.
+std::string on_database(const std::string& database, const std::string& options = "") {
     std::string out;
     bool replaced = false;
     for (const auto& [key, value] : connection_items(server_connection())) {
@@ -175,7 +185,7 @@ std::string on_database(const std::string& database) {
         }
     }
     if (!replaced) out += "Database=" + database + ";";
-    return out;
+    return out + options + bench_options();
 }
 
 // ---- raw ODBC ----
@@ -307,6 +317,8 @@ private:
             const size_t room = sizeof chunk - 1;  // the driver ends each piece with a NUL
             if (rc == SQL_SUCCESS_WITH_INFO &&
                 (indicator == SQL_NO_TOTAL || static_cast<size_t>(indicator) > room)) {
+                if (indicator != SQL_NO_TOTAL)
+                    out.reserve(out.size() + static_cast<size_t>(indicator));
                 out.append(chunk, room);
                 continue;
             }
@@ -328,14 +340,15 @@ void fresh_database(const std::string& database) {
 
 // Opens the ODBC extension on `database` as the only datastore of the
 // process, through the library's configuration path; returns its name.
-std::string open_odbc(const std::string& database, bool read_only) {
+std::string open_odbc(const std::string& database, bool read_only,
+                      const std::string& options = "") {
     static const auto controller = vd::DataStoreController::createDataStoreController();
     vd::DataStoreParseUtility::clear_db_vector();
     vd::DataStoreConfig config;
     config.type = vd::odbc;
     config.instance_name = "bench";
     config.source_parameters =
-        "source=" + on_database(database) + (read_only ? "|read_only=true" : "");
+        "source=" + on_database(database, options) + (read_only ? "|read_only=true" : "");
     config.source_types.set(vd::data);
     std::vector<vd::DataStoreConfig> configs{config};
     vd::DataStoreParseUtility::fillInVacantFields(configs);
@@ -688,7 +701,9 @@ Peak measure_peak(const std::function<void()>& read, double payload) {
     return peak;
 }
 
-void BM_ReadMemory(benchmark::State& state) {
+// `options`: driver options of the reading connections ("" for the
+// configured ones).
+void BM_ReadMemory(benchmark::State& state, const std::string& options) {
     const size_t count = scaled(1000);
     const size_t output = 64 * 1024;
     const std::string database = "vesk_bench_wide";
@@ -704,7 +719,7 @@ void BM_ReadMemory(benchmark::State& state) {
                  "), '', 'default', 2, 'collector', 1600000000000000 FROM generate_series(0, " +
                  std::to_string(count - 1) + ") AS i;");
     }
-    open_odbc(database, true);
+    open_odbc(database, true, options);
     const double payload = static_cast<double>(count * output);
     Peak library, raw_peak;
     for (auto _ : state) {
@@ -719,7 +734,7 @@ void BM_ReadMemory(benchmark::State& state) {
     }
     vd::DataStoreParseUtility::clear_db_vector();
     {
-        Raw raw(on_database(database));
+        Raw raw(on_database(database, options));
         raw_peak = measure_peak(
             [&] {
                 std::vector<vd::Row> rows;
@@ -833,8 +848,15 @@ void register_all() {
             std::string(name) + "/raw_without_indexes",
             [q](benchmark::State& s) { BM_QueryWithoutIndexes(s, q); }, smoke ? 1 : 3, false);
     }
-    auto* memory = benchmark::RegisterBenchmark("read_memory/1000x64KiB", BM_ReadMemory);
-    memory->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(1);
+    // As configured, and with the driver fetching 100 rows at a time
+    // through a cursor instead of holding the whole answer.
+    for (const std::string options : {"", "UseDeclareFetch=1;Fetch=100;"}) {
+        const std::string name = std::string("read_memory/1000x64KiB") +
+                                 (options.empty() ? "" : "/UseDeclareFetch=1;Fetch=100");
+        auto* memory = benchmark::RegisterBenchmark(
+            name.c_str(), [options](benchmark::State& s) { BM_ReadMemory(s, options); });
+        memory->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(1);
+    }
 }
 
 // Without VESK_BENCH_PG: starts a private server, runs this program again
