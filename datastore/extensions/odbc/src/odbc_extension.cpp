@@ -69,7 +69,7 @@ std::string with_cursor_reads(std::string conn) {
     for (char& c : lower) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
     if (lower.find("usedeclarefetch") != std::string::npos) return conn;
     if (!conn.empty() && conn.back() != ';') conn += ';';
-    return conn + "UseDeclareFetch=1;Fetch=100;";
+    return conn + "UseDeclareFetch=1;Fetch=400;";
 }
 
 // The dialect of an instance, settled once the server has answered. The kit
