@@ -68,6 +68,10 @@ using namespace vesk::bench;
 namespace {
 std::atomic<long long> g_live{0};
 std::atomic<long long> g_peak{0};
+}  // namespace
+
+#if VESK_BENCH_COUNTS_HEAP
+namespace {
 
 void* counted(void* p) {
     if (p == nullptr) return p;
@@ -84,7 +88,6 @@ void uncounted(void* p) {
 }
 }  // namespace
 
-#if VESK_BENCH_COUNTS_HEAP
 extern "C" {
 void* __libc_malloc(size_t);
 void* __libc_calloc(size_t, size_t);
