@@ -282,6 +282,17 @@ TEST_P(BackendConformance, EveryByteValueInTheStreamsRoundTripsOrTheRowIsRefused
     } else {
         EXPECT_FALSE(stored);
         EXPECT_TRUE(rows.empty());
+        // What such a backend does take comes back byte for byte: every
+        // byte but NUL below 0x80, and UTF-8 sequences of every length.
+        const std::string ascii(bytes.begin() + 1, bytes.begin() + 128);
+        r.std_out =
+            ascii + "\xc2\x80 \xdf\xbf \xe0\xa0\x80 \xef\xbf\xbd \xf0\x90\x80\x80 \xf4\x8f\xbf\xbf";
+        r.std_err = std::string(ascii.rbegin(), ascii.rend());
+        ASSERT_TRUE(insert(r));
+        const auto back = all_rows();
+        ASSERT_EQ(back.size(), 1u);
+        EXPECT_EQ(back[0].STDOUT, r.std_out);
+        EXPECT_EQ(back[0].STDERR, r.std_err);
     }
 }
 

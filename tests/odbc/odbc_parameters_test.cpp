@@ -1,6 +1,7 @@
 // The parameter string of the ODBC extension and the text checks: no server.
 #include "odbc_parameters.h"
 
+#include <algorithm>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -117,6 +118,26 @@ TEST(TextCheck, AcceptsValidUtf8AndFindsTheFirstFault) {
         const auto problem = text_problem(c.text);
         ASSERT_TRUE(problem.has_value()) << c.problem;
         EXPECT_NE(problem->find(c.problem), std::string::npos) << *problem;
+    }
+
+    // Long ASCII runs are scanned a word at a time: a fault at any offset,
+    // before, inside or after a word, is found at that offset.
+    for (size_t at = 0; at < 27; ++at) {
+        for (const auto& [bad, problem] :
+             {std::pair<std::string, std::string>{std::string(1, '\0'), "NUL byte"},
+              {"\xff", "not valid UTF-8"},
+              {"\xe2\x82", "not valid UTF-8"}}) {
+            std::string text(27, 'a');
+            text.replace(at, bad.size(), bad);
+            const auto found = text_problem(text);
+            ASSERT_TRUE(found.has_value()) << at;
+            EXPECT_EQ(*found, (problem == "NUL byte" ? "contains a NUL byte" : "is " + problem) +
+                                  " at offset " + std::to_string(at))
+                << at;
+        }
+        std::string fine(27, 'a');
+        fine.replace(at, 2, "\xc3\xa9");
+        EXPECT_FALSE(text_problem(fine.substr(0, std::max<size_t>(at + 2, 27))).has_value()) << at;
     }
 
     const std::string message =

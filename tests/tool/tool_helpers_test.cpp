@@ -14,6 +14,7 @@
 
 #include "codec.h"
 #include "collect.h"
+#include "errors.h"
 #include "filter.h"
 #include "jsonl.h"
 #include "output.h"
@@ -91,6 +92,17 @@ TEST(Filter, ConditionsQuoteEveryValue) {
     EXPECT_EQ(row_conditions(filter),
               "(Hostname GLOB '*') AND Unique_timestamp >= 5 AND Unique_timestamp <= 9 AND "
               "Unique_timestamp = 7");
+}
+
+TEST(Filter, HostPatternsForServersUseLikeWithItsWildcardsEscaped) {
+    RowFilter filter;
+    filter.hosts = {"n1", "node?_*", "a%b!c*", "it's*"};
+    EXPECT_EQ(row_conditions(filter, false),
+              "(Hostname IN ('n1') OR Hostname LIKE 'node_!_%' ESCAPE '!' OR Hostname LIKE "
+              "'a!%b!!c%' ESCAPE '!' OR Hostname LIKE 'it''s%' ESCAPE '!')");
+    filter.hosts = {"node[12]"};
+    EXPECT_THROW(row_conditions(filter, false), ToolError);
+    EXPECT_EQ(row_conditions(filter, true), "(Hostname GLOB 'node[12]')");
 }
 
 TEST(Codec, Utf8AndBase64EdgeCases) {

@@ -502,9 +502,9 @@ void check_row_options(const RowsOptions& options) {
 }
 
 std::string row_query(const std::string& provider, const RowsOptions& options, bool latest,
-                      size_t limit) {
+                      size_t limit, bool glob) {
     std::string where = "Provider = " + sql_literal(provider);
-    const std::string rows = row_conditions(options.filter);
+    const std::string rows = row_conditions(options.filter, glob);
     if (!rows.empty()) where += " AND " + rows;
     const std::string outcome = outcome_conditions(options.filter);
     const std::string table = vesk::datastore::table_name;
@@ -572,9 +572,10 @@ int cmd_rows(const GlobalOptions& global, const RowsOptions& options) {
             if (options.limit > 0 && left == 0) break;
             RowPart part;
             for (const auto& name : names) {
-                auto rows =
-                    store->select_from(name, row_query(provider, options, options.latest, left),
-                                       "reading the rows of provider \"" + provider + "\"");
+                auto rows = store->select_from(
+                    name,
+                    row_query(provider, options, options.latest, left, store->is_sqlite(name)),
+                    "reading the rows of provider \"" + provider + "\"");
                 for (auto& row : rows) {
                     part.origin.push_back(name);
                     part.rows.push_back(std::move(row));

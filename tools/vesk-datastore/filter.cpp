@@ -5,6 +5,8 @@
 #include <cstdlib>
 #include <ctime>
 
+#include "errors.h"
+
 namespace vesk::tool {
 
 std::string sql_literal(const std::string& text) {
@@ -111,15 +113,40 @@ void add(std::string& to, const std::string& condition) {
 
 }  // namespace
 
-std::string row_conditions(const RowFilter& filter) {
+namespace {
+
+// `pattern` (* and ?) as a LIKE condition on Hostname, with "!" escaping
+// LIKE's own wildcards.
+std::string like_condition(const std::string& pattern) {
+    if (pattern.find('[') != std::string::npos)
+        throw ToolError(kExitError, "host pattern \"" + pattern +
+                                        "\": character classes ([...]) work on SQLite "
+                                        "datastores only; use * and ? on a database server");
+    std::string like;
+    for (char c : pattern) {
+        if (c == '*')
+            like += '%';
+        else if (c == '?')
+            like += '_';
+        else {
+            if (c == '%' || c == '_' || c == '!') like += '!';
+            like += c;
+        }
+    }
+    return "Hostname LIKE " + sql_literal(like) + " ESCAPE '!'";
+}
+
+}  // namespace
+
+std::string row_conditions(const RowFilter& filter, bool glob) {
     std::string where;
     if (!filter.hosts.empty()) {
         std::string names;
         std::string globs;
         for (const auto& host : filter.hosts) {
             if (is_glob(host))
-                globs += (globs.empty() ? "" : " OR ") + std::string("Hostname GLOB ") +
-                         sql_literal(host);
+                globs += (globs.empty() ? "" : " OR ") +
+                         (glob ? "Hostname GLOB " + sql_literal(host) : like_condition(host));
             else
                 names += (names.empty() ? "" : ",") + sql_literal(host);
         }

@@ -41,8 +41,10 @@ struct RowFilter {
 };
 
 // The conditions of `filter` that select rows before any grouping (hosts,
-// times, run), joined by AND; "" when there is none.
-std::string row_conditions(const RowFilter& filter);
+// times, run), joined by AND; "" when there is none. Host patterns use
+// SQLite's GLOB when `glob`, else LIKE, which database servers read (a
+// pattern with a character class then throws ToolError).
+std::string row_conditions(const RowFilter& filter, bool glob = true);
 
 // The conditions on a row's outcome (failed, exit status); "" when none.
 std::string outcome_conditions(const RowFilter& filter);

@@ -105,8 +105,9 @@ void check_row_options(const RowsOptions& options);
 // The SQL that reads the rows of `provider` that `options` keeps (the
 // latest per option and host when `latest`), ordered by host, option and
 // run, at most `limit` of them (0: all).
+// `glob`: the datastore reads SQLite's GLOB (see row_conditions).
 std::string row_query(const std::string& provider, const RowsOptions& options, bool latest,
-                      size_t limit);
+                      size_t limit, bool glob = true);
 
 // The providers a reading command asks for: those of `options` that are
 // stored (naming the others on standard error, `reported` then true), or

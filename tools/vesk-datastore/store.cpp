@@ -220,6 +220,12 @@ std::vector<std::string> Store::data_names() const {
     return names;
 }
 
+bool Store::is_sqlite(const std::string& name) const {
+    for (const auto& entry : DataStoreParseUtility::get_datastore_vector())
+        if (entry.first.instance_name == name) return entry.first.type == vesk::datastore::sqlite3;
+    return true;
+}
+
 std::vector<StoredSummary> Store::summary() {
     // Per provider, a range of the index on (Provider, Hostname, OptionID,
     // Unique_timestamp): it holds every column asked for, so the table

@@ -45,6 +45,8 @@ public:
 
     // Instance names of the open "data" datastores, in list order.
     std::vector<std::string> data_names() const;
+    // True when the datastore `name` is a SQLite file (its SQL may use GLOB).
+    bool is_sqlite(const std::string& name) const;
 
     // What is stored, per provider and host, merged over the "data"
     // datastores, ordered by provider and host. Throws ToolError (exit 2)

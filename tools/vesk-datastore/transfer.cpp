@@ -436,13 +436,17 @@ int cmd_export(const GlobalOptions& global, const RowsOptions& options, bool sna
     // import exports its rows in the order they were stored, so export,
     // import and export again give the same bytes. Every datastore is
     // asked itself; a failed read ends the export with exit 2.
-    std::string conditions = row_conditions(options.filter);
-    if (!options.providers.empty()) {
-        std::string list;
-        for (const auto& p : providers) list += (list.empty() ? "" : ",") + sql_literal(p);
-        conditions += std::string(conditions.empty() ? "" : " AND ") + "Provider IN (" +
-                      (list.empty() ? "NULL" : list) + ")";
-    }
+    // The conditions as the datastore `name` reads them.
+    auto conditions_for = [&](const std::string& name) {
+        std::string conditions = row_conditions(options.filter, store->is_sqlite(name));
+        if (!options.providers.empty()) {
+            std::string list;
+            for (const auto& p : providers) list += (list.empty() ? "" : ",") + sql_literal(p);
+            conditions += std::string(conditions.empty() ? "" : " AND ") + "Provider IN (" +
+                          (list.empty() ? "NULL" : list) + ")";
+        }
+        return conditions;
+    };
     uint64_t written = 0;
     std::string out;
     auto flush = [&](bool all) {
@@ -452,6 +456,7 @@ int cmd_export(const GlobalOptions& global, const RowsOptions& options, bool sna
         check_stdout();
     };
     for (const auto& name : store->data_names()) {
+        const std::string conditions = conditions_for(name);
         int64_t after = 0;
         for (;;) {
             const auto rows = store->select_from(

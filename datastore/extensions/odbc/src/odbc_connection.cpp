@@ -421,16 +421,18 @@ private:
         }
         for (SQLSMALLINT i = 1; i <= count; ++i) {
             std::vector<SQLCHAR> name(256);
-            SQLSMALLINT length = 0, type = 0, digits = 0, nullable = 0;
+            SQLSMALLINT length = 0, type = 0, digits = 0;
             SQLULEN size = 0;
+            // No nullability asked: psqlODBC would look it up in the catalog
+            // with one more query per statement.
             SQLRETURN rc = SQLDescribeCol(stmt_.get(), static_cast<SQLUSMALLINT>(i), name.data(),
                                           static_cast<SQLSMALLINT>(name.size()), &length, &type,
-                                          &size, &digits, &nullable);
+                                          &size, &digits, nullptr);
             if (ok(rc) && length >= static_cast<SQLSMALLINT>(name.size())) {
                 name.resize(static_cast<std::size_t>(length) + 1);
                 rc = SQLDescribeCol(stmt_.get(), static_cast<SQLUSMALLINT>(i), name.data(),
                                     static_cast<SQLSMALLINT>(name.size()), &length, &type, &size,
-                                    &digits, &nullable);
+                                    &digits, nullptr);
             }
             if (!ok(rc)) {
                 handles_->fail("SQLDescribeCol", SQL_HANDLE_STMT, stmt_.get());

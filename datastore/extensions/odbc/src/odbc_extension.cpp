@@ -51,7 +51,6 @@ namespace {
 
 constexpr int kErrorLevel = 3;
 constexpr int kWarningLevel = 4;
-constexpr int kNoticeLevel = 5;
 constexpr int kInfoLevel = 6;
 
 // PostgreSQL takes no single value, and no protocol message, of 1 GiB or
@@ -194,16 +193,25 @@ protected:
 
     std::unique_ptr<sql::Statement> prepare_query(const std::string& sql) override {
         OdbcConnection& c = *connection_;
-        // On PostgreSQL the transaction starts read-only: the driver runs
-        // each statement of a transaction inside a savepoint, and a
-        // savepoint's end would undo a later switch to read-only.
-        if (postgres_ ? !run("BEGIN READ ONLY;") : !c.begin()) {
+        // On PostgreSQL the transaction is read-only from its start: the
+        // session's default is switched around it (a read-only datastore's
+        // session is read-only for good). The driver runs each statement of
+        // a transaction inside a savepoint, whose end would undo a switch
+        // made within the transaction.
+        if (postgres_ && !parameters_.read_only) {
+            if (!run(kSessionReadOnly)) {
+                VESK_ODBC_LOG(kErrorLevel)
+                    << where() << "cannot make a select read-only: " << describe(c.last_error());
+                return nullptr;
+            }
+            session_switched_ = true;
+        }
+        if (!c.begin()) {
             VESK_ODBC_LOG(kErrorLevel)
                 << where()
                 << "cannot start the transaction of a select: " << describe(c.last_error());
             return nullptr;
         }
-        in_query_ = true;
         std::unique_ptr<sql::Statement> stmt = c.prepare(sql);
         if (!stmt)
             VESK_ODBC_LOG(kErrorLevel)
@@ -213,18 +221,17 @@ protected:
 
     bool end_query() override {
         if (!connection_) return false;
-        if (in_query_) {
-            in_query_ = false;
-            if (postgres_) {
-                const sql::Error kept = connection_->last_error();
-                const bool timed_out = kept.sqlstate == "HYT00" || kept.sqlstate == "57014";
-                (void)connection_->execute_keeping_error("ROLLBACK;");
-                return timed_out;
-            }
-            connection_->rollback_keeping_error();
+        const sql::Error error = connection_->last_error();
+        if (connection_->in_transaction()) connection_->rollback_keeping_error();
+        if (session_switched_) {
+            session_switched_ = false;
+            // Should this fail on a live connection, later writes fail at
+            // the server (25006) rather than pass unnoticed.
+            if (!connection_->execute_keeping_error(kSessionReadWrite) && connection_->is_alive())
+                VESK_ODBC_LOG(kErrorLevel)
+                    << where() << "cannot make the session writable again after a select";
         }
-        const std::string& state = connection_->last_error().sqlstate;
-        return state == "HYT00" || state == "57014";
+        return error.sqlstate == "HYT00" || error.sqlstate == "57014";
     }
 
     std::string time_limit_text() const override {
@@ -233,6 +240,11 @@ protected:
     }
 
 private:
+    static constexpr const char* kSessionReadOnly =
+        "SET SESSION CHARACTERISTICS AS TRANSACTION READ ONLY;";
+    static constexpr const char* kSessionReadWrite =
+        "SET SESSION CHARACTERISTICS AS TRANSACTION READ WRITE;";
+
     // Why `text` of `field` cannot be sent to this server, "" if it can.
     std::string text_refusal(const char* field, const std::string& text) const {
         const auto problem = text_problem(text);
@@ -314,7 +326,7 @@ private:
                                           : &sql::default_dialect();
         hosts_query = dialect_.hosts_sql();
         if (!postgres_ && server != "SQLite")
-            VESK_ODBC_LOG(kNoticeLevel)
+            VESK_ODBC_LOG(kWarningLevel)
                 << where() << "server \"" << server
                 << "\" has no dialect of its own: using the portable SQL texts, whose schema "
                    "and latest-row queries (GROUP BY with columns outside the aggregate) some "
@@ -365,7 +377,7 @@ private:
     std::unique_ptr<OdbcConnection> connection_;
     bool opened_ = false;
     bool postgres_ = false;
-    bool in_query_ = false;  // a caller's select has its transaction open
+    bool session_switched_ = false;  // a caller's select made the session read-only
 };
 
 }  // namespace

@@ -1,5 +1,8 @@
 #include "text_check.h"
 
+#include <cstdint>
+#include <cstring>
+
 namespace vesk::datastore::odbc_backend {
 
 namespace {
@@ -34,8 +37,18 @@ std::size_t sequence_length(std::string_view s, std::size_t i) {
 }  // namespace
 
 std::optional<std::string> text_problem(std::string_view text) {
+    const std::size_t size = text.size();
     std::size_t i = 0;
-    while (i < text.size()) {
+    while (i < size) {
+        // Runs of ASCII without NUL, the common case, 8 bytes at a time.
+        for (; i + 8 <= size; i += 8) {
+            std::uint64_t word;
+            std::memcpy(&word, text.data() + i, 8);
+            constexpr std::uint64_t high = 0x8080808080808080ULL;
+            constexpr std::uint64_t ones = 0x0101010101010101ULL;
+            if ((word & high) != 0 || ((word - ones) & ~word & high) != 0) break;
+        }
+        if (i >= size) break;
         if (text[i] == '\0') return "contains a NUL byte at offset " + std::to_string(i);
         const std::size_t n = sequence_length(text, i);
         if (n == 0) return "is not valid UTF-8 at offset " + std::to_string(i);

@@ -1,0 +1,214 @@
+// The query front end over a SQLite datastore and a PostgreSQL datastore on
+// the test server, opened through the real controller from their
+// configurations: which datastore answers each kind of call, and what the
+// other one is left with.
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "vesk/datastore.h"
+#include "vesk/datastore/operations.h"
+
+#include "pg_test_server.h"
+#include "test_support.h"
+
+namespace vesk::test {
+namespace {
+
+namespace vd = vesk::datastore;
+using Rows = std::vector<vd::Row>;
+using Utility = vd::DataStoreParseUtility;
+const int32_t kOk = vd::DataStoreExtension::OPERATION_SUCCESSFULL;
+
+vd::InsertRecord record(const std::string& provider, const std::string& host, int64_t run,
+                        const std::string& out) {
+    vd::InsertRecord r;
+    r.header.provider = provider;
+    r.header.hostname = host;
+    r.header.num_nodes = 1;
+    r.header.node_names = {host};
+    r.header.timestamp = run / 1000000;
+    r.header.unique_timestamp = run;
+    r.option_id = "o";
+    r.std_out = out;
+    return r;
+}
+
+std::vector<int> statuses;
+void note_status(int status, uint16_t, std::weak_ptr<vd::DataStoreExtension>, const void*,
+                 const void*) {
+    statuses.push_back(status);
+}
+
+class MixedFrontEndTest : public PgTest {
+protected:
+    void SetUp() override {
+        PgTest::SetUp();
+        if (IsSkipped() || HasFatalFailure()) return;
+        if (query_int(*connection,
+                      "SELECT count(*) FROM pg_database WHERE datname = 'vesk_mixed';") == 0)
+            exec(*connection, "CREATE DATABASE vesk_mixed;");
+        source_ = with_database(conn_string, "vesk_mixed");
+        auto c = connect(source_);
+        ASSERT_NE(c, nullptr);
+        exec(*c, "DROP VIEW IF EXISTS " + vd::table_view + ";");
+        exec(*c, "DROP TABLE IF EXISTS " + vd::table_name + ", " + vd::table_baseline + ";");
+        controller_ = vd::DataStoreController::createDataStoreController();
+    }
+    void TearDown() override {
+        Utility::clear_db_vector();
+        Utility::clear_snapshot_dictionary();
+        Utility::snapshot_info_set.clear();
+        controller_.reset();
+    }
+
+    vd::DataStoreConfig sqlite(const std::string& name) {
+        vd::DataStoreConfig c;
+        c.type = vd::sqlite3;
+        c.instance_name = name;
+        c.extension_name = "libsqlite.so";
+        c.extension_path = kStageDir + "/datastore/lumok64/";
+        c.source_parameters = "source=" + dir_.path() + "/" + name + ".db";
+        c.source_types.set(vd::data);
+        return c;
+    }
+    vd::DataStoreConfig postgresql(const std::string& name, bool read_only = false) {
+        vd::DataStoreConfig c;
+        c.type = vd::odbc;
+        c.instance_name = name;
+        c.extension_name = "libodbc.so";
+        c.extension_path = kStageDir + "/datastore/lumok64/";
+        c.source_parameters = "source=" + source_ + (read_only ? "|read_only=true" : "");
+        c.source_types.set(vd::data);
+        return c;
+    }
+    // Opens the datastores in this order.
+    void open(std::vector<vd::DataStoreConfig> configs) {
+        Utility::insert_db_instance(configs);
+        ASSERT_EQ(Utility::get_datastore_vector().size(), configs.size());
+    }
+    bool store(const std::string& name, const std::vector<vd::InsertRecord>& rows) {
+        return vd::execute_ioctl({name}, vd::OP_BULK_INSERT, &rows, nullptr, nullptr, nullptr);
+    }
+    int64_t pg_count(const std::string& table) {
+        auto c = connect(source_);
+        return c ? query_int(*c, "SELECT count(*) FROM " + table + ";") : -1;
+    }
+
+    TempDir dir_;
+    std::string source_;
+    std::shared_ptr<vd::DataStoreController> controller_;
+};
+
+TEST_F(MixedFrontEndTest, DataQueriesTakeTheFirstDatastoreWithRows) {
+    open({sqlite("lite"), postgresql("pg")});
+    ASSERT_TRUE(store("lite", {record("shared", "h1", 100, "lite 1")}));
+    ASSERT_TRUE(store("pg", {record("shared", "h1", 200, "pg 1"), record("pg_only", "h1", 300, "a"),
+                             record("pg_only", "h1", 400, "b"), record("pg_only", "h2", 400, "c"),
+                             record("uname", "h9", 500, "Linux h9")}));
+
+    Rows rows;
+    ASSERT_TRUE(vd::select_provider_data({"shared"}, rows, "", false));
+    ASSERT_EQ(rows.size(), 1u);
+    EXPECT_EQ(rows[0].STDOUT, "lite 1");  // SQLite answered first; PostgreSQL was not asked
+    rows.clear();
+    // SQLite has none of them: its empty answer does not count.
+    ASSERT_TRUE(vd::select_provider_data({"pg_only"}, rows, "", false));
+    EXPECT_EQ(rows.size(), 3u);
+    rows.clear();
+    ASSERT_TRUE(vd::get_latest_rows_provider_hosts_data({"pg_only"}, rows, {}, false));
+    ASSERT_EQ(rows.size(), 2u);
+    for (const auto& r : rows) EXPECT_EQ(r.Unique_timestamp, 400) << r.Hostname;
+    rows.clear();
+    ASSERT_TRUE(vd::get_latest_rows_provider_data({"pg_only"}, rows, "h1", false));
+    ASSERT_EQ(rows.size(), 1u);
+    EXPECT_EQ(rows[0].STDOUT, "b");
+    rows.clear();
+    ASSERT_TRUE(vd::get_hosts_data(rows, vd::row_field_index, false));
+    ASSERT_EQ(rows.size(), 1u);
+    EXPECT_EQ(rows[0].Hostname, "h9");
+    rows.clear();
+    EXPECT_FALSE(vd::select_provider_data({"nowhere"}, rows, "", false));
+    EXPECT_TRUE(rows.empty());
+}
+
+TEST_F(MixedFrontEndTest, ExecuteIoctlStopsAtTheFirstSuccessAcrossBothBackends) {
+    open({postgresql("pg_ro", true), postgresql("pg"), sqlite("lite")});
+    const std::vector<vd::InsertRecord> rows{record("p", "h", 1, "x")};
+    statuses.clear();
+    // The read-only server datastore refuses; the next one takes the rows.
+    EXPECT_TRUE(vd::execute_ioctl({"pg_ro", "lite", "pg"}, vd::OP_BULK_INSERT, &rows, nullptr,
+                                  nullptr, note_status));
+    EXPECT_EQ(statuses, (std::vector<int>{1, 0}));
+    EXPECT_EQ(pg_count(vd::table_name), 0);
+    statuses.clear();
+    EXPECT_TRUE(vd::execute_ioctl({"pg", "lite"}, vd::OP_BULK_INSERT, &rows, nullptr, nullptr,
+                                  note_status));
+    EXPECT_EQ(statuses, (std::vector<int>{0}));
+    EXPECT_EQ(pg_count(vd::table_name), 1);
+    Rows lite;
+    vd::SQLParameters all{"", "SELECT * FROM " + vd::table_name + ";", vd::row_field_index};
+    vd::ReadParameters request{{"unused"}, {}, {}, &all};
+    ASSERT_EQ(controller_->control(Utility::locate_datastores({"lite"}).at(0).second,
+                                   vd::OP_SELECT_PROVIDER, &request, &lite, nullptr),
+              kOk);
+    EXPECT_EQ(lite.size(), 1u);
+}
+
+TEST_F(MixedFrontEndTest, SnapshotsGoToTheFirstDataDatastore) {
+    open({postgresql("pg"), sqlite("lite")});
+    ASSERT_TRUE(store("pg", {record("p", "h1", 700, "a"), record("p", "h2", 700, "b"),
+                             record("p", "h1", 600, "old")}));
+    ASSERT_TRUE(store("lite", {record("p", "h1", 900, "lite")}));
+
+    // Recorded from the latest run of the first datastore with rows, into the first.
+    std::map<std::string, vd::ProviderInfo> providers{{"p", {}}};
+    Rows rows;
+    Utility::set_baseline_str("s1");
+    ASSERT_TRUE(Utility::mark_latest_snapshot_data(providers, rows));
+    EXPECT_EQ(rows.size(), 2u);
+    EXPECT_EQ(pg_count(vd::table_baseline), 2);
+
+    ASSERT_TRUE(Utility::query_available_baselines());
+    const auto known = Utility::get_snapshot_info_set();
+    ASSERT_EQ(known.size(), 1u);
+    EXPECT_EQ(known.begin()->baseline_id, "s1");
+    EXPECT_EQ(known.begin()->latest_unique_timestamp, 700);
+
+    Utility::set_snapshot_remove_str("s1");
+    EXPECT_TRUE(Utility::remove_snapshot());
+    EXPECT_EQ(pg_count(vd::table_baseline), 0);
+    // Only the first is asked: a second removal fails there, whatever the other holds.
+    EXPECT_FALSE(Utility::remove_snapshot());
+}
+
+TEST_F(MixedFrontEndTest, SnapshotListingGoesOnPastAnEmptyAnswerAndCommitsAskOnlyTheFirst) {
+    open({sqlite("lite"), postgresql("pg")});
+    ASSERT_TRUE(store("pg", {record("p", "h1", 700, "a")}));
+    // The rows come from PostgreSQL (SQLite has none), but the commit goes to
+    // the first "data" datastore, SQLite, with SQLite's (empty) entry.
+    std::map<std::string, vd::ProviderInfo> providers{{"p", {}}};
+    Rows rows;
+    Utility::set_baseline_str("s2");
+    EXPECT_TRUE(Utility::mark_latest_snapshot_data(providers, rows));
+    EXPECT_EQ(rows.size(), 1u);
+    EXPECT_EQ(pg_count(vd::table_baseline), 0);
+    ASSERT_EQ(Utility::snapshot_dict.count("pg"), 1u);
+    EXPECT_EQ(Utility::snapshot_dict["pg"]["s2"].size(), 1u);
+
+    // A snapshot recorded in PostgreSQL directly: SQLite answers with none,
+    // so the listing goes on to PostgreSQL.
+    const auto pg = Utility::locate_datastores({"pg"}).at(0).second;
+    std::map<std::string, vd::ProviderInfoSet> dict{{"s3", {{rows.at(0).rowid, "p", nullptr}}}};
+    const auto* slot = &dict;
+    ASSERT_EQ(controller_->control(pg, vd::OP_UPDATE_SNAPSHOT, nullptr, &slot, nullptr), kOk);
+    ASSERT_TRUE(Utility::query_available_baselines());
+    const auto known = Utility::get_snapshot_info_set();
+    ASSERT_EQ(known.size(), 1u);
+    EXPECT_EQ(known.begin()->baseline_id, "s3");
+}
+
+}  // namespace
+}  // namespace vesk::test

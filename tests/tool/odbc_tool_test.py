@@ -1,0 +1,195 @@
+#!/usr/bin/env python3
+"""End-to-end tests of the staged vesk-datastore binary with an ODBC datastore
+on the private PostgreSQL server of the ctest fixture vesk_pg.
+
+ODBCSYSINI names the fixture's ODBC folder; its parent holds the server's
+connection string and port. Every test starts from an empty database of its
+own. Under CI=true a missing server fails the tests instead of skipping them.
+"""
+
+import base64
+import json
+import os
+import sqlite3
+import subprocess
+import sys
+import unittest
+
+sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+from tool_test import ERROR, HOUR, NOTHING, NOW, OK, ToolCase, cluster_lines  # noqa: E402
+
+DATABASE = "vesk_tool"
+
+
+def server():
+    """(connection string of the test database, port), or (None, reason)."""
+    sysini = os.environ.get("ODBCSYSINI", "")
+    if not sysini.endswith("/odbcsysini"):
+        return None, "ODBCSYSINI does not name the fixture's folder: run through ctest"
+    state = os.path.dirname(sysini)
+    if os.path.exists(os.path.join(state, "unavailable")):
+        with open(os.path.join(state, "unavailable")) as f:
+            return None, f.read().strip()
+    try:
+        with open(os.path.join(state, "connection-string")) as f:
+            conn = f.read().strip()
+        with open(os.path.join(state, "port")) as f:
+            port = f.read().strip()
+    except OSError as e:
+        return None, f"the fixture did not start the server: {e}"
+    return (conn.replace("Database=postgres;", f"Database={DATABASE};"), port), None
+
+
+def psql(port, sql, database="postgres"):
+    subprocess.run(["psql", "-X", "-q", "-v", "ON_ERROR_STOP=1", "-h", "127.0.0.1", "-p", port,
+                    "-U", "postgres", "-d", database, "-c", sql],
+                   check=True, capture_output=True)
+
+
+def psql_rows(port, sql):
+    out = subprocess.run(["psql", "-X", "-q", "-A", "-t", "-h", "127.0.0.1", "-p", port, "-U",
+                          "postgres", "-d", DATABASE, "-c", sql],
+                         check=True, capture_output=True).stdout.decode()
+    return [line.split("|") for line in out.splitlines() if line]
+
+
+class OdbcToolCase(ToolCase):
+    """A fresh HOME and an empty database; self.pg is a configuration of an
+    ODBC datastore "pg" on it."""
+
+    def setUp(self):
+        super().setUp()
+        found, why = server()
+        if found is None:
+            if os.environ.get("CI") == "true":
+                self.fail(f"no PostgreSQL test server: {why}")
+            self.skipTest(f"no PostgreSQL test server: {why}")
+        self.source, self.port = found
+        psql(self.port, f"DROP DATABASE IF EXISTS {DATABASE} WITH (FORCE)")
+        psql(self.port, f"CREATE DATABASE {DATABASE}")
+        self.pg = self.write("pg.xml", f"""<configuration instance_name="pg" type="odbc"
+            source_types="data" source_parameters="source={self.source}"/>""")
+
+    def count(self, table="provider_datastore"):
+        return int(psql_rows(self.port, f"SELECT count(*) FROM {table}")[0][0])
+
+
+class OdbcDatastore(OdbcToolCase):
+    def test_collect_import_rows_and_snapshots(self):
+        pg = ("--config", self.pg)
+        collected = self.json_of(*pg, "collect", "--providers-file", self.providers_file(
+            "hello : echo hello\nfailing : echo oops >&2; exit 3\n"
+            "binary : printf 'caf\\351\\000\\n'\n"), expect=NOTHING)
+        self.assertEqual(len(collected["rows"]), 3)
+        rows = {r["Provider"]: r for r in self.json_of(*pg, "rows", "--show-output")}
+        self.assertEqual(rows["hello"]["STDOUT"], "hello\n")
+        self.assertEqual(rows["failing"]["STDERR"], "oops\n")
+        self.assertEqual(rows["failing"]["Exit_status"], 3)
+        # Output PostgreSQL cannot hold as text arrives base64-encoded.
+        self.assertEqual(rows["binary"]["Encoding"], 1)
+        self.assertEqual(base64.b64decode(rows["binary"]["STDOUT"]), b"caf\xe9\x00\n")
+
+        self.import_lines(cluster_lines(hosts=4, runs=3, stale=()), before=pg)
+        self.assertEqual(self.count(), 3 + 4 * 3 * 5)
+        # Importing the same rows again stores nothing twice.
+        self.import_lines(cluster_lines(hosts=4, runs=3, stale=()), before=pg)
+        self.assertEqual(self.count(), 3 + 4 * 3 * 5)
+
+        latest = self.json_of(*pg, "rows", "--latest", "--provider", "uptime")
+        self.assertEqual(sorted(r["Hostname"] for r in latest),
+                         ["node000", "node001", "node002", "node003"])
+        self.assertEqual({r["STDOUT"] for r in latest}, {"up 2\n"})
+        # Host patterns: * and ? on a server; character classes are SQLite's.
+        picked = self.json_of(*pg, "rows", "--latest", "--provider", "cpu", "--host", "node00?",
+                              "--host", "*3")
+        self.assertEqual(sorted(r["Hostname"] for r in picked),
+                         ["node000", "node001", "node002", "node003"])
+        self.assertEqual(len(self.json_of(*pg, "rows", "--host", "NODE*", expect=NOTHING)), 0)
+        self.run_tool(*pg, "export", "--host", "node_0*", expect=NOTHING)  # "_" is no wildcard
+        self.assertEqual(len(self.run_tool(*pg, "export", "--host", "node00*").stdout
+                             .splitlines()), 4 * 3 * 5)
+        proc = self.run_tool(*pg, "rows", "--host", "node00[12]", expect=ERROR)
+        self.assertIn("character classes ([...]) work on SQLite datastores only",
+                      self.stderr_line(proc))
+        failed = self.json_of(*pg, "rows", "--latest", "--failed")
+        self.assertEqual([r["Provider"] for r in failed], ["failing"])
+        runs = self.json_of(*pg, "runs")
+        self.assertEqual(len(runs), 1 + 4 * 3)
+
+        made = self.json_of(*pg, "snapshot", "create", "base")
+        self.assertEqual(made["rows"], 3 + 4 * 5)
+        self.assertEqual(self.count("baseline_datastore"), 3 + 4 * 5)
+        self.assertEqual(self.json_of(*pg, "snapshot", "diff", "base")["differences"], [])
+        changed = [dict(line, Unique_timestamp=NOW + 7, STDOUT="up 9\n")
+                   for line in cluster_lines(hosts=1, runs=1, stale=())
+                   if line["Provider"] == "uptime"]
+        self.import_lines(changed, before=pg, name="change.jsonl")
+        diff = self.json_of(*pg, "snapshot", "diff", "base", expect=NOTHING)
+        self.assertEqual([(d["provider"], d["host"]) for d in diff["differences"]],
+                         [("uptime", "node000")])
+        self.json_of(*pg, "snapshot", "create", "after")
+        self.assertEqual([s["snapshot"] for s in self.json_of(*pg, "snapshot", "list")],
+                         ["after", "base"])
+        self.json_of(*pg, "snapshot", "remove", "base")
+        self.assertEqual([s["snapshot"] for s in self.json_of(*pg, "snapshot", "list")],
+                         ["after"])
+        proc = self.run_tool(*pg, "snapshot", "remove", "base", expect=ERROR)
+        self.assertIn('no snapshot named "base"', self.stderr_line(proc))
+        self.assertEqual(self.count(), 3 + 4 * 3 * 5 + 1)  # the rows stay
+
+    def test_file_commands_refuse_an_odbc_datastore(self):
+        pg = ("--config", self.pg)
+        self.import_lines(cluster_lines(hosts=1, runs=1, stale=()), before=pg)
+        proc = self.run_tool(*pg, "prune", "--keep-runs", "1", "--yes", expect=ERROR)
+        self.assertIn('prune works on SQLite datastore files; "pg" is none',
+                      self.stderr_line(proc))
+        proc = self.run_tool(*pg, "check", expect=ERROR)
+        self.assertIn('"pg" is an ODBC datastore', self.stderr_line(proc))
+        self.assertEqual(self.count(), 5)
+
+    def test_unreachable_server_is_one_clear_error(self):
+        bad = self.write("bad.xml", """<configuration instance_name="bad" type="odbc"
+            source_types="data" source_parameters="source=vesk_no_such_dsn|login_timeout_s=2"/>""")
+        proc = self.run_tool("--config", bad, "rows", expect=ERROR)
+        self.assertIn("vesk_no_such_dsn", proc.stderr.decode())
+
+
+class MixedGroup(OdbcToolCase):
+    """A group file with a SQLite datastore and a PostgreSQL datastore."""
+
+    def setUp(self):
+        super().setUp()
+        self.write("lite.xml", f"""<configuration instance_name="lite" type="sqlite3"
+            source_types="data" source_parameters="source={self.home}/lite.db"/>""")
+        self.group = self.write("group.xml", """<datastores><group path="datastore/lumok64">
+            <entry config_path="$HOME" config_file="lite.xml">libsqlite.so</entry>
+            <entry config_path="$HOME" config_file="pg.xml">libodbc.so</entry>
+            </group></datastores>""")
+        lines = cluster_lines(hosts=4, runs=1, stale=())
+        for name, part in (("lite", lines[:10]), ("pg", lines[10:])):
+            self.import_lines(part, before=("--config", self.group, "--datastore", name))
+
+    def test_reads_merge_both_and_writes_name_their_target(self):
+        both = ("--config", self.group)
+        rows = self.json_of(*both, "rows")
+        self.assertEqual(len(rows), 20)
+        self.assertEqual({r["datastore"] for r in rows if r["Hostname"] == "node000"}, {"lite"})
+        self.assertEqual({r["datastore"] for r in rows if r["Hostname"] == "node003"}, {"pg"})
+        self.assertEqual(len(self.json_of(*both, "rows", "--latest")), 20)
+        self.assertEqual({h["host"] for h in self.json_of(*both, "hosts")},
+                         {"node000", "node001", "node002", "node003"})
+        proc = self.run_tool(*both, "snapshot", "create", "s", expect=ERROR)
+        self.assertIn("several datastores are selected (lite, pg)", proc.stderr.decode())
+        made = self.json_of(*both, "--datastore", "pg", "snapshot", "create", "s")
+        self.assertEqual((made["datastore"], made["rows"]), ("pg", 10))
+        self.assertEqual(self.count("baseline_datastore"), 10)
+        with sqlite3.connect(os.path.join(self.home, "lite.db")) as db:
+            self.assertEqual(db.execute("SELECT COUNT(*) FROM baseline_datastore").fetchone()[0],
+                             0)
+        self.assertEqual([s["snapshot"] for s in self.json_of(*both, "snapshot", "list")], ["s"])
+        self.json_of(*both, "--datastore", "pg", "snapshot", "remove", "s")
+        self.assertEqual(self.count("baseline_datastore"), 0)
+
+
+if __name__ == "__main__":
+    unittest.main()
