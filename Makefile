@@ -2,7 +2,8 @@
 #   make demo   bootstrap, build, and a real session on the default datastore
 #   make test   bootstrap, build and run every test
 # Further targets: build, asan (sanitizer build + tests), bench, bench-cluster
-# (the cluster figures; the generated store is kept in CLUSTER_DIR), install, format,
+# (the cluster figures; the generated store is kept in CLUSTER_DIR), bench-odbc
+# (the ODBC extension on a private PostgreSQL server), install, format,
 # fuzz (libFuzzer targets, built with clang in build-fuzz; README "Fuzzing").
 
 BUILD      ?= build
@@ -17,7 +18,7 @@ FUZZ_FLAGS := -g -O1 -fno-omit-frame-pointer -fsanitize=fuzzer-no-link,address,u
 JOBS       ?= $(shell nproc)
 PREFIX     ?= /usr/local
 
-.PHONY: all bootstrap configure build test asan bench bench-cluster fuzz demo install format format-check clean
+.PHONY: all bootstrap configure build test asan bench bench-cluster bench-odbc fuzz demo install format format-check clean
 
 all: build
 
@@ -47,6 +48,11 @@ bench-cluster: bootstrap
 	cmake --preset release -B $(BENCH_BUILD) -DVESK_BUILD_BENCH=ON
 	cmake --build $(BENCH_BUILD) -j $(JOBS) --target bench_cluster
 	VESK_CLUSTER_DIR=$(abspath $(CLUSTER_DIR)) $(BENCH_BUILD)/bench/bench_cluster $(BENCH_ARGS)
+
+bench-odbc: bootstrap
+	cmake --preset release -B $(BENCH_BUILD) -DVESK_BUILD_BENCH=ON
+	cmake --build $(BENCH_BUILD) -j $(JOBS) --target bench_odbc
+	$(BENCH_BUILD)/bench/bench_odbc
 
 fuzz: bootstrap
 	cmake -S . -B $(FUZZ_BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVESK_FUZZ=ON \

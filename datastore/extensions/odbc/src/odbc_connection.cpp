@@ -16,8 +16,10 @@ namespace {
 // SQLPutData) instead of one bound buffer.
 constexpr std::size_t put_data_threshold = 256 * 1024;
 constexpr std::size_t put_data_chunk = 1024 * 1024;
-// First and largest buffer of the SQLGetData loop.
-constexpr std::size_t get_data_first_chunk = 64 * 1024;
+// First and largest buffer of the SQLGetData loop. The first is small: the
+// buffer is zero-filled before each call, and most texts are short; a longer
+// one gets its whole remaining length (the driver reports it) on the second.
+constexpr std::size_t get_data_first_chunk = 256;
 constexpr std::size_t get_data_max_chunk = 4 * 1024 * 1024;
 
 bool ok(SQLRETURN rc) { return rc == SQL_SUCCESS || rc == SQL_SUCCESS_WITH_INFO; }
@@ -670,6 +672,22 @@ namespace {
 bool end_transaction(Handles& h, SQLSMALLINT how, const char* call) {
     if (!h.in_transaction) {
         h.fail(std::string(call) + ": no transaction is open");
+        return false;
+    }
+    // psqlODBC answers success to a commit on a connection it already knows
+    // to be lost (the server ended the transaction with it), and commits
+    // nothing: that commit is a failure.
+    SQLUINTEGER gone = SQL_CD_FALSE;
+    if (how == SQL_COMMIT && (h.dead || (ok(SQLGetConnectAttr(h.dbc.get(), SQL_ATTR_CONNECTION_DEAD,
+                                                              &gone, 0, nullptr)) &&
+                                         gone == SQL_CD_TRUE))) {
+        h.dead = true;
+        h.fail(std::string(call) + ": the connection to the server was lost before the commit");
+        h.error.sqlstate = "08S01";
+        (void)SQLEndTran(SQL_HANDLE_DBC, h.dbc.get(), SQL_ROLLBACK);
+        (void)SQLSetConnectAttr(h.dbc.get(), SQL_ATTR_AUTOCOMMIT,
+                                reinterpret_cast<SQLPOINTER>(SQL_AUTOCOMMIT_ON), 0);
+        h.in_transaction = false;
         return false;
     }
     const SQLRETURN rc = SQLEndTran(SQL_HANDLE_DBC, h.dbc.get(), how);

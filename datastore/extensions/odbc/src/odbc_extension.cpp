@@ -26,6 +26,7 @@
 // with its outcome unknown and is never repeated (the server may have
 // committed it). A read is run once more on a new connection: reading twice
 // changes nothing.
+#include <cctype>
 #include <exception>
 #include <functional>
 #include <map>
@@ -57,6 +58,18 @@ constexpr int kInfoLevel = 6;
 constexpr size_t kPgMaxRowBytes = (size_t{1} << 30) - (size_t{1} << 20);
 
 #define VESK_ODBC_LOG(level) vesk::log::ErrorLog(__FILE__, __func__, __LINE__, level).stream()
+
+// psqlODBC holds a whole answer in memory before the first row is read,
+// besides the rows the caller builds from it; through a cursor it holds
+// `Fetch` rows at a time. Added unless the connection string sets
+// UseDeclareFetch itself (other drivers ignore keywords they do not know).
+std::string with_cursor_reads(std::string conn) {
+    std::string lower = conn;
+    for (char& c : lower) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    if (lower.find("usedeclarefetch") != std::string::npos) return conn;
+    if (!conn.empty() && conn.back() != ';') conn += ';';
+    return conn + "UseDeclareFetch=1;Fetch=400;";
+}
 
 // The dialect of an instance, settled once the server has answered. The kit
 // holds a reference to its dialect from its constructor on; this record
@@ -285,8 +298,8 @@ private:
         options.read_only = parameters_.read_only;
         sql::Error connect_error;
         // The connection string may hold a password: it is never logged.
-        connection_ =
-            OdbcConnection::connect(parameters_.connection_string(), options, connect_error);
+        connection_ = OdbcConnection::connect(with_cursor_reads(parameters_.connection_string()),
+                                              options, connect_error);
         if (!connection_) {
             error = (parameters_.source_is_dsn ? "data source \"" + parameters_.source + "\": "
                                                : std::string("connection string: ")) +
