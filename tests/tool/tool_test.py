@@ -752,7 +752,7 @@ class Environment(ToolCase):
                       for args in (["collect"], ["import"], ["rows"], ["check"])}
         self.assertRegex(help_texts["collect"], r"--jobs[^\n]*=8")
         self.assertIn("10", help_texts["collect"].split("--timeout")[1].split("--")[0])
-        self.assertRegex(help_texts["import"], r"--batch[^\n]*=10000")
+        self.assertRegex(help_texts["import"], r"--batch[^\n]*=50000")
         for text in help_texts.values():
             self.assertIn("--config FILE", text)
             self.assertIn("--format", text)
