@@ -257,11 +257,7 @@ bool SqlExtension::write_row(const vesk::provider::header& header, const std::st
         if (!insert_) return false;
     }
     Statement& stmt = *insert_;
-    if (!bind_row(stmt, 0, header, option_id, std_out, std_err, node_text_)) return false;
-    StepResult r = stmt.step();
-    while (r == StepResult::row) r = stmt.step();
-    const bool reset = stmt.reset();
-    return r == StepResult::done && reset;
+    return bind_row(stmt, 0, header, option_id, std_out, std_err, node_text_) && run_to_end(stmt);
 }
 
 namespace {
