@@ -193,6 +193,13 @@ protected:
         vd::ReadParameters request{{"unused"}, {}, {}, &statement};
         return i->control(vd::OP_SELECT_PROVIDER, &request, &rows, nullptr);
     }
+    // select_provider (operation 514 without a statement) with `filter`.
+    int32_t select_provider(Instance& i, std::vector<std::string> providers,
+                            const std::string& filter, std::vector<vd::Row>& rows) {
+        vd::SQLParameters statement{filter, "", vd::row_field_index};
+        vd::ReadParameters request{std::move(providers), {}, {}, &statement};
+        return i->control(vd::OP_SELECT_PROVIDER, &request, &rows, nullptr);
+    }
     std::vector<vd::Row> all_rows(Instance& i) {
         std::vector<vd::Row> rows;
         EXPECT_EQ(query(i, "SELECT * FROM " + vd::table_name + " ORDER BY rowid;", rows), kOk);
@@ -335,6 +342,33 @@ TEST_F(OdbcOperationsTest, CallerStatementsCannotWriteAndReadOnlyHoldsAtTheServe
     EXPECT_EQ(insert(writer, row("p", 3)), kOk);
     EXPECT_EQ(insert(reader, row("p", 4)), kFailed);
     EXPECT_EQ(all_rows(reader).size(), 2u);
+
+    // A filter is the caller's text: one that writes (nextval) fails at the
+    // server too. The kit's own queries read on both, and leave the writer
+    // writable.
+    const std::string bump =
+        "nextval(pg_get_serial_sequence('" + vd::table_name + "', 'rowid')) > 0";
+    for (Instance* i : {&writer, &reader}) {
+        std::vector<vd::Row> rows;
+        testing::internal::CaptureStderr();
+        EXPECT_EQ(select_provider(*i, {"p"}, bump, rows), kFailed);
+        const std::string log = testing::internal::GetCapturedStderr();
+        EXPECT_NE(log.find("25006"), std::string::npos) << log;
+        EXPECT_TRUE(rows.empty());
+        ASSERT_EQ(select_provider(*i, {"p"}, "", rows), kOk);
+        EXPECT_EQ(rows.size(), 2u);
+        for (const uint16_t op : {vd::OP_LATEST_ROWS_PROVIDER, vd::OP_LATEST_COLLECT_ROWS}) {
+            vd::ReadParameters request{{"p"}, {}, {}, nullptr};
+            rows.clear();
+            ASSERT_EQ((*i)->control(op, &request, &rows, nullptr), kOk) << op;
+            EXPECT_EQ(rows.size(), op == vd::OP_LATEST_ROWS_PROVIDER ? 2u : 1u) << op;
+        }
+    }
+    EXPECT_EQ(insert(writer, row("p", 5)), kOk);
+    // The sequence did not move: the next row follows the last one.
+    const std::vector<vd::Row> rows = all_rows(writer);
+    ASSERT_EQ(rows.size(), 3u);
+    EXPECT_EQ(rows[2].rowid, rows[1].rowid + 1);
 }
 
 TEST_F(OdbcOperationsTest, LostConnectionFailsTheWriteThenTheNextCallReopens) {
@@ -362,6 +396,16 @@ TEST_F(OdbcOperationsTest, LostConnectionFailsTheWriteThenTheNextCallReopens) {
     EXPECT_EQ(all_rows(i).size(), 4u);
     log = testing::internal::GetCapturedStderr();
     EXPECT_NE(log.find("reading again"), std::string::npos) << log;
+    // So are the kit's own queries, which run outside a transaction.
+    terminate_backends();
+    vd::ReadParameters latest{{"p"}, {}, {}, nullptr};
+    std::vector<vd::Row> rows;
+    EXPECT_EQ(i->control(vd::OP_LATEST_ROWS_PROVIDER, &latest, &rows, nullptr), kOk);
+    EXPECT_EQ(rows.size(), 4u);
+    terminate_backends();
+    rows.clear();
+    EXPECT_EQ(select_provider(i, {"p"}, "", rows), kOk);
+    EXPECT_EQ(rows.size(), 4u);
     terminate_backends();
     vd::SnapshotInfoSet ids;
     EXPECT_EQ(i->control(vd::OP_QUERY_BASELINE_IDS, nullptr, &ids, nullptr), kOk);

@@ -532,7 +532,21 @@ bool SqlExtension::query_baseline_ids(SnapshotInfoSet& ids) {
 bool SqlExtension::select_provider(std::vector<std::string> providers, std::vector<Row>& rows,
                                    std::string filter) {
     if (!names_safe(providers, "provider")) return false;
-    return interface::select_provider(std::move(providers), rows, std::move(filter));
+    // A filter is the caller's text: the select is then the caller's.
+    if (!filter.empty())
+        return interface::select_provider(std::move(providers), rows, std::move(filter));
+    return as_own_text(
+        [&] { return interface::select_provider(std::move(providers), rows, std::string()); });
+}
+
+template <typename Select>
+bool SqlExtension::as_own_text(Select&& select) {
+    struct Scope {
+        bool& flag;
+        ~Scope() { flag = false; }
+    } scope{own_text_};
+    own_text_ = true;
+    return select();
 }
 
 bool SqlExtension::run_latest(bool newest_run, const std::vector<std::string>& providers,
@@ -543,9 +557,9 @@ bool SqlExtension::run_latest(bool newest_run, const std::vector<std::string>& p
     std::string condition;
     if (!generate_where_clause(providers, "Provider", condition)) return false;
     generate_where_clause(hosts, "Hostname", condition);  // no hosts: every host
-    return select(
-        newest_run ? dialect_.latest_run_sql(condition) : dialect_.latest_rows_sql(condition), rows,
-        row_field_index);
+    const std::string sql =
+        newest_run ? dialect_.latest_run_sql(condition) : dialect_.latest_rows_sql(condition);
+    return as_own_text([&] { return select(sql, rows, row_field_index); });
 }
 
 bool SqlExtension::get_latest_rows_provider(std::vector<std::string> providers,

@@ -193,11 +193,15 @@ protected:
 
     std::unique_ptr<sql::Statement> prepare_query(const std::string& sql) override {
         OdbcConnection& c = *connection_;
-        // On PostgreSQL the transaction is read-only from its start: the
-        // session's default is switched around it (a read-only datastore's
-        // session is read-only for good). The driver runs each statement of
-        // a transaction inside a savepoint, whose end would undo a switch
-        // made within the transaction.
+        // The kit's own texts only read: they run in autocommit, where the
+        // driver wraps its cursor in a transaction of its own and ends it
+        // with the cursor's close, without the guard's round trips below.
+        if (own_text()) return prepare_logged(sql);
+        // On PostgreSQL a caller's transaction is read-only from its start:
+        // the session's default is switched around it (a read-only
+        // datastore's session is read-only for good). The driver runs each
+        // statement of a transaction inside a savepoint, whose end would
+        // undo a switch made within the transaction.
         if (postgres_ && !parameters_.read_only) {
             if (!run(kSessionReadOnly)) {
                 VESK_ODBC_LOG(kErrorLevel)
@@ -212,10 +216,15 @@ protected:
                 << "cannot start the transaction of a select: " << describe(c.last_error());
             return nullptr;
         }
-        std::unique_ptr<sql::Statement> stmt = c.prepare(sql);
+        return prepare_logged(sql);
+    }
+
+    std::unique_ptr<sql::Statement> prepare_logged(const std::string& sql) {
+        std::unique_ptr<sql::Statement> stmt = connection_->prepare(sql);
         if (!stmt)
             VESK_ODBC_LOG(kErrorLevel)
-                << where() << "refused statement: " << describe(c.last_error()) << ": " << sql;
+                << where() << "refused statement: " << describe(connection_->last_error()) << ": "
+                << sql;
         return stmt;
     }
 

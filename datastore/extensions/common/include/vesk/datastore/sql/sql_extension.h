@@ -87,6 +87,10 @@ protected:
     // Prepares a caller's select; null (and logged) when the backend must not
     // run it. end_query() is called after it, whatever happens.
     virtual std::unique_ptr<Statement> prepare_query(const std::string& sql) = 0;
+    // True while the select being run is a text the kit built itself from
+    // checked names, which only reads: a backend may spare it the guard it
+    // keeps against a caller's statement that writes.
+    bool own_text() const { return own_text_; }
     // Called once the query runs, and when it is over: end_query answers
     // true when the backend's time limit stopped it.
     virtual void start_query() {}
@@ -117,6 +121,9 @@ private:
     std::unique_ptr<Statement> prepare(const std::string& sql);
     bool run_latest(bool newest_run, const std::vector<std::string>& providers,
                     std::vector<Row>& rows, const std::vector<std::string>& hosts);
+    // select() of a text the kit built itself (own_text() while it runs).
+    template <typename Select>
+    bool as_own_text(Select&& select);
     template <typename Record>
     bool run_select(const std::string& sql, std::vector<Record>& out,
                     const std::map<std::string, int>& fields, int field_count);
@@ -124,6 +131,7 @@ private:
     std::unique_ptr<Statement> insert_;
     std::unique_ptr<Statement> insert_rows_;  // rows_per_insert() rows
     std::string node_text_;                   // joined node list of the row being written
+    bool own_text_ = false;                   // see own_text()
 };
 
 }  // namespace vesk::datastore::sql
