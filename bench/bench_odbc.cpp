@@ -363,33 +363,16 @@ std::string open_odbc(const std::string& database, bool read_only,
 
 // ---- paired runs ----
 
-// Runs the library path and its baseline once each per iteration, in
-// alternating order, so that both see the same machine at the same time.
+// Runs the library path and its baseline alternately; reports each one's
+// mean time and rows per second.
 void run_pair(benchmark::State& state, const std::function<double()>& library,
               const std::function<double()>& baseline, size_t items) {
-    static uint64_t turn = 0;
-    double library_total = 0, baseline_total = 0;
-    int64_t n = 0;
-    for (auto _ : state) {
-        double l, b;
-        if (turn++ % 2 == 0) {
-            l = library();
-            b = baseline();
-        } else {
-            b = baseline();
-            l = library();
-        }
-        library_total += l;
-        baseline_total += b;
-        ++n;
-        state.SetIterationTime(l + b);
-    }
-    state.counters["library_ms"] = library_total / static_cast<double>(n) * 1e3;
-    state.counters["baseline_ms"] = baseline_total / static_cast<double>(n) * 1e3;
-    state.counters["library_rows_per_s"] =
-        static_cast<double>(items) * static_cast<double>(n) / library_total;
+    const PairTimes t = run_alternately(state, library, baseline);
+    state.counters["library_ms"] = t.first * 1e3;
+    state.counters["baseline_ms"] = t.second * 1e3;
+    state.counters["library_rows_per_s"] = t.first > 0 ? static_cast<double>(items) / t.first : 0;
     state.counters["baseline_rows_per_s"] =
-        static_cast<double>(items) * static_cast<double>(n) / baseline_total;
+        t.second > 0 ? static_cast<double>(items) / t.second : 0;
 }
 
 // ---- bulk insert against psql \copy ----

@@ -240,32 +240,15 @@ double row_insert_raw(const std::vector<vd::InsertRecord>& records) {
     return seconds;
 }
 
-// Runs the library path and its raw twin once each per iteration, in
-// alternating order, so that both see the same machine at the same time;
-// reports each one's mean time and the library's ratio to raw.
+// Runs the library path and its raw twin alternately; reports each one's
+// mean time and the library's ratio to raw.
 void run_pair(benchmark::State& state, const std::function<double()>& library,
               const std::function<double()>& raw, size_t items) {
-    static uint64_t turn = 0;  // alternates across repetitions too
-    double library_total = 0, raw_total = 0;
-    int64_t n = 0;
-    for (auto _ : state) {
-        double l, r;
-        if (turn++ % 2 == 0) {
-            l = library();
-            r = raw();
-        } else {
-            r = raw();
-            l = library();
-        }
-        library_total += l;
-        raw_total += r;
-        ++n;
-        state.SetIterationTime(l + r);
-    }
-    state.counters["library_ms"] = library_total / static_cast<double>(n) * 1e3;
-    state.counters["raw_ms"] = raw_total / static_cast<double>(n) * 1e3;
-    state.counters["library_over_raw_time"] = library_total / raw_total;
-    state.SetItemsProcessed(n * static_cast<int64_t>(items));
+    const PairTimes t = run_alternately(state, library, raw);
+    state.counters["library_ms"] = t.first * 1e3;
+    state.counters["raw_ms"] = t.second * 1e3;
+    state.counters["library_over_raw_time"] = t.second > 0 ? t.first / t.second : 0;
+    state.SetItemsProcessed(static_cast<int64_t>(state.iterations()) * static_cast<int64_t>(items));
 }
 
 void BM_BulkInsert(benchmark::State& state, Where where, size_t output) {

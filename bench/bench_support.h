@@ -9,10 +9,13 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <stdlib.h>
 #include <string>
 #include <vector>
+
+#include <benchmark/benchmark.h>
 
 #include "vesk/datastore.h"
 
@@ -98,6 +101,36 @@ inline std::vector<datastore::InsertRecord> make_records(size_t count, size_t ou
         out.push_back(make_record(static_cast<int>(i % 200), static_cast<int>(i / 200 % 500),
                                   static_cast<int>(i / 100000), output));
     return out;
+}
+
+// The mean seconds of two paths, each run once per iteration in alternating
+// order, so that both see the same machine at the same time.
+struct PairTimes {
+    double first = 0;
+    double second = 0;
+};
+
+inline PairTimes run_alternately(benchmark::State& state, const std::function<double()>& first,
+                                 const std::function<double()>& second) {
+    static uint64_t turn = 0;  // alternates across repetitions too
+    double first_total = 0, second_total = 0;
+    int64_t n = 0;
+    for (auto _ : state) {
+        double a, b;
+        if (turn++ % 2 == 0) {
+            a = first();
+            b = second();
+        } else {
+            b = second();
+            a = first();
+        }
+        first_total += a;
+        second_total += b;
+        ++n;
+        state.SetIterationTime(a + b);
+    }
+    if (n == 0) return {};
+    return {first_total / static_cast<double>(n), second_total / static_cast<double>(n)};
 }
 
 }  // namespace vesk::bench
