@@ -7,8 +7,9 @@
 //                        to /dev/null, exit status 0 required); manual time
 //   import/bulk_insert   one OP_BULK_INSERT of the rows, built in memory
 //                        beforehand, into a new datastore file
-//   import/bulk_insert_batches  the same in calls of 10,000 rows, each its
-//                        own transaction, as the tool's import stores them
+//   import/bulk_insert_batches  the same in calls of kImportBatch rows (the
+//                        tool's default batch), each its own transaction, as
+//                        the tool's import stores them
 //   import/tool          `vesk-datastore import` of the same rows as JSON
 //                        Lines into a new default datastore
 //   prune/half           `prune --keep-runs 5 --yes` on a copy of the store
@@ -59,6 +60,8 @@ constexpr size_t kProviders = 200;
 constexpr size_t kHosts = 500;
 constexpr size_t kRuns = 10;
 constexpr int64_t kHour = int64_t(3600) * 1000000;
+// Rows per batch of `vesk-datastore import` by default.
+constexpr int kImportBatch = 50000;
 
 size_t hosts() { return scaled(kHosts); }
 size_t row_count() { return kProviders * hosts() * kRuns; }
@@ -337,33 +340,20 @@ void BM_Prune(benchmark::State& state) {
     if (failures > 0) state.SkipWithError("a read failed while prune ran");
 }
 
-// Console output plus the import/bulk throughput ratio at the end.
-class RatioReporter : public benchmark::ConsoleReporter {
+// Console output plus the import/bulk throughput ratios at the end.
+class RatioReporter : public TimesReporter {
 public:
-    RatioReporter() : ConsoleReporter(::isatty(STDOUT_FILENO) ? OO_Defaults : OO_Tabular) {}
-
-    void ReportRuns(const std::vector<Run>& runs) override {
-        for (const auto& run : runs)
-            if (!run.error_occurred &&
-                (run.run_type == Run::RT_Iteration ? run.repetitions <= 1
-                                                   : run.aggregate_name == "median"))
-                times_[run.run_name.function_name] = run.GetAdjustedRealTime();
-        ConsoleReporter::ReportRuns(runs);
-    }
     void Finalize() override {
-        ConsoleReporter::Finalize();
-        const auto bulk = times_.find("import/bulk_insert");
-        const auto tool = times_.find("import/tool");
-        if (bulk != times_.end() && tool != times_.end() && tool->second > 0)
+        TimesReporter::Finalize();
+        const double bulk = time_of("import/bulk_insert");
+        const double batches = time_of("import/bulk_insert_batches");
+        const double tool = time_of("import/tool");
+        if (bulk > 0 && tool > 0)
             std::printf("import/bulk throughput for %zu rows: %.2f (goal: 0.9 or more)\n",
-                        row_count(), bulk->second / tool->second);
-        const auto batches = times_.find("import/bulk_insert_batches");
-        if (batches != times_.end() && tool != times_.end() && tool->second > 0)
-            std::printf("import/bulk in batches of 10,000: %.2f\n", batches->second / tool->second);
+                        row_count(), bulk / tool);
+        if (batches > 0 && tool > 0)
+            std::printf("import/bulk in batches of %d: %.2f\n", kImportBatch, batches / tool);
     }
-
-private:
-    std::map<std::string, double> times_;
 };
 
 }  // namespace
@@ -398,14 +388,14 @@ int main(int argc, char** argv) {
         benchmark::RegisterBenchmark(("cmd/" + name).c_str(), BM_Command, args)
             ->Unit(benchmark::kMillisecond)
             ->UseManualTime();
-    // The rows in one bulk insert; in the import's batches of 10,000, each
+    // The rows in one bulk insert; in the import's default batches, each
     // its own transaction (the best the tool's import can do); and through
     // the tool.
-    for (auto* b :
-         {benchmark::RegisterBenchmark("import/bulk_insert", BM_BulkInsert)->Arg(0),
-          benchmark::RegisterBenchmark("import/bulk_insert_batches", BM_BulkInsert)->Arg(10000),
-          benchmark::RegisterBenchmark("import/tool", BM_ToolImport),
-          benchmark::RegisterBenchmark("prune/half", BM_Prune)})
+    for (auto* b : {benchmark::RegisterBenchmark("import/bulk_insert", BM_BulkInsert)->Arg(0),
+                    benchmark::RegisterBenchmark("import/bulk_insert_batches", BM_BulkInsert)
+                        ->Arg(kImportBatch),
+                    benchmark::RegisterBenchmark("import/tool", BM_ToolImport),
+                    benchmark::RegisterBenchmark("prune/half", BM_Prune)})
         b->Unit(benchmark::kMillisecond)->UseManualTime()->Iterations(1);
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;

@@ -10,9 +10,11 @@
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
+#include <map>
 #include <memory>
 #include <stdlib.h>
 #include <string>
+#include <unistd.h>
 #include <vector>
 
 #include <benchmark/benchmark.h>
@@ -132,5 +134,31 @@ inline PairTimes run_alternately(benchmark::State& state, const std::function<do
     if (n == 0) return {};
     return {first_total / static_cast<double>(n), second_total / static_cast<double>(n)};
 }
+
+// Console output (coloured only on a terminal) that keeps each benchmark's
+// time, the median where there are repetitions, for a summary at the end.
+class TimesReporter : public benchmark::ConsoleReporter {
+public:
+    TimesReporter() : ConsoleReporter(::isatty(STDOUT_FILENO) ? OO_Defaults : OO_Tabular) {}
+
+    void ReportRuns(const std::vector<Run>& runs) override {
+        for (const auto& run : runs)
+            if (!run.error_occurred &&
+                (run.run_type == Run::RT_Iteration ? run.repetitions <= 1
+                                                   : run.aggregate_name == "median"))
+                times_[run.run_name.function_name] = run.GetAdjustedRealTime();
+        ConsoleReporter::ReportRuns(runs);
+    }
+
+protected:
+    // The time of benchmark `name`, 0 when it did not run or failed.
+    double time_of(const std::string& name) const {
+        const auto it = times_.find(name);
+        return it == times_.end() ? 0 : it->second;
+    }
+
+private:
+    std::map<std::string, double> times_;
+};
 
 }  // namespace vesk::bench

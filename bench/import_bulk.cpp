@@ -112,30 +112,16 @@ void BM_ToolImport(benchmark::State& state) {
 }
 
 // Console output plus the ratio of the two times at the end.
-class RatioReporter : public benchmark::ConsoleReporter {
+class RatioReporter : public TimesReporter {
 public:
-    // Colour only on a terminal.
-    RatioReporter() : ConsoleReporter(::isatty(STDOUT_FILENO) ? OO_Defaults : OO_Tabular) {}
-
-    void ReportRuns(const std::vector<Run>& runs) override {
-        for (const auto& run : runs)
-            if (!run.error_occurred &&
-                (run.run_type == Run::RT_Iteration ? run.repetitions <= 1
-                                                   : run.aggregate_name == "median"))
-                times_[run.run_name.function_name] = run.GetAdjustedRealTime();
-        ConsoleReporter::ReportRuns(runs);
-    }
     void Finalize() override {
-        ConsoleReporter::Finalize();
-        const auto bulk = times_.find("bulk_insert/1M");
-        const auto tool = times_.find("tool_import/1M");
-        if (bulk != times_.end() && tool != times_.end() && tool->second > 0)
+        TimesReporter::Finalize();
+        const double bulk = time_of("bulk_insert/1M");
+        const double tool = time_of("tool_import/1M");
+        if (bulk > 0 && tool > 0)
             std::printf("import/bulk throughput for %zu rows: %.2f (goal: 0.9 or more)\n",
-                        records().size(), bulk->second / tool->second);
+                        records().size(), bulk / tool);
     }
-
-private:
-    std::map<std::string, double> times_;
 };
 
 }  // namespace
