@@ -525,7 +525,9 @@ const QueryData& query_data() {
         }
         {
             Raw raw(on_database(d.bare));
-            raw.exec("DROP INDEX provider_datastore_latest; DROP INDEX provider_datastore_run;");
+            raw.exec(
+                "DROP INDEX provider_datastore_latest; DROP INDEX provider_datastore_run; "
+                "DROP INDEX provider_datastore_failed;");
             raw.exec("VACUUM ANALYZE;");
         }
         for (int p = 0; p < 10; ++p) {
