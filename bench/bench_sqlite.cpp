@@ -36,6 +36,7 @@
 #include "vesk/datastore.h"
 #include "vesk/datastore/operations.h"
 #include "vesk/datastore/row_fields.h"
+#include "vesk/datastore/sql/dialect.h"
 
 #include "bench_support.h"
 
@@ -312,15 +313,16 @@ std::string in_list(const std::vector<std::string>& values) {
     return out;
 }
 
-// The statements the extension's base class builds for the three queries.
+// The statements the extension's base class builds for the three queries,
+// from the same dialect texts, so that raw SQLite runs exactly the same SQL.
+std::string provider_condition(const std::vector<std::string>& providers) {
+    return " (Provider IN (" + in_list(providers) + ") )";
+}
 std::string latest_rows_sql(const std::vector<std::string>& providers) {
-    return "SELECT *, MAX(unique_timestamp) FROM vesk_1 WHERE (Provider IN (" + in_list(providers) +
-           ") )GROUP BY OptionID, Hostname, Provider;";
+    return vd::sql::default_dialect().latest_rows_sql(provider_condition(providers));
 }
 std::string latest_run_sql(const std::string& provider) {
-    return "SELECT * FROM vesk_1 WHERE (Provider IN ('" + provider +
-           "') )AND Unique_timestamp = (SELECT MAX(unique_timestamp) FROM vesk_1) GROUP BY "
-           "OptionID, Hostname, Provider;";
+    return vd::sql::default_dialect().latest_run_sql(provider_condition({provider}));
 }
 std::string provider_sql(const std::string& provider) {
     return "SELECT * FROM vesk_1 WHERE (Provider IN ('" + provider + "') )";
