@@ -22,10 +22,14 @@ const std::vector<std::string>& schema_statements() {
             " AS SELECT rowid,Provider,Hostname,num_nodes,node_names,Exit_status,Timestamp, "
             "Duration,Encoding,STDOUT,STDERR, OptionID,Version,Username,Unique_timestamp from " +
             table_name + ";",
-        // rowid rides along so that the latest rows are chosen from the
-        // index alone (an index-only scan), before any wide row is read.
+        // Keeps each (Provider, Hostname, OptionID) group's latest row
+        // first: the greatest time stamp (NULL last), among equal ones the
+        // smallest rowid, among NULL ones the greatest. The latest rows are
+        // then chosen from the index alone (an index-only scan), first of
+        // each group, before any wide row is read.
         "CREATE INDEX IF NOT EXISTS provider_datastore_latest ON " + table_name +
-            "(Provider, Hostname, OptionID, Unique_timestamp) INCLUDE (rowid);",
+            "(Provider, Hostname, OptionID, Unique_timestamp DESC NULLS LAST, (CASE WHEN "
+            "Unique_timestamp IS NULL THEN -rowid ELSE rowid END)) INCLUDE (rowid);",
         // Failed rows only: a row that did not fail never touches it.
         "CREATE INDEX IF NOT EXISTS provider_datastore_failed ON " + table_name +
             "(Provider, Hostname, OptionID, Unique_timestamp) WHERE Exit_status <> 0;",
@@ -38,19 +42,19 @@ const std::vector<std::string>& schema_statements() {
 }
 
 std::string latest_rows_sql(const std::string& condition) {
-    // Each group's row is chosen on narrow data first: the smallest of
-    // [-unique_timestamp, tie-break] per group, where an array's NULL element
-    // sorts after every value. That is the greatest time stamp, NULL last;
-    // among equal time stamps the smallest rowid, among NULL ones the
-    // greatest. Only the chosen rows are then read whole, by rowid, so the
-    // output texts are never sorted or grouped.
-    return "SELECT *, unique_timestamp AS \"MAX(unique_timestamp)\" FROM " + table_view +
-           " WHERE rowid IN (SELECT CASE WHEN k[1] IS NULL THEN -k[2] ELSE k[2] END FROM "
-           "(SELECT min(ARRAY[-unique_timestamp, CASE WHEN unique_timestamp IS NULL THEN -rowid "
-           "ELSE rowid END]) AS k FROM " +
+    // Each group's row is chosen on narrow data, in the order of the index
+    // provider_datastore_latest: the first row of each group. The chosen
+    // rowids are put in output order as an array, and only those rows are
+    // read whole, in the array's order, so that the wide rows are never
+    // sorted or grouped.
+    return "SELECT v.*, v.unique_timestamp AS \"MAX(unique_timestamp)\" FROM unnest(ARRAY("
+           "SELECT rowid FROM (SELECT DISTINCT ON (Provider, Hostname, OptionID) rowid, "
+           "Provider, Hostname, OptionID FROM " +
            table_view + " WHERE" + condition +
-           " GROUP BY Provider, Hostname, OptionID) AS chosen) ORDER BY OptionID, Hostname, "
-           "Provider;";
+           " ORDER BY Provider, Hostname, OptionID, unique_timestamp DESC NULLS LAST, CASE WHEN "
+           "unique_timestamp IS NULL THEN -rowid ELSE rowid END) AS chosen ORDER BY OptionID, "
+           "Hostname, Provider)) WITH ORDINALITY AS chosen(id, n) JOIN " +
+           table_view + " AS v ON v.rowid = chosen.id ORDER BY chosen.n;";
 }
 
 std::string latest_run_sql(const std::string& condition) {
