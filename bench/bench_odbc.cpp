@@ -744,26 +744,14 @@ void BM_ReadMemory(benchmark::State& state, const std::string& options) {
 
 // Prints the usual console output, then one line per goal from the medians
 // over the repetitions.
-class GoalReporter : public benchmark::ConsoleReporter {
+class GoalReporter : public TimesReporter {
 public:
-    void ReportRuns(const std::vector<Run>& runs) override {
-        ConsoleReporter::ReportRuns(runs);
-        for (const auto& run : runs) {
-            const std::string name = run.run_name.function_name;
-            if (run.run_type == Run::RT_Aggregate && run.aggregate_name != "median") continue;
-            if (run.run_type == Run::RT_Iteration && median_.count(name)) continue;
-            if (run.run_type == Run::RT_Aggregate) median_[name] = true;
-            Result& result = results_[name];
-            result.time_ms = run.GetAdjustedRealTime();
-            for (const auto& [key, counter] : run.counters) result.counters[key] = counter.value;
-        }
-    }
     void Finalize() override {
-        ConsoleReporter::Finalize();
+        TimesReporter::Finalize();
         std::printf(
             "\n| measure | extension (median) | baseline (median) | ratio | goal |\n"
             "|---|---|---|---|---|\n");
-        for (const auto& [name, result] : results_) {
+        for (const auto& [name, result] : results()) {
             const auto& c = result.counters;
             if (name.rfind("bulk_insert", 0) == 0 && c.count("library_rows_per_s")) {
                 const double l = c.at("library_rows_per_s"), b = c.at("baseline_rows_per_s");
@@ -775,8 +763,8 @@ public:
                 const double l = c.at("library_ms"), b = c.at("baseline_ms");
                 std::printf("| %s | %.2f ms | raw ODBC %.2f ms | %.2fx raw time | <= 1.2 %s |\n",
                             name.c_str(), l, b, l / b, l / b <= 1.2 ? "met" : "MISSED");
-                const auto bare = results_.find(name + "/raw_without_indexes");
-                if (bare != results_.end()) {
+                const auto bare = results().find(name + "/raw_without_indexes");
+                if (bare != results().end()) {
                     const double t = bare->second.time_ms;
                     std::printf(
                         "| %s without the indexes | %.2f ms | raw ODBC %.2f ms | %.1fx faster "
@@ -796,32 +784,14 @@ public:
         }
         if (std::fflush(stdout) != 0) std::perror("bench_odbc: standard output");
     }
-
-private:
-    struct Result {
-        double time_ms = 0;
-        std::map<std::string, double> counters;
-    };
-    std::map<std::string, Result> results_;
-    std::map<std::string, bool> median_;
 };
 
 void register_all() {
-    const char* reps_text = std::getenv("VESK_BENCH_REPS");
-    const int reps = scale() > 1 ? 1 : (reps_text ? std::max(1, std::atoi(reps_text)) : 5);
+    const int reps = repetitions();
     const bool smoke = scale() > 1;
-    auto add = [reps](const std::string& name, auto fn, int64_t iterations, bool manual) {
-        auto* b = benchmark::RegisterBenchmark(name.c_str(), fn);
-        b->Unit(benchmark::kMillisecond);
-        if (manual)
-            b->UseManualTime();
-        else
-            b->UseRealTime();
-        if (iterations > 0)
-            b->Iterations(iterations);
-        else
-            b->MinTime(0.5);
-        if (reps > 1) b->Repetitions(reps)->ReportAggregatesOnly(true);
+    auto add = [reps](const std::string& name, std::function<void(benchmark::State&)> fn,
+                      int64_t iterations, bool manual) {
+        add_benchmark(name, std::move(fn), iterations, manual, reps);
     };
     add("bulk_insert/200B", BM_BulkInsert, 1, true);
     const std::pair<Query, const char*> queries[] = {

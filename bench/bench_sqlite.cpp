@@ -520,29 +520,14 @@ void BM_ReadMemory(benchmark::State& state) {
 // it (share of raw throughput for inserts, time over raw time for queries).
 // The console output's library_over_raw_time is the median of the ratios of
 // each repetition's pair instead, which may lie on the other side of 1.
-class RatioReporter : public benchmark::ConsoleReporter {
+class RatioReporter : public TimesReporter {
 public:
-    void ReportRuns(const std::vector<Run>& runs) override {
-        ConsoleReporter::ReportRuns(runs);
-        for (const auto& run : runs) {
-            const std::string name = run.run_name.function_name;
-            if (run.run_type == Run::RT_Aggregate && run.aggregate_name != "median") continue;
-            if (run.run_type == Run::RT_Iteration && median_.count(name)) continue;
-            if (run.run_type == Run::RT_Aggregate) median_[name] = true;
-            Result& result = results_[name];
-            result.time_ms = run.GetAdjustedRealTime();
-            for (const char* key : {"library_ms", "raw_ms"}) {
-                const auto found = run.counters.find(key);
-                if (found != run.counters.end()) result.counters[key] = found->second.value;
-            }
-        }
-    }
     void Finalize() override {
-        ConsoleReporter::Finalize();
+        TimesReporter::Finalize();
         std::printf(
             "\n| benchmark | library (median) | raw (median) | ratio of the medians |\n"
             "|---|---|---|---|\n");
-        for (const auto& [name, result] : results_) {
+        for (const auto& [name, result] : results()) {
             if (!result.counters.count("library_ms") || !result.counters.count("raw_ms")) continue;
             const double library = result.counters.at("library_ms");
             const double raw = result.counters.at("raw_ms");
@@ -550,41 +535,23 @@ public:
             std::printf("| %s | %.2f ms | %.2f ms | %.3f %s |\n", name.c_str(), library, raw,
                         insert ? raw / library : library / raw,
                         insert ? "of raw throughput" : "of raw time");
-            const auto bare = results_.find(name + "/raw_without_indexes");
-            if (bare != results_.end())
+            const auto bare = results().find(name + "/raw_without_indexes");
+            if (bare != results().end())
                 std::printf(
                     "| %s, raw without the extension's indexes | | %.2f ms | "
                     "%.1fx slower than the library |\n",
                     name.c_str(), bare->second.time_ms, bare->second.time_ms / library);
         }
     }
-
-private:
-    struct Result {
-        double time_ms = 0;
-        std::map<std::string, double> counters;
-    };
-    std::map<std::string, Result> results_;
-    std::map<std::string, bool> median_;
 };
 
 void register_all() {
-    const char* reps_text = std::getenv("VESK_BENCH_REPS");
-    const int reps = scale() > 1 ? 1 : (reps_text ? std::max(1, std::atoi(reps_text)) : 5);
+    const int reps = repetitions();
     // Paired runs time themselves; an iteration count of 0 lets a repetition
     // run for at least half a second.
-    auto add = [reps](const std::string& name, auto fn, int64_t iterations, bool manual) {
-        auto* b = benchmark::RegisterBenchmark(name.c_str(), fn);
-        b->Unit(benchmark::kMillisecond);
-        if (manual)
-            b->UseManualTime();
-        else
-            b->UseRealTime();
-        if (iterations > 0)
-            b->Iterations(iterations);
-        else
-            b->MinTime(0.5);
-        if (reps > 1) b->Repetitions(reps)->ReportAggregatesOnly(true);
+    auto add = [reps](const std::string& name, std::function<void(benchmark::State&)> fn,
+                      int64_t iterations, bool manual) {
+        add_benchmark(name, std::move(fn), iterations, manual, reps);
     };
     const bool smoke = scale() > 1;
     for (Where where : {Where::memory, Where::disk}) {

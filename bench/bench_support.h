@@ -136,29 +136,65 @@ inline PairTimes run_alternately(benchmark::State& state, const std::function<do
 }
 
 // Console output (coloured only on a terminal) that keeps each benchmark's
-// time, the median where there are repetitions, for a summary at the end.
+// time and counters, the median where there are repetitions, for a summary
+// at the end.
 class TimesReporter : public benchmark::ConsoleReporter {
 public:
+    struct Result {
+        double time_ms = 0;  // in the benchmark's unit (milliseconds here)
+        std::map<std::string, double> counters;
+    };
+
     TimesReporter() : ConsoleReporter(::isatty(STDOUT_FILENO) ? OO_Defaults : OO_Tabular) {}
 
     void ReportRuns(const std::vector<Run>& runs) override {
-        for (const auto& run : runs)
-            if (!run.error_occurred &&
-                (run.run_type == Run::RT_Iteration ? run.repetitions <= 1
-                                                   : run.aggregate_name == "median"))
-                times_[run.run_name.function_name] = run.GetAdjustedRealTime();
+        for (const auto& run : runs) {
+            if (run.error_occurred ||
+                !(run.run_type == Run::RT_Iteration ? run.repetitions <= 1
+                                                    : run.aggregate_name == "median"))
+                continue;
+            Result& result = results_[run.run_name.function_name];
+            result.time_ms = run.GetAdjustedRealTime();
+            for (const auto& [key, counter] : run.counters) result.counters[key] = counter.value;
+        }
         ConsoleReporter::ReportRuns(runs);
     }
 
 protected:
+    const std::map<std::string, Result>& results() const { return results_; }
     // The time of benchmark `name`, 0 when it did not run or failed.
     double time_of(const std::string& name) const {
-        const auto it = times_.find(name);
-        return it == times_.end() ? 0 : it->second;
+        const auto it = results_.find(name);
+        return it == results_.end() ? 0 : it->second.time_ms;
     }
 
 private:
-    std::map<std::string, double> times_;
+    std::map<std::string, Result> results_;
 };
+
+// Repetitions of each benchmark: VESK_BENCH_REPS, 5 by default, 1 in a
+// scaled-down (smoke) run.
+inline int repetitions() {
+    const char* text = std::getenv("VESK_BENCH_REPS");
+    return scale() > 1 ? 1 : (text ? std::max(1, std::atoi(text)) : 5);
+}
+
+// Registers `fn` in milliseconds: manual or real time, `iterations` per
+// repetition (0: as many as fill half a second), `reps` repetitions of which
+// only the aggregates are reported.
+inline void add_benchmark(const std::string& name, std::function<void(benchmark::State&)> fn,
+                          int64_t iterations, bool manual, int reps) {
+    auto* b = benchmark::RegisterBenchmark(name.c_str(), std::move(fn));
+    b->Unit(benchmark::kMillisecond);
+    if (manual)
+        b->UseManualTime();
+    else
+        b->UseRealTime();
+    if (iterations > 0)
+        b->Iterations(iterations);
+    else
+        b->MinTime(0.5);
+    if (reps > 1) b->Repetitions(reps)->ReportAggregatesOnly(true);
+}
 
 }  // namespace vesk::bench
