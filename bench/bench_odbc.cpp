@@ -548,8 +548,6 @@ std::string in_list(const std::vector<std::string>& values) {
     return out;
 }
 
-enum class Query { latest_rows, latest_run, provider };
-
 // The statements the extension runs for the three queries: the base
 // class's condition in the PostgreSQL texts.
 std::string sql_of(Query query) {
@@ -572,21 +570,7 @@ std::string sql_of(Query query) {
 std::vector<vd::Row> query_library(Query query, const std::vector<std::string>& names) {
     const QueryData& d = query_data();
     std::vector<vd::Row> rows;
-    bool ok = false;
-    switch (query) {
-        case Query::latest_rows:
-            ok = vd::get_latest_rows_provider_hosts_data(d.ten_providers, rows, {}, false);
-            break;
-        case Query::latest_run: {
-            vd::ReadParameters request{{d.one_provider}, {}, {}, nullptr};
-            ok = vd::execute_ioctl(names, vd::OP_LATEST_COLLECT_ROWS, &request, &rows, nullptr,
-                                   nullptr);
-            break;
-        }
-        case Query::provider:
-            ok = vd::select_provider_data({d.one_provider}, rows, "", false);
-            break;
-    }
+    const bool ok = library_query(query, names, d.ten_providers, d.one_provider, rows);
     if (!ok || rows.empty()) die("a query through the library failed");
     return rows;
 }

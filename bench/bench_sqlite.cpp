@@ -369,8 +369,6 @@ size_t raw_rows(sqlite3* db, const std::string& sql, std::vector<vd::Row>& rows)
     return rows.size();
 }
 
-enum class Query { latest_rows, latest_run, provider };
-
 std::string sql_of(Query query) {
     const QueryData& d = query_data();
     switch (query) {
@@ -388,21 +386,7 @@ std::string sql_of(Query query) {
 size_t query_library(Query query, const std::vector<std::string>& names) {
     const QueryData& d = query_data();
     std::vector<vd::Row> rows;
-    bool ok = false;
-    switch (query) {
-        case Query::latest_rows:
-            ok = vd::get_latest_rows_provider_hosts_data(d.ten_providers, rows, {}, false);
-            break;
-        case Query::latest_run: {
-            vd::ReadParameters request{{d.one_provider}, {}, {}, nullptr};
-            ok = vd::execute_ioctl(names, vd::OP_LATEST_COLLECT_ROWS, &request, &rows, nullptr,
-                                   nullptr);
-            break;
-        }
-        case Query::provider:
-            ok = vd::select_provider_data({d.one_provider}, rows, "", false);
-            break;
-    }
+    const bool ok = library_query(query, names, d.ten_providers, d.one_provider, rows);
     if (!ok || rows.empty()) std::abort();
     benchmark::DoNotOptimize(rows.data());
     return rows.size();

@@ -197,4 +197,27 @@ inline void add_benchmark(const std::string& name, std::function<void(benchmark:
     if (reps > 1) b->Repetitions(reps)->ReportAggregatesOnly(true);
 }
 
+// The three queries the benchmarks time against their raw twins.
+enum class Query { latest_rows, latest_run, provider };
+
+// Runs `query` through the library's query functions into `rows`: the
+// latest rows of `providers`, the newest run of `provider`, or all rows of
+// `provider`; `names` are the datastores asked for the newest run.
+inline bool library_query(Query query, const std::vector<std::string>& names,
+                          const std::vector<std::string>& providers, const std::string& provider,
+                          std::vector<datastore::Row>& rows) {
+    switch (query) {
+        case Query::latest_rows:
+            return datastore::get_latest_rows_provider_hosts_data(providers, rows, {}, false);
+        case Query::latest_run: {
+            datastore::ReadParameters request{{provider}, {}, {}, nullptr};
+            return datastore::execute_ioctl(names, datastore::OP_LATEST_COLLECT_ROWS, &request,
+                                            &rows, nullptr, nullptr);
+        }
+        case Query::provider:
+            return datastore::select_provider_data({provider}, rows, "", false);
+    }
+    return false;
+}
+
 }  // namespace vesk::bench

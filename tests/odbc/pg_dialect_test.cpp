@@ -18,6 +18,7 @@
 #include "vesk/datastore.h"
 
 #include "pg_test_server.h"
+#include "recording_interface.h"
 #include "test_support.h"
 
 namespace vesk::test {
@@ -25,20 +26,6 @@ namespace {
 
 namespace vd = vesk::datastore;
 using vd::sql::StepResult;
-
-// Keeps the SQL that the base class hands to select.
-class RecordingInterface final : public vd::interface {
-public:
-    bool is_open() override { return true; }
-    int32_t open(const std::string&) override { return OPERATION_SUCCESSFULL; }
-    int32_t close() override { return OPERATION_SUCCESSFULL; }
-    bool select(std::string sql, std::vector<vd::Row>&,
-                const std::map<std::string, int>&) override {
-        last_sql = sql;
-        return true;
-    }
-    std::string last_sql;
-};
 
 // The staged SQLite extension: creates `file` with its schema (indexes
 // included) and gives its hosts query.

@@ -8,26 +8,13 @@
 
 #include "vesk/datastore/row_fields.h"
 
+#include "recording_interface.h"
 #include "sqlite/sqlite_test_util.h"
 #include "test_support.h"
 
 namespace {
 
 using namespace vesk::test;
-
-// Keeps the SQL that the base class hands to select.
-class RecordingInterface final : public vd::interface {
-public:
-    bool is_open() override { return true; }
-    int32_t open(const std::string&) override { return OPERATION_SUCCESSFULL; }
-    int32_t close() override { return OPERATION_SUCCESSFULL; }
-    bool select(std::string sql, std::vector<vd::Row>&,
-                const std::map<std::string, int>&) override {
-        last_sql = sql;
-        return true;
-    }
-    std::string last_sql;
-};
 
 // Every field of `row` as text, through the field table.
 std::string describe(const vd::Row& row) {
