@@ -852,18 +852,8 @@ int main(int argc, char** argv) {
                      "bench_odbc: ODBCSYSINI is not set: a packaged odbcinst.ini with CommLog=1 "
                      "makes the driver log every statement and slows every run\n");
     register_all();
-    // Repetitions run in random interleaved order, so that the library and
-    // its baseline see the same machine load on average.
-    std::vector<char*> args(argv, argv + argc);
-    std::string interleave = "--benchmark_enable_random_interleaving=true";
-    args.insert(args.begin() + 1, interleave.data());
-    argc = static_cast<int>(args.size());
-    argv = args.data();
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
     GoalReporter reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    benchmark::Shutdown();
+    if (!run_interleaved(argc, argv, reporter)) return 1;
     std::error_code ec;
     std::filesystem::remove_all(bench_dir(), ec);
     {

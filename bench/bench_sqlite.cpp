@@ -585,18 +585,8 @@ void warm_heap() {
 int main(int argc, char** argv) {
     if (scale() == 1) warm_heap();
     register_all();
-    // Repetitions of all benchmarks run in random interleaved order, so that
-    // a library run and its raw twin see the same machine load on average.
-    std::vector<char*> args(argv, argv + argc);
-    std::string interleave = "--benchmark_enable_random_interleaving=true";
-    args.insert(args.begin() + 1, interleave.data());
-    argc = static_cast<int>(args.size());
-    argv = args.data();
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
     RatioReporter reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    benchmark::Shutdown();
+    if (!run_interleaved(argc, argv, reporter)) return 1;
     std::error_code ec;
     std::filesystem::remove_all(bench_dir(), ec);
     return 0;

@@ -220,4 +220,19 @@ inline bool library_query(Query query, const std::vector<std::string>& names,
     return false;
 }
 
+// Runs the registered benchmarks with `reporter`, their repetitions in random
+// interleaved order, so that a library run and its baseline see the same
+// machine load on average. False when an argument was not understood.
+inline bool run_interleaved(int argc, char** argv, benchmark::BenchmarkReporter& reporter) {
+    std::vector<char*> args(argv, argv + argc);
+    std::string interleave = "--benchmark_enable_random_interleaving=true";
+    args.insert(args.begin() + 1, interleave.data());
+    argc = static_cast<int>(args.size());
+    benchmark::Initialize(&argc, args.data());
+    if (benchmark::ReportUnrecognizedArguments(argc, args.data())) return false;
+    benchmark::RunSpecifiedBenchmarks(&reporter);
+    benchmark::Shutdown();
+    return true;
+}
+
 }  // namespace vesk::bench
