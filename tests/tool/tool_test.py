@@ -1236,8 +1236,11 @@ class Scale(ToolCase):
     def test_reading_commands_leave_the_file_alone(self):
         # No failed row: the index of failed rows stays empty and has no
         # statistics row, while a snapshot's writes made the others get one.
+        # The summaries fold new rows in once; after that every reading
+        # command leaves the file as it is.
         self.import_lines(self.lines())
         self.json_of("snapshot", "create", "base")
+        self.json_of("providers")
         db = sqlite3.connect(self.database, isolation_level=None)
         try:
             self.assertTrue(db.execute("SELECT COUNT(*) FROM sqlite_stat1").fetchone()[0])
@@ -1252,6 +1255,75 @@ class Scale(ToolCase):
             self.assertNotEqual(db.execute("PRAGMA data_version").fetchone()[0], version)
         finally:
             db.close()
+
+    def test_summaries_agree_with_the_rows(self):
+        # hosts, providers, runs and the stale marks of --latest read the
+        # summary of a writable file; a read-only configuration of the same
+        # file reads the rows. Both must agree after every kind of change.
+        conf = self.write("ro.xml", f"""<configuration instance_name="ro" type="sqlite3"
+            source_types="data" source_parameters="read_only=true|source={self.database}"/>""")
+        commands = (["providers"], ["hosts"], ["runs"], ["rows", "--latest", "--host", "node00*"])
+
+        def agree(step):
+            for args in commands:
+                with self.subTest(step=step, command=args[0]):
+                    self.assertEqual(self.json_of(*args), self.json_of("--config", conf, *args))
+
+        def edit(sql):
+            with sqlite3.connect(self.database) as db:
+                db.execute(sql)
+            db.close()
+
+        self.import_lines(self.lines(failing={("p03", "node001")}))
+        agree("first fold")
+        more = [dict(line, Unique_timestamp=line["Unique_timestamp"] + 3 * HOUR,
+                     Exit_status=1 if line["Provider"] == "p05" else 0)
+                for line in self.lines() if line["Hostname"] == "node002"]
+        self.import_lines(more, name="more.jsonl")
+        agree("rows after the mark")
+        edit("DELETE FROM provider_datastore WHERE rowid = 7")
+        agree("a covered row deleted")
+        edit("UPDATE provider_datastore SET Hostname = 'node009' WHERE rowid = 8")
+        agree("a covered row moved to another host")
+        edit("INSERT INTO provider_datastore(rowid, Provider, Hostname, Exit_status, "
+             "Unique_timestamp) VALUES (7, 'p00', 'node000', 2, 5)")
+        agree("a row inserted below the mark")
+        self.run_tool("prune", "--keep-runs", "1", "--yes")
+        with sqlite3.connect(self.database) as db:
+            (marks,) = db.execute("SELECT COUNT(*) FROM vesk_summary_mark").fetchone()
+        db.close()
+        self.assertEqual(marks, 1)  # prune built the summary again
+        agree("pruned")
+
+    def test_summary_readers_alongside_writers(self):
+        # Readers fold while importers write: every reader exits 0, and the
+        # summary the last one leaves agrees with the rows.
+        self.import_lines(self.lines())
+        files = []
+        for k in range(3):
+            lines = [dict(line, Unique_timestamp=line["Unique_timestamp"] + (k + 1) * 3 * HOUR)
+                     for line in self.lines()]
+            files.append(self.write(f"more{k}.jsonl", "".join(json.dumps(l) + "\n"
+                                                              for l in lines)))
+        writers = [subprocess.Popen([TOOL, "import", f, "--batch", "50"], env=self.env,
+                                    stdout=subprocess.DEVNULL, stderr=subprocess.PIPE)
+                   for f in files]
+        failures = []
+        while any(w.poll() is None for w in writers):
+            for command in ("hosts", "runs", "providers"):
+                proc = subprocess.run([TOOL, command], env=self.env, capture_output=True,
+                                      timeout=120)
+                if proc.returncode != OK:
+                    failures.append((command, proc.stderr.decode()))
+        for w in writers:
+            self.assertEqual(w.wait(), OK, w.stderr.read().decode())
+            w.stderr.close()
+        self.assertEqual(failures, [])
+        conf = self.write("ro.xml", f"""<configuration instance_name="ro" type="sqlite3"
+            source_types="data" source_parameters="read_only=true|source={self.database}"/>""")
+        for command in ("hosts", "runs", "providers"):
+            self.assertEqual(self.json_of(command), self.json_of("--config", conf, command))
+        self.assertEqual(sum(r["rows"] for r in self.json_of("runs")), 4 * 420)
 
 
 class Retention(ToolCase):

@@ -712,29 +712,15 @@ int cmd_hosts(const GlobalOptions& global) { return print_summary(global, false)
 
 int cmd_runs(const GlobalOptions& global, const RunsOptions& options) {
     auto store = open_store(global, Access::read);
-    // Grouped on the index that starts with Unique_timestamp, newest first;
-    // the counts travel in Row fields of their own type (rowid: rows,
-    // num_nodes: hosts, Exit_status: failed rows, Timestamp: first start).
-    const std::string query =
-        "SELECT Unique_timestamp, MIN(Timestamp) AS Timestamp, COUNT(DISTINCT Hostname) AS "
-        "num_nodes, COUNT(*) AS rowid, SUM(CASE WHEN Exit_status <> 0 THEN 1 ELSE 0 END) AS "
-        "Exit_status FROM " +
-        vesk::datastore::table_name + " GROUP BY Unique_timestamp ORDER BY Unique_timestamp DESC" +
-        (options.limit > 0 ? " LIMIT " + std::to_string(options.limit) : std::string());
-    struct Run {
-        int64_t start = 0;
-        int64_t hosts = 0;
-        int64_t rows = 0;
-        int64_t failed = 0;
-    };
-    std::map<int64_t, Run, std::greater<int64_t>> runs;
-    for (const auto& row : store->select_all(query, "listing the runs")) {
-        Run& run = runs[row.Unique_timestamp];
-        run.start = run.start == 0 ? row.Timestamp : std::min(run.start, row.Timestamp);
-        run.hosts += row.num_nodes;
-        run.rows += row.rowid;
-        run.failed += row.Exit_status;
-    }
+    std::map<int64_t, RunSummary, std::greater<int64_t>> runs;
+    for (const auto& name : store->data_names())
+        for (const auto& part : store->runs(name, options.limit)) {
+            RunSummary& run = runs[part.run];
+            run.start = run.start == 0 ? part.start : std::min(run.start, part.start);
+            run.hosts += part.hosts;
+            run.rows += part.rows;
+            run.failed += part.failed;
+        }
     Table table{{"run", "run_time", "start", "hosts", "rows", "failed"}, {}};
     Json list = Json::array();
     size_t shown = 0;

@@ -16,6 +16,7 @@
 #include "errors.h"
 #include "session.h"
 #include "sqlite_handles.h"
+#include "summary.h"
 
 namespace vesk::tool {
 
@@ -200,6 +201,13 @@ int cmd_prune(const GlobalOptions& global, const PruneOptions& options) {
             compacted = "vacuum";
         }
     }
+    // Removing rows dropped the summary's mark; built again here, so that
+    // the next `hosts` or `runs` does not pay for it. When it cannot be
+    // now, the next reader that can write builds it.
+    if (!dry_run && removed > 0 &&
+        pruner.number("SELECT COUNT(*) FROM sqlite_master WHERE "
+                      "name = 'vesk_summary_mark'") > 0)
+        (void)SummaryFile::fold(file, target);
     const int64_t rate = seconds > 0 ? int64_t(double(removed) / seconds) : 0;
     if (global.format == Format::json) {
         print_json(std::cout, Json{{"datastore", target},

@@ -14,6 +14,7 @@
 
 #include "vesk/datastore/interface.h"
 #include "vesk/datastore/operations.h"
+#include "vesk/datastore/parameter_pack.h"
 #include "vesk/datastore/parse_utility.h"
 #include "vesk/datastore/queries.h"
 #include "vesk/datastore/vocabulary.h"
@@ -21,6 +22,8 @@
 #include "vesk/str.h"
 
 #include "errors.h"
+#include "session.h"
+#include "summary.h"
 #include "validate.h"
 
 namespace vesk::tool {
@@ -226,25 +229,68 @@ bool Store::is_sqlite(const std::string& name) const {
     return true;
 }
 
+std::string Store::sqlite_file(const std::string& name, bool& read_only) const {
+    read_only = false;
+    for (const auto& entry : DataStoreParseUtility::get_datastore_vector()) {
+        if (entry.first.instance_name != name) continue;
+        const std::string file = datastore_file(entry.first);
+        std::string source;
+        if (!file.empty()) parse_sqlite_params(entry.first.source_parameters, source, read_only);
+        return file;
+    }
+    return "";
+}
+
+namespace {
+
+// The running summary of `name`'s file, brought up to date; null when the
+// datastore is no writable SQLite file or the summary cannot be kept now.
+std::unique_ptr<SummaryFile> folded_summary(const std::string& name, const std::string& file,
+                                            bool read_only) {
+    if (file.empty() || read_only) return nullptr;
+    return SummaryFile::fold(file, name);
+}
+
+// Rows after a summary's mark that a reader adds itself rather than wait
+// for a fold: a rowid range of that many rows reads in a few milliseconds.
+constexpr int64_t kSummaryLag = 20000;
+
+}  // namespace
+
 std::vector<StoredSummary> Store::summary() {
-    // Per provider and host, in one statement per datastore, from the index
-    // on (Provider, Hostname, OptionID, Unique_timestamp): it holds every
-    // column asked for, so the table itself is never read. Text names only,
-    // as provider_names() finds them.
     std::map<std::pair<std::string, std::string>, StoredSummary> merged;
     for (const auto& name : data_names()) {
-        const auto rows = select_from(
-            name,
-            "SELECT Provider, Hostname, COUNT(*) AS Timestamp, MAX(Unique_timestamp) AS "
-            "Unique_timestamp FROM " +
-                vesk::datastore::table_name + " WHERE Provider >= '' GROUP BY Provider, Hostname",
-            "reading what is stored");
-        for (const auto& row : rows) {
-            auto& entry = merged[{row.Provider, row.Hostname}];
-            entry.provider = row.Provider;
-            entry.host = row.Hostname;
-            entry.rows += row.Timestamp;
-            entry.latest_run = std::max(entry.latest_run, row.Unique_timestamp);
+        bool read_only = false;
+        const std::string file = sqlite_file(name, read_only);
+        std::vector<StoredSummary> part;
+        bool answered = false;
+        if (auto summary = folded_summary(name, file, read_only)) {
+            try {
+                part = summary->per_provider_host();
+                answered = true;
+            } catch (const ToolError&) {
+                // Covered rows changed under the read: the rows answer.
+            }
+        }
+        if (!answered)
+            // Per provider and host from the index on (Provider, Hostname,
+            // OptionID, Unique_timestamp): it holds every column asked for,
+            // so the table itself is never read. Text names only, as
+            // provider_names() finds them.
+            for (const auto& row : select_from(
+                     name,
+                     "SELECT Provider, Hostname, COUNT(*) AS Timestamp, MAX(Unique_timestamp) AS "
+                     "Unique_timestamp FROM " +
+                         vesk::datastore::table_name +
+                         " WHERE Provider >= '' GROUP BY Provider, Hostname",
+                     "reading what is stored"))
+                part.push_back({row.Provider, row.Hostname, row.Timestamp, row.Unique_timestamp});
+        for (const auto& s : part) {
+            auto& entry = merged[{s.provider, s.host}];
+            entry.provider = s.provider;
+            entry.host = s.host;
+            entry.rows += s.rows;
+            entry.latest_run = std::max(entry.latest_run, s.latest_run);
         }
     }
     std::vector<StoredSummary> result;
@@ -253,13 +299,23 @@ std::vector<StoredSummary> Store::summary() {
 }
 
 std::vector<GroupSummary> Store::group_summary(bool by_provider) {
+    const std::string name = data_names().front();
+    bool read_only = false;
+    const std::string file = sqlite_file(name, read_only);
+    if (auto summary = folded_summary(name, file, read_only)) {
+        try {
+            return summary->groups(by_provider);
+        } catch (const ToolError&) {
+            // Covered rows changed under the read: the rows answer.
+        }
+    }
     // Grouped in the datastore: per provider and host from the index alone
     // (as summary() reads it), then per provider or per host, so that only
     // the groups travel. The counts ride in Row fields of their own type
     // (num_nodes: providers or hosts, Timestamp: rows).
     const std::string key = by_provider ? "Provider" : "Hostname";
     const auto rows = select_from(
-        data_names().front(),
+        name,
         "SELECT " + key +
             ", COUNT(*) AS num_nodes, SUM(n) AS Timestamp, MAX(m) AS Unique_timestamp FROM "
             "(SELECT Provider, Hostname, COUNT(*) AS n, MAX(Unique_timestamp) AS m FROM " +
@@ -273,28 +329,76 @@ std::vector<GroupSummary> Store::group_summary(bool by_provider) {
     return groups;
 }
 
+std::vector<RunSummary> Store::runs(const std::string& name, size_t limit) {
+    bool read_only = false;
+    const std::string file = sqlite_file(name, read_only);
+    if (auto summary = folded_summary(name, file, read_only)) {
+        try {
+            return summary->runs(limit);
+        } catch (const ToolError&) {
+            // Covered rows changed under the read: the rows answer.
+        }
+    }
+    // Grouped on the index that starts with Unique_timestamp, newest first;
+    // the counts travel in Row fields of their own type (rowid: rows,
+    // num_nodes: hosts, Exit_status: failed rows, Timestamp: first start).
+    const std::string query =
+        "SELECT Unique_timestamp, MIN(Timestamp) AS Timestamp, COUNT(DISTINCT Hostname) AS "
+        "num_nodes, COUNT(*) AS rowid, SUM(CASE WHEN Exit_status <> 0 THEN 1 ELSE 0 END) AS "
+        "Exit_status FROM " +
+        vesk::datastore::table_name + " GROUP BY Unique_timestamp ORDER BY Unique_timestamp DESC" +
+        (limit > 0 ? " LIMIT " + std::to_string(limit) : std::string());
+    std::vector<RunSummary> runs;
+    for (const auto& row : select_from(name, query, "listing the runs"))
+        runs.push_back(
+            {row.Unique_timestamp, row.Timestamp, row.num_nodes, row.rowid, row.Exit_status});
+    return runs;
+}
+
 std::map<std::string, int64_t> Store::host_latest_runs(const std::set<std::string>& hosts) {
     std::map<std::string, int64_t> latest;
     if (hosts.empty()) return latest;
-    // Seeks on the index on (Provider, Hostname, ...): one per provider and
-    // host, never a walk over the table. The inner grouping follows the
-    // index; only its answer (a row per provider and host) is grouped again.
+    auto merge = [&](const std::string& host, int64_t run) {
+        auto& known = latest[host];
+        known = std::max(known, run);
+    };
+    // A file whose summary is current answers in one seek per host;
+    // others seek the index on (Provider, Hostname, ...) once per provider
+    // and host, never a walk over the table. The inner grouping follows
+    // the index; only its answer (a row per provider and host) is grouped
+    // again.
+    std::vector<std::string> unsummarised;
+    for (const auto& name : data_names()) {
+        bool read_only = false;
+        const std::string file = sqlite_file(name, read_only);
+        bool answered = false;
+        if (auto summary = file.empty() ? nullptr : SummaryFile::current(file, kSummaryLag)) {
+            try {
+                for (const auto& [host, run] : summary->host_latest_runs(hosts)) merge(host, run);
+                answered = true;
+            } catch (const ToolError&) {
+                // Covered rows changed under the read: the index answers.
+            }
+        }
+        if (!answered) unsummarised.push_back(name);
+    }
+    if (unsummarised.empty()) return latest;
     std::string provider_list;
     for (const auto& p : provider_names())
         provider_list += (provider_list.empty() ? "" : ",") + literal(p);
     if (provider_list.empty()) return latest;
     std::string host_list;
     for (const auto& h : hosts) host_list += (host_list.empty() ? "" : ",") + literal(h);
-    for (const auto& row :
-         select_all("SELECT Hostname, MAX(m) AS Unique_timestamp FROM (SELECT Provider, Hostname, "
-                    "MAX(Unique_timestamp) AS m FROM " +
-                        vesk::datastore::table_name + " WHERE Provider IN (" + provider_list +
-                        ") AND Hostname IN (" + host_list + ") GROUP BY Provider, Hostname) AS g " +
-                        "GROUP BY Hostname",
-                    "reading the hosts' latest runs")) {
-        auto& run = latest[row.Hostname];
-        run = std::max(run, row.Unique_timestamp);
-    }
+    for (const auto& name : unsummarised)
+        for (const auto& row : select_from(
+                 name,
+                 "SELECT Hostname, MAX(m) AS Unique_timestamp FROM (SELECT Provider, Hostname, "
+                 "MAX(Unique_timestamp) AS m FROM " +
+                     vesk::datastore::table_name + " WHERE Provider IN (" + provider_list +
+                     ") AND Hostname IN (" + host_list + ") GROUP BY Provider, Hostname) AS g " +
+                     "GROUP BY Hostname",
+                 "reading the hosts' latest runs"))
+            merge(row.Hostname, row.Unique_timestamp);
     return latest;
 }
 

@@ -43,6 +43,16 @@ struct GroupSummary {
     int64_t latest_run = 0;
 };
 
+// One collection run: its id (Unique_timestamp), the first start time of
+// its rows, and its hosts, rows and failed rows.
+struct RunSummary {
+    int64_t run = 0;
+    int64_t start = 0;
+    int64_t hosts = 0;
+    int64_t rows = 0;
+    int64_t failed = 0;
+};
+
 class Store {
 public:
     // Opens `configs` (all of them) and records them in the library's list.
@@ -59,12 +69,16 @@ public:
     bool is_sqlite(const std::string& name) const;
 
     // What is stored, per provider and host, merged over the "data"
-    // datastores, ordered by provider and host. Throws ToolError (exit 2)
-    // when a datastore fails to answer.
+    // datastores, ordered by provider and host. A writable SQLite file
+    // answers from its running summary (see summary.h), others from their
+    // rows. Throws ToolError (exit 2) when a datastore fails to answer.
     std::vector<StoredSummary> summary();
     // The same grouped per provider (`by_provider`) or per host, by the one
     // "data" datastore; callers with several use summary().
     std::vector<GroupSummary> group_summary(bool by_provider);
+    // The collection runs of the "data" datastore `name`, newest first, at
+    // most `limit` (0: all); from the summary as summary() reads it.
+    std::vector<RunSummary> runs(const std::string& name, size_t limit);
     // Every stored provider name, sorted; read once, again after insert().
     std::vector<std::string> provider_names();
     // True when some "data" datastore holds a row of `provider`.
@@ -128,6 +142,10 @@ public:
     std::map<std::string, int64_t> host_latest_runs(const std::set<std::string>& hosts);
 
 private:
+    // The file of the SQLite datastore `name` and whether it was configured
+    // read-only; "" for other datastores.
+    std::string sqlite_file(const std::string& name, bool& read_only) const;
+
     std::shared_ptr<vesk::datastore::DataStoreController> controller_;
     bool bulk_supported_ = true;
     std::set<std::string> warned_;  // skipped provider names already reported
