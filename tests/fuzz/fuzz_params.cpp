@@ -1,14 +1,100 @@
 // Parameter strings as an extension receives them: parse_sqlite_params, then
 // the source as the SQLite extension prepares it (blanks and one pair of
-// double quotes removed, then wordexp). The extension's further keys
-// (busy_timeout_ms, query_timeout_ms, max_length) are read inside the
-// extension, which has no entry point for them short of opening a database.
+// double quotes removed, then wordexp); the key check every SQL extension
+// runs at open (the SQLite extension's keys); and, when the ODBC extension
+// is built, its own parser.
+#include <cctype>
 #include <cstdint>
+#include <map>
 #include <string>
 
 #include "vesk/datastore.h"
+#include "vesk/datastore/sql/checks.h"
+#ifdef VESK_FUZZ_ODBC
+#include "odbc_parameters.h"
+#endif
 
 #include "fuzz_support.h"
+
+namespace {
+
+namespace checks = vesk::datastore::sql::checks;
+
+// The SQLite extension's keys.
+const checks::KnownKeys& sqlite_keys() {
+    static const checks::KnownKeys keys{
+        {"source", checks::ValueKind::text},
+        {"read_only", checks::ValueKind::boolean},
+        {"busy_timeout_ms", checks::ValueKind::milliseconds},
+        {"query_timeout_ms", checks::ValueKind::milliseconds},
+        {"max_length", checks::ValueKind::bytes},
+        {"max_result_bytes", checks::ValueKind::bytes},
+        {"vfs", checks::ValueKind::text},
+    };
+    return keys;
+}
+
+bool digits(const std::string& text) {
+    if (text.empty() || text.size() > 12) return false;
+    for (char c : text)
+        if (!std::isdigit(static_cast<unsigned char>(c))) return false;
+    return true;
+}
+
+// An accepted string gives known keys with values of their kind, and one
+// more item with an unknown or repeated key is refused by name.
+void check_kit_parser(const std::string& parameters) {
+    std::map<std::string, std::string> values;
+    if (!checks::parse_parameters(parameters, sqlite_keys(), values).empty()) return;
+    for (const auto& [key, value] : values) {
+        const auto known = sqlite_keys().find(key);
+        VESK_FUZZ_CHECK(known != sqlite_keys().end());
+        VESK_FUZZ_CHECK(value.find('|') == std::string::npos);
+        if (known->second == checks::ValueKind::boolean)
+            VESK_FUZZ_CHECK(value == "true" || value == "false");
+        if (known->second == checks::ValueKind::milliseconds ||
+            known->second == checks::ValueKind::bytes)
+            VESK_FUZZ_CHECK(digits(value));
+    }
+    std::map<std::string, std::string> more;
+    const std::string unknown =
+        checks::parse_parameters(parameters + "|nokey=1", sqlite_keys(), more);
+    VESK_FUZZ_CHECK(unknown.find("nokey") != std::string::npos);
+    if (!values.empty()) {
+        const std::string& key = values.begin()->first;
+        more.clear();
+        const std::string twice = checks::parse_parameters(
+            parameters + "|" + key + "=" + values.begin()->second, sqlite_keys(), more);
+        VESK_FUZZ_CHECK(twice.find(key) != std::string::npos);
+    }
+}
+
+#ifdef VESK_FUZZ_ODBC
+// An accepted string gives values within their ranges; an unknown key
+// added is refused by name.
+void check_odbc_parser(const std::string& parameters) {
+    namespace odbc = vesk::datastore::odbc_backend;
+    odbc::OdbcParameters out;
+    std::string error;
+    if (!odbc::parse_odbc_parameters(parameters, out, error)) {
+        VESK_FUZZ_CHECK(!error.empty());
+        return;
+    }
+    VESK_FUZZ_CHECK(out.rows_per_statement >= 1 &&
+                    out.rows_per_statement <= odbc::max_rows_per_statement);
+    VESK_FUZZ_CHECK(out.login_timeout_s >= 0 && out.login_timeout_s <= odbc::max_timeout_s);
+    VESK_FUZZ_CHECK(out.query_timeout_s >= 0 && out.query_timeout_s <= odbc::max_timeout_s);
+    VESK_FUZZ_CHECK(out.source_is_dsn == (out.source.find('=') == std::string::npos));
+    if (parameters.find('=') != std::string::npos) {
+        odbc::OdbcParameters more;
+        error.clear();
+        VESK_FUZZ_CHECK(!odbc::parse_odbc_parameters(parameters + "|nokey=1", more, error));
+        VESK_FUZZ_CHECK(error.find("nokey") != std::string::npos);
+    }
+}
+#endif
+
+}  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
     ::setenv("HOME", "/home/fuzz", 1);
@@ -41,5 +127,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (path.size() >= 2 && path.front() == '"' && path.back() == '"')
         path = path.substr(1, path.size() - 2);
     (void)vesk::str::wordexp(path);
+
+    check_kit_parser(parameters);
+#ifdef VESK_FUZZ_ODBC
+    check_odbc_parser(parameters);
+#endif
     return 0;
 }
