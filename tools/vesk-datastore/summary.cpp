@@ -233,8 +233,7 @@ std::unique_ptr<SummaryFile> SummaryFile::current(const std::string& file, int64
 }
 
 void SummaryFile::fail(const std::string& what) const {
-    throw ToolError(kExitError,
-                    what + " of " + file_ + " failed: " + sqlite3_errmsg(db_.get()));
+    throw ToolError(kExitError, what + " of " + file_ + " failed: " + sqlite3_errmsg(db_.get()));
 }
 
 Stmt SummaryFile::prepare(const std::string& sql) const {
@@ -305,11 +304,10 @@ std::vector<RunSummary> SummaryFile::runs(size_t limit) {
         std::vector<RunSummary> runs;
         int rc;
         while ((rc = sqlite3_step(stmt.get())) == SQLITE_ROW)
-            runs.push_back({sqlite3_column_int64(stmt.get(), 0),
-                            sqlite3_column_int64(stmt.get(), 1),
-                            sqlite3_column_int64(stmt.get(), 2),
-                            sqlite3_column_int64(stmt.get(), 3),
-                            sqlite3_column_int64(stmt.get(), 4)});
+            runs.push_back(
+                {sqlite3_column_int64(stmt.get(), 0), sqlite3_column_int64(stmt.get(), 1),
+                 sqlite3_column_int64(stmt.get(), 2), sqlite3_column_int64(stmt.get(), 3),
+                 sqlite3_column_int64(stmt.get(), 4)});
         if (rc != SQLITE_DONE) fail("reading the summary");
         return runs;
     });
@@ -318,8 +316,8 @@ std::vector<RunSummary> SummaryFile::runs(size_t limit) {
 std::map<std::string, int64_t> SummaryFile::host_latest_runs(const std::set<std::string>& hosts) {
     return read_marked([&](int64_t mark) {
         std::map<std::string, int64_t> latest;
-        Stmt covered = prepare(
-            "SELECT MAX(latest_run) FROM vesk_summary_host_provider WHERE Hostname = ?1");
+        Stmt covered =
+            prepare("SELECT MAX(latest_run) FROM vesk_summary_host_provider WHERE Hostname = ?1");
         for (const auto& host : hosts) {
             sqlite3_reset(covered.get());
             sqlite3_bind_text(covered.get(), 1, host.data(), int(host.size()), SQLITE_STATIC);
@@ -329,8 +327,7 @@ std::map<std::string, int64_t> SummaryFile::host_latest_runs(const std::set<std:
         }
         // The rows stored after the mark (few: current() bounds them), read
         // by row number (the unary plus keeps SQLite off the provider index).
-        Stmt after = prepare("SELECT IFNULL(Hostname, ''), MAX(Unique_timestamp) FROM " +
-                             table() +
+        Stmt after = prepare("SELECT IFNULL(Hostname, ''), MAX(Unique_timestamp) FROM " + table() +
                              " WHERE rowid > ?1 AND +Provider >= '' GROUP BY 1");
         sqlite3_bind_int64(after.get(), 1, mark);
         int rc;
