@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <iostream>
 #include <map>
+#include <optional>
 #include <sstream>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -243,12 +244,21 @@ std::string Store::sqlite_file(const std::string& name, bool& read_only) const {
 
 namespace {
 
-// The running summary of `name`'s file, brought up to date; null when the
-// datastore is no writable SQLite file or the summary cannot be kept now.
-std::unique_ptr<SummaryFile> folded_summary(const std::string& name, const std::string& file,
-                                            bool read_only) {
-    if (file.empty() || read_only) return nullptr;
-    return SummaryFile::fold(file, name);
+// `read(summary)` on the summary of the datastore `name` (its SQLite
+// `file`), brought up to date first; nothing when the datastore keeps none
+// (another type, read-only, a file this process cannot write) or covered
+// rows changed under the read. The caller then reads the rows.
+template <typename Read>
+auto from_summary(const std::string& name, const std::string& file, bool read_only, Read&& read)
+    -> std::optional<decltype(read(std::declval<SummaryFile&>()))> {
+    if (file.empty() || read_only) return std::nullopt;
+    auto summary = SummaryFile::fold(file, name);
+    if (!summary) return std::nullopt;
+    try {
+        return read(*summary);
+    } catch (const ToolError&) {
+        return std::nullopt;
+    }
 }
 
 // Rows after a summary's mark that a reader adds itself rather than wait
@@ -262,17 +272,12 @@ std::vector<StoredSummary> Store::summary() {
     for (const auto& name : data_names()) {
         bool read_only = false;
         const std::string file = sqlite_file(name, read_only);
-        std::vector<StoredSummary> part;
-        bool answered = false;
-        if (auto summary = folded_summary(name, file, read_only)) {
-            try {
-                part = summary->per_provider_host();
-                answered = true;
-            } catch (const ToolError&) {
-                // Covered rows changed under the read: the rows answer.
-            }
-        }
-        if (!answered)
+        auto summarised = from_summary(name, file, read_only, [](SummaryFile& summary) {
+            return summary.per_provider_host();
+        });
+        std::vector<StoredSummary> part =
+            summarised ? std::move(*summarised) : std::vector<StoredSummary>();
+        if (!summarised)
             // Per provider and host from the index on (Provider, Hostname,
             // OptionID, Unique_timestamp): it holds every column asked for,
             // so the table itself is never read. Text names only, as
@@ -302,13 +307,10 @@ std::vector<GroupSummary> Store::group_summary(bool by_provider) {
     const std::string name = data_names().front();
     bool read_only = false;
     const std::string file = sqlite_file(name, read_only);
-    if (auto summary = folded_summary(name, file, read_only)) {
-        try {
-            return summary->groups(by_provider);
-        } catch (const ToolError&) {
-            // Covered rows changed under the read: the rows answer.
-        }
-    }
+    if (auto groups = from_summary(name, file, read_only, [&](SummaryFile& summary) {
+            return summary.groups(by_provider);
+        }))
+        return std::move(*groups);
     // Grouped in the datastore: per provider and host from the index alone
     // (as summary() reads it), then per provider or per host, so that only
     // the groups travel. The counts ride in Row fields of their own type
@@ -332,13 +334,9 @@ std::vector<GroupSummary> Store::group_summary(bool by_provider) {
 std::vector<RunSummary> Store::runs(const std::string& name, size_t limit) {
     bool read_only = false;
     const std::string file = sqlite_file(name, read_only);
-    if (auto summary = folded_summary(name, file, read_only)) {
-        try {
-            return summary->runs(limit);
-        } catch (const ToolError&) {
-            // Covered rows changed under the read: the rows answer.
-        }
-    }
+    if (auto runs = from_summary(name, file, read_only,
+                                 [&](SummaryFile& summary) { return summary.runs(limit); }))
+        return std::move(*runs);
     // Grouped on the index that starts with Unique_timestamp, newest first;
     // the counts travel in Row fields of their own type (rowid: rows,
     // num_nodes: hosts, Exit_status: failed rows, Timestamp: first start).
