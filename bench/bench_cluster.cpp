@@ -322,16 +322,22 @@ void BM_ToolImport(benchmark::State& state) {
         benchmark::Counter(double(state.iterations() * row_count()), benchmark::Counter::kIsRate);
 }
 
+// A fresh `home` holding a copy of the benchmark's store; the copy's file.
+std::string copy_store(const std::string& home) {
+    const std::string source = store_file(store_home());
+    fs::remove_all(home);
+    const fs::path copy = fs::path(home) / fs::relative(source, store_home());
+    fs::create_directories(copy.parent_path());
+    fs::copy_file(source, copy);
+    return copy.string();
+}
+
 // `hosts` on a copy of the store without its summary: the first summary
 // read after an import of every row builds it from them.
 void BM_FirstSummaryRead(benchmark::State& state) {
-    const std::string source = store_file(store_home());
     const std::string home = work_dir() + "/first-read";
     for (auto _ : state) {
-        fs::remove_all(home);
-        const fs::path copy = fs::path(home) / fs::relative(source, store_home());
-        fs::create_directories(copy.parent_path());
-        fs::copy_file(source, copy);
+        const std::string copy = copy_store(home);
         sqlite3* db = nullptr;
         bool dropped =
             sqlite3_open_v2(copy.c_str(), &db, SQLITE_OPEN_READWRITE, nullptr) == SQLITE_OK;
@@ -358,17 +364,13 @@ void BM_FirstSummaryRead(benchmark::State& state) {
 }
 
 void BM_Prune(benchmark::State& state) {
-    const std::string source = store_file(store_home());
     const std::string home = work_dir() + "/prune";
     int64_t removed = 0;
     int64_t failures = 0;
     int64_t reads = 0;
     for (auto _ : state) {
-        fs::remove_all(home);
-        const fs::path copy = fs::path(home) / fs::relative(source, store_home());
-        fs::create_directories(copy.parent_path());
-        fs::copy_file(source, copy);
-        const int64_t before = count_rows(copy.string());
+        const std::string copy = copy_store(home);
+        const int64_t before = count_rows(copy);
         std::atomic<bool> done{false};
         std::thread reader([&] {
             while (!done) {
@@ -384,7 +386,7 @@ void BM_Prune(benchmark::State& state) {
             std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count());
         done = true;
         reader.join();
-        removed += before - count_rows(copy.string());
+        removed += before - count_rows(copy);
         if (status != 0) state.SkipWithError("prune failed");
     }
     fs::remove_all(home);

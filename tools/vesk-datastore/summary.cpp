@@ -260,57 +260,53 @@ auto SummaryFile::read_marked(Read&& read) {
     return answer;
 }
 
+// Every row of `sql`, each made into a record by `make(stmt)`, inside a
+// read transaction that sees the mark.
+template <typename Make>
+auto SummaryFile::read_all(const std::string& sql, Make&& make) {
+    return read_marked([&](int64_t) {
+        Stmt stmt = prepare(sql);
+        std::vector<decltype(make(stmt.get()))> records;
+        int rc;
+        while ((rc = sqlite3_step(stmt.get())) == SQLITE_ROW) records.push_back(make(stmt.get()));
+        if (rc != SQLITE_DONE) fail("reading the summary");
+        return records;
+    });
+}
+
 std::vector<GroupSummary> SummaryFile::groups(bool by_provider) {
     const std::string key = by_provider ? "Provider" : "Hostname";
-    return read_marked([&](int64_t) {
-        Stmt stmt = prepare("SELECT " + key +
-                            ", COUNT(*), SUM(row_count), MAX(latest_run) FROM "
-                            "vesk_summary_host_provider GROUP BY " +
-                            key);
-        std::vector<GroupSummary> groups;
-        int rc;
-        while ((rc = sqlite3_step(stmt.get())) == SQLITE_ROW)
-            groups.push_back({text_of(stmt.get(), 0), sqlite3_column_int64(stmt.get(), 1),
-                              sqlite3_column_int64(stmt.get(), 2),
-                              sqlite3_column_int64(stmt.get(), 3)});
-        if (rc != SQLITE_DONE) fail("reading the summary");
-        return groups;
-    });
+    return read_all("SELECT " + key +
+                        ", COUNT(*), SUM(row_count), MAX(latest_run) FROM "
+                        "vesk_summary_host_provider GROUP BY " +
+                        key,
+                    [](sqlite3_stmt* row) {
+                        return GroupSummary{text_of(row, 0), sqlite3_column_int64(row, 1),
+                                            sqlite3_column_int64(row, 2),
+                                            sqlite3_column_int64(row, 3)};
+                    });
 }
 
 std::vector<StoredSummary> SummaryFile::per_provider_host() {
-    return read_marked([&](int64_t) {
-        Stmt stmt = prepare(
-            "SELECT Provider, Hostname, row_count, latest_run FROM vesk_summary_host_provider "
-            "ORDER BY Provider, Hostname");
-        std::vector<StoredSummary> entries;
-        int rc;
-        while ((rc = sqlite3_step(stmt.get())) == SQLITE_ROW)
-            entries.push_back({text_of(stmt.get(), 0), text_of(stmt.get(), 1),
-                               sqlite3_column_int64(stmt.get(), 2),
-                               sqlite3_column_int64(stmt.get(), 3)});
-        if (rc != SQLITE_DONE) fail("reading the summary");
-        return entries;
-    });
+    return read_all(
+        "SELECT Provider, Hostname, row_count, latest_run FROM vesk_summary_host_provider "
+        "ORDER BY Provider, Hostname",
+        [](sqlite3_stmt* row) {
+            return StoredSummary{text_of(row, 0), text_of(row, 1), sqlite3_column_int64(row, 2),
+                                 sqlite3_column_int64(row, 3)};
+        });
 }
 
 std::vector<RunSummary> SummaryFile::runs(size_t limit) {
-    return read_marked([&](int64_t) {
-        Stmt stmt = prepare(
-            "SELECT Unique_timestamp, MIN(first_start), COUNT(*), SUM(row_count), "
-            "SUM(failed_count) FROM vesk_summary_run GROUP BY Unique_timestamp ORDER BY "
-            "Unique_timestamp DESC" +
-            (limit > 0 ? " LIMIT " + std::to_string(limit) : std::string()));
-        std::vector<RunSummary> runs;
-        int rc;
-        while ((rc = sqlite3_step(stmt.get())) == SQLITE_ROW)
-            runs.push_back(
-                {sqlite3_column_int64(stmt.get(), 0), sqlite3_column_int64(stmt.get(), 1),
-                 sqlite3_column_int64(stmt.get(), 2), sqlite3_column_int64(stmt.get(), 3),
-                 sqlite3_column_int64(stmt.get(), 4)});
-        if (rc != SQLITE_DONE) fail("reading the summary");
-        return runs;
-    });
+    return read_all(
+        "SELECT Unique_timestamp, MIN(first_start), COUNT(*), SUM(row_count), SUM(failed_count) "
+        "FROM vesk_summary_run GROUP BY Unique_timestamp ORDER BY Unique_timestamp DESC" +
+            (limit > 0 ? " LIMIT " + std::to_string(limit) : std::string()),
+        [](sqlite3_stmt* row) {
+            return RunSummary{sqlite3_column_int64(row, 0), sqlite3_column_int64(row, 1),
+                              sqlite3_column_int64(row, 2), sqlite3_column_int64(row, 3),
+                              sqlite3_column_int64(row, 4)};
+        });
 }
 
 std::map<std::string, int64_t> SummaryFile::host_latest_runs(const std::set<std::string>& hosts) {

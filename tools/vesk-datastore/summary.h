@@ -57,6 +57,8 @@ private:
     // Runs `read` in one read transaction in which the mark exists.
     template <typename Read>
     auto read_marked(Read&& read);
+    template <typename Make>
+    auto read_all(const std::string& sql, Make&& make);
 
     Db db_;
     std::string file_;
