@@ -368,6 +368,7 @@ private:
     int open_connection(bool immutable);
     bool configure_connection();
     bool use_wal();
+    bool set_checkpoint_size();
     bool create_schema();
     void release();
 
@@ -611,7 +612,21 @@ bool SqliteExtension::configure_connection() {
     if (rc != SQLITE_OK) return fail_open(reason(rc));
     if (read_only_) return exec("PRAGMA query_only = ON;") || fail_open("cannot set query_only");
     return use_wal() &&
-           (exec("PRAGMA synchronous = NORMAL;") || fail_open("cannot set synchronous"));
+           (exec("PRAGMA synchronous = NORMAL;") || fail_open("cannot set synchronous")) &&
+           set_checkpoint_size();
+}
+
+// A writer folds the write-ahead log into the file once it holds 16,384
+// pages (64 MiB at the default page size) rather than SQLite's 1,000. An
+// import commits batches of tens of megabytes; with the default every
+// commit was followed by a checkpoint that copied its pages into the file
+// and synced it, index pages the batch before had rewritten included. The
+// log is cut back to 64 MiB when a checkpoint lets it start over, so one
+// large transaction does not leave a large file behind.
+bool SqliteExtension::set_checkpoint_size() {
+    return (exec("PRAGMA wal_autocheckpoint = 16384;") &&
+            exec("PRAGMA journal_size_limit = 67108864;")) ||
+           fail_open("cannot set the size of the write-ahead log");
 }
 
 bool SqliteExtension::use_wal() {
