@@ -25,12 +25,15 @@ const std::vector<std::string>& schema_statements();
 // The latest row per (OptionID, Hostname, Provider): the greatest
 // Unique_timestamp, ties to the lowest rowid; a group whose time stamps are
 // all NULL gives its highest rowid. `condition` is the WHERE condition the
-// base class builds (" (Provider IN ('p') )...").
+// base class builds (" (Provider IN ('p') )..."). In SQLite's order: by
+// Provider, Hostname, OptionID, in byte order with NULL first.
 std::string latest_rows_sql(const std::string& condition);
 // The rows of the newest collection run, one per (OptionID, Hostname,
-// Provider), the lowest rowid of each group.
+// Provider), the lowest rowid of each group, in the order of those three
+// (SQLite's order unless it reads one provider's rows from its index).
 std::string latest_run_sql(const std::string& condition);
-// The latest "uname" row per host (the hosts query, operation 512).
+// The latest "uname" row per host (the hosts query, operation 512), by host
+// in byte order.
 std::string hosts_sql();
 
 // The texts above as the kit's dialect record, for an extension built on it.
