@@ -64,8 +64,8 @@ std::vector<TestRow> random_rows(unsigned seed) {
     int64_t id = 0;
     for (int64_t& slot : ids) slot = id += 1 + static_cast<int64_t>(rng() % 3);  // gaps
     std::shuffle(ids.begin(), ids.end(), rng);  // insertion order differs from rowid order
-    // Case and punctuation order these otherwise under a language's
-    // collation than in byte order.
+    // A language's collation puts these in another order than their bytes
+    // do (case, punctuation).
     const char* providers[] = {"p1", "P2", "p-3", "uname"};
     const char* hosts[] = {"node-b", "nodeA", "nodea"};
     const char* options[] = {"a", "B"};
