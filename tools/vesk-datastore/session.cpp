@@ -47,11 +47,13 @@ std::vector<std::string> g_files;
 
 const std::vector<std::string>& opened_files() { return g_files; }
 
-std::string datastore_file(const vesk::datastore::DataStoreConfig& config) {
+std::string datastore_file(const vesk::datastore::DataStoreConfig& config, bool* read_only) {
+    if (read_only != nullptr) *read_only = false;
     if (config.type != vesk::datastore::sqlite3) return "";
     std::string source = vesk::datastore::DEFAULT_DATA_SOURCE;
-    bool read_only = false;
-    if (!parse_sqlite_params(config.source_parameters, source, read_only)) return "";
+    bool configured_read_only = false;
+    if (!parse_sqlite_params(config.source_parameters, source, configured_read_only)) return "";
+    if (read_only != nullptr) *read_only = configured_read_only;
     source = vesk::str::stripws(source);
     if (source.size() >= 2 && source.front() == '"' && source.back() == '"')
         source = source.substr(1, source.size() - 2);

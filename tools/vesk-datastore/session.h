@@ -28,8 +28,10 @@ std::unique_ptr<Store> open_store(const GlobalOptions& global, Access access);
 
 // The file of an SQLite datastore as its extension reads the parameters
 // ("source", blanks and quotes removed, variables expanded); "" for other
-// types and in-memory databases.
-std::string datastore_file(const vesk::datastore::DataStoreConfig& config);
+// types and in-memory databases. `read_only`, when given, receives the
+// "read_only" parameter.
+std::string datastore_file(const vesk::datastore::DataStoreConfig& config,
+                           bool* read_only = nullptr);
 
 // The files of the datastores opened by open_store, for messages.
 const std::vector<std::string>& opened_files();

@@ -230,27 +230,26 @@ bool Store::is_sqlite(const std::string& name) const {
     return true;
 }
 
-std::string Store::sqlite_file(const std::string& name, bool& read_only) const {
-    read_only = false;
-    for (const auto& entry : DataStoreParseUtility::get_datastore_vector()) {
-        if (entry.first.instance_name != name) continue;
-        const std::string file = datastore_file(entry.first);
-        std::string source;
-        if (!file.empty()) parse_sqlite_params(entry.first.source_parameters, source, read_only);
-        return file;
-    }
+namespace {
+
+// The file of the SQLite datastore `name` and whether it was configured
+// read-only; "" for other datastores.
+std::string sqlite_file(const std::string& name, bool* read_only = nullptr) {
+    for (const auto& entry : DataStoreParseUtility::get_datastore_vector())
+        if (entry.first.instance_name == name) return datastore_file(entry.first, read_only);
+    if (read_only != nullptr) *read_only = false;
     return "";
 }
 
-namespace {
-
-// `read(summary)` on the summary of the datastore `name` (its SQLite
-// `file`), brought up to date first; nothing when the datastore keeps none
-// (another type, read-only, a file this process cannot write) or covered
-// rows changed under the read. The caller then reads the rows.
+// `read(summary)` on the summary of the datastore `name`, brought up to
+// date first; nothing when the datastore keeps none (another type,
+// read-only, a file this process cannot write) or covered rows changed
+// under the read. The caller then reads the rows.
 template <typename Read>
-auto from_summary(const std::string& name, const std::string& file, bool read_only, Read&& read)
+auto from_summary(const std::string& name, Read&& read)
     -> std::optional<decltype(read(std::declval<SummaryFile&>()))> {
+    bool read_only = false;
+    const std::string file = sqlite_file(name, &read_only);
     if (file.empty() || read_only) return std::nullopt;
     auto summary = SummaryFile::fold(file, name);
     if (!summary) return std::nullopt;
@@ -270,11 +269,8 @@ constexpr int64_t kSummaryLag = 20000;
 std::vector<StoredSummary> Store::summary() {
     std::map<std::pair<std::string, std::string>, StoredSummary> merged;
     for (const auto& name : data_names()) {
-        bool read_only = false;
-        const std::string file = sqlite_file(name, read_only);
-        auto summarised = from_summary(name, file, read_only, [](SummaryFile& summary) {
-            return summary.per_provider_host();
-        });
+        auto summarised =
+            from_summary(name, [](SummaryFile& summary) { return summary.per_provider_host(); });
         std::vector<StoredSummary> part =
             summarised ? std::move(*summarised) : std::vector<StoredSummary>();
         if (!summarised)
@@ -305,11 +301,8 @@ std::vector<StoredSummary> Store::summary() {
 
 std::vector<GroupSummary> Store::group_summary(bool by_provider) {
     const std::string name = data_names().front();
-    bool read_only = false;
-    const std::string file = sqlite_file(name, read_only);
-    if (auto groups = from_summary(name, file, read_only, [&](SummaryFile& summary) {
-            return summary.groups(by_provider);
-        }))
+    if (auto groups =
+            from_summary(name, [&](SummaryFile& summary) { return summary.groups(by_provider); }))
         return std::move(*groups);
     // Grouped in the datastore: per provider and host from the index alone
     // (as summary() reads it), then per provider or per host, so that only
@@ -332,10 +325,7 @@ std::vector<GroupSummary> Store::group_summary(bool by_provider) {
 }
 
 std::vector<RunSummary> Store::runs(const std::string& name, size_t limit) {
-    bool read_only = false;
-    const std::string file = sqlite_file(name, read_only);
-    if (auto runs = from_summary(name, file, read_only,
-                                 [&](SummaryFile& summary) { return summary.runs(limit); }))
+    if (auto runs = from_summary(name, [&](SummaryFile& summary) { return summary.runs(limit); }))
         return std::move(*runs);
     // Grouped on the index that starts with Unique_timestamp, newest first;
     // the counts travel in Row fields of their own type (rowid: rows,
@@ -367,8 +357,7 @@ std::map<std::string, int64_t> Store::host_latest_runs(const std::set<std::strin
     // again.
     std::vector<std::string> unsummarised;
     for (const auto& name : data_names()) {
-        bool read_only = false;
-        const std::string file = sqlite_file(name, read_only);
+        const std::string file = sqlite_file(name);
         bool answered = false;
         if (auto summary = file.empty() ? nullptr : SummaryFile::current(file, kSummaryLag)) {
             try {

@@ -142,10 +142,6 @@ public:
     std::map<std::string, int64_t> host_latest_runs(const std::set<std::string>& hosts);
 
 private:
-    // The file of the SQLite datastore `name` and whether it was configured
-    // read-only; "" for other datastores.
-    std::string sqlite_file(const std::string& name, bool& read_only) const;
-
     std::shared_ptr<vesk::datastore::DataStoreController> controller_;
     bool bulk_supported_ = true;
     std::set<std::string> warned_;  // skipped provider names already reported
