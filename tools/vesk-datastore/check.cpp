@@ -18,17 +18,14 @@ namespace {
 // SQLite's findings for `file` ("ok" alone when it is sound), or why the
 // check could not run.
 std::vector<std::string> integrity_check(const std::string& file) {
-    sqlite3* raw = nullptr;
-    const int rc = sqlite3_open_v2(file.c_str(), &raw, SQLITE_OPEN_READONLY, nullptr);
-    Db db(raw);
+    int rc = SQLITE_OK;
+    Db db = open_db(file, SQLITE_OPEN_READONLY, rc);
     if (rc != SQLITE_OK)
-        return {std::string("cannot open: ") + (raw ? sqlite3_errmsg(raw) : sqlite3_errstr(rc))};
+        return {std::string("cannot open: ") +
+                (db ? sqlite3_errmsg(db.get()) : sqlite3_errstr(rc))};
     sqlite3_busy_timeout(db.get(), 5000);
-    sqlite3_stmt* stmt_raw = nullptr;
-    if (sqlite3_prepare_v2(db.get(), "PRAGMA integrity_check;", -1, &stmt_raw, nullptr) !=
-        SQLITE_OK)
-        return {sqlite3_errmsg(db.get())};
-    Stmt stmt(stmt_raw);
+    Stmt stmt = prepare(db.get(), "PRAGMA integrity_check;");
+    if (!stmt) return {sqlite3_errmsg(db.get())};
     std::vector<std::string> findings;
     int step;
     while ((step = sqlite3_step(stmt.get())) == SQLITE_ROW) {

@@ -30,10 +30,10 @@ constexpr int kBusyAttempts = 20;
 class Pruner {
 public:
     explicit Pruner(const std::string& file) : file_(file) {
-        sqlite3* raw = nullptr;
-        const int rc = sqlite3_open_v2(file.c_str(), &raw, SQLITE_OPEN_READWRITE, nullptr);
-        db_.reset(raw);
-        if (rc != SQLITE_OK) fail("cannot open", raw ? sqlite3_errmsg(raw) : sqlite3_errstr(rc));
+        int rc = SQLITE_OK;
+        db_ = open_db(file, SQLITE_OPEN_READWRITE, rc);
+        if (rc != SQLITE_OK)
+            fail("cannot open", db_ ? sqlite3_errmsg(db_.get()) : sqlite3_errstr(rc));
         sqlite3_busy_timeout(db_.get(), kBusyTimeoutMs);
     }
 
@@ -51,10 +51,9 @@ public:
     }
 
     Stmt prepare(const std::string& sql) {
-        sqlite3_stmt* raw = nullptr;
-        if (sqlite3_prepare_v2(db_.get(), sql.c_str(), -1, &raw, nullptr) != SQLITE_OK)
-            fail("cannot prepare a statement for", sqlite3_errmsg(db_.get()));
-        return Stmt(raw);
+        Stmt stmt = vesk::tool::prepare(db_.get(), sql);
+        if (!stmt) fail("cannot prepare a statement for", sqlite3_errmsg(db_.get()));
+        return stmt;
     }
 
     // The first column of the single-row answer of `sql`.

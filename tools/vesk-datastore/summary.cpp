@@ -73,9 +73,8 @@ std::vector<std::string> fold_statements() {
 }
 
 Db open_file(const std::string& file, int flags) {
-    sqlite3* raw = nullptr;
-    const int rc = sqlite3_open_v2(file.c_str(), &raw, flags, nullptr);
-    Db db(raw);
+    int rc = SQLITE_OK;
+    Db db = open_db(file, flags, rc);
     if (rc != SQLITE_OK) return nullptr;
     sqlite3_extended_result_codes(db.get(), 1);
     return db;
@@ -85,17 +84,11 @@ bool exec(sqlite3* db, const std::string& sql) {
     return sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr) == SQLITE_OK;
 }
 
-Stmt prepare_on(sqlite3* db, const std::string& sql) {
-    sqlite3_stmt* raw = nullptr;
-    if (sqlite3_prepare_v2(db, sql.c_str(), -1, &raw, nullptr) != SQLITE_OK) return nullptr;
-    return Stmt(raw);
-}
-
 // The first column of `sql`'s first row: nullopt when it has no row, the
 // value is NULL, or it fails (`ok` false then).
 std::optional<int64_t> number(sqlite3* db, const std::string& sql, bool& ok) {
     ok = false;
-    Stmt stmt = prepare_on(db, sql);
+    Stmt stmt = vesk::tool::prepare(db, sql);
     if (!stmt) return std::nullopt;
     const int rc = sqlite3_step(stmt.get());
     if (rc == SQLITE_DONE) {
@@ -168,10 +161,10 @@ std::unique_ptr<SummaryFile> SummaryFile::fold(const std::string& file,
             for (const auto& sql : schema()) ok = ok && exec(db.get(), sql);
         if (ok && folds.empty()) {
             for (const auto& sql : fold_statements()) {
-                folds.push_back(prepare_on(db.get(), sql));
+                folds.push_back(vesk::tool::prepare(db.get(), sql));
                 ok = ok && folds.back();
             }
-            set_mark = prepare_on(db.get(), "INSERT INTO vesk_summary_mark VALUES(?1)");
+            set_mark = vesk::tool::prepare(db.get(), "INSERT INTO vesk_summary_mark VALUES(?1)");
             ok = ok && set_mark;
         }
         std::optional<int64_t> mark;
@@ -237,7 +230,7 @@ void SummaryFile::fail(const std::string& what) const {
 }
 
 Stmt SummaryFile::prepare(const std::string& sql) const {
-    Stmt stmt = prepare_on(db_.get(), sql);
+    Stmt stmt = vesk::tool::prepare(db_.get(), sql);
     if (!stmt) fail("reading the summary");
     return stmt;
 }
