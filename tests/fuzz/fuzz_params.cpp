@@ -10,6 +10,8 @@
 
 #include "vesk/datastore.h"
 #include "vesk/datastore/sql/checks.h"
+
+#include "sqlite_keys.h"
 #ifdef VESK_FUZZ_ODBC
 #include "odbc_parameters.h"
 #endif
@@ -20,19 +22,7 @@ namespace {
 
 namespace checks = vesk::datastore::sql::checks;
 
-// The SQLite extension's keys.
-const checks::KnownKeys& sqlite_keys() {
-    static const checks::KnownKeys keys{
-        {"source", checks::ValueKind::text},
-        {"read_only", checks::ValueKind::boolean},
-        {"busy_timeout_ms", checks::ValueKind::milliseconds},
-        {"query_timeout_ms", checks::ValueKind::milliseconds},
-        {"max_length", checks::ValueKind::bytes},
-        {"max_result_bytes", checks::ValueKind::bytes},
-        {"vfs", checks::ValueKind::text},
-    };
-    return keys;
-}
+using vesk::datastore::sqlite_backend::known_keys;  // the SQLite extension's keys
 
 bool digits(const std::string& text) {
     if (text.empty() || text.size() > 12) return false;
@@ -45,10 +35,10 @@ bool digits(const std::string& text) {
 // more item with an unknown or repeated key is refused by name.
 void check_kit_parser(const std::string& parameters) {
     std::map<std::string, std::string> values;
-    if (!checks::parse_parameters(parameters, sqlite_keys(), values).empty()) return;
+    if (!checks::parse_parameters(parameters, known_keys(), values).empty()) return;
     for (const auto& [key, value] : values) {
-        const auto known = sqlite_keys().find(key);
-        VESK_FUZZ_CHECK(known != sqlite_keys().end());
+        const auto known = known_keys().find(key);
+        VESK_FUZZ_CHECK(known != known_keys().end());
         VESK_FUZZ_CHECK(value.find('|') == std::string::npos);
         if (known->second == checks::ValueKind::boolean)
             VESK_FUZZ_CHECK(value == "true" || value == "false");
@@ -58,13 +48,13 @@ void check_kit_parser(const std::string& parameters) {
     }
     std::map<std::string, std::string> more;
     const std::string unknown =
-        checks::parse_parameters(parameters + "|nokey=1", sqlite_keys(), more);
+        checks::parse_parameters(parameters + "|nokey=1", known_keys(), more);
     VESK_FUZZ_CHECK(unknown.find("nokey") != std::string::npos);
     if (!values.empty()) {
         const std::string& key = values.begin()->first;
         more.clear();
         const std::string twice = checks::parse_parameters(
-            parameters + "|" + key + "=" + values.begin()->second, sqlite_keys(), more);
+            parameters + "|" + key + "=" + values.begin()->second, known_keys(), more);
         VESK_FUZZ_CHECK(twice.find(key) != std::string::npos);
     }
 }

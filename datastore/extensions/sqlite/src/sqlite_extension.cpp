@@ -74,6 +74,7 @@
 #include "vesk/str.h"
 
 #include "sqlite_connection.h"
+#include "sqlite_keys.h"
 
 namespace vesk::datastore {
 namespace {
@@ -89,20 +90,7 @@ constexpr long long kRowOverhead = 128;
 
 #define VESK_SQLITE_LOG(level) vesk::log::ErrorLog(__FILE__, __func__, __LINE__, level).stream()
 
-// The keys of the parameter string and the grammar of their values.
-const sql::checks::KnownKeys& known_keys() {
-    using sql::checks::ValueKind;
-    static const sql::checks::KnownKeys keys{
-        {"source", ValueKind::text},
-        {"read_only", ValueKind::boolean},
-        {"busy_timeout_ms", ValueKind::milliseconds},
-        {"query_timeout_ms", ValueKind::milliseconds},
-        {"max_length", ValueKind::bytes},
-        {"max_result_bytes", ValueKind::bytes},
-        {"vfs", ValueKind::text},
-    };
-    return keys;
-}
+using sqlite_backend::known_keys;
 
 // Connections and statements are released by their owners; a connection is
 // closed after all its statements (members are declared in that order).
