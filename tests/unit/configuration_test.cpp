@@ -324,7 +324,7 @@ TEST_F(ConfigurationTest, ShellOperatorsInPathsStayLiteral) {
 
 // ---- the attributes of a configuration element ----
 
-TEST_F(ConfigurationTest, ParseXmlReportsBadAttributesInKeyOrder) {
+TEST_F(ConfigurationTest, ParseXmlStripsValuesAndReportsBadAttributesInKeyOrder) {
     const std::string params = "source_parameters=\"p\" ";
     const std::vector<std::pair<std::string, std::string>> cases{
         // source_types comes before type: of two wrong attributes it is reported.
@@ -340,9 +340,8 @@ TEST_F(ConfigurationTest, ParseXmlReportsBadAttributesInKeyOrder) {
     for (const auto& [attributes, message] : cases)
         EXPECT_EQ(parse_attributes(attributes).instance_name,
                   "Invalid value for attribute " + message);
-}
 
-TEST_F(ConfigurationTest, ParseXmlReadsStrippedValuesAndLeavesOtherRootsAlone) {
+    // Values are stripped, unknown attributes ignored, other roots left alone.
     auto config = parse_attributes(
         "instance_name=\"  a b  \" type=\" odbc \" source_types=\" data|stream \" "
         "source_parameters=\" source=x|read_only=true \" colour=\"red\"");
