@@ -123,13 +123,7 @@ protected:
 
 // ---- records and name tables ----
 
-TEST(RecordsTest, DefaultsAndSetOrdering) {
-    const ReadParameters read;
-    EXPECT_TRUE(read.first.empty() && read.second.empty() && read.third.empty() &&
-                read.sql == nullptr);
-    const ProviderInfo info;
-    EXPECT_TRUE(info.rowid == 0 && info.name.empty() && info.config == nullptr);
-
+TEST(RecordsTest, SetOrdering) {
     // Provider sets order and deduplicate by rowid alone.
     ProviderInfoSet providers{{5, "a", nullptr}, {2, "b", nullptr}};
     EXPECT_FALSE(providers.insert({5, "c", nullptr}).second);
@@ -147,10 +141,7 @@ TEST(RecordsTest, DefaultsAndSetOrdering) {
 
 TEST(VocabularyTest, NameTablesAndDefaults) {
     EXPECT_EQ(nodelist_method_map.count("NONE"), 0u);  // read in lower case only
-    EXPECT_EQ(nodelist_method_names[vesk::NONE], "NONE");
-    EXPECT_EQ(row_field_index.count("Version"), 0u);
-    EXPECT_EQ(DEFAULT_DATA_SOURCE, "$HOME/.vesk/2019.2.1/vesk.db");  // expanded by the reader
-    std::set<int> priorities;                                        // no priority 0
+    std::set<int> priorities;                          // no priority 0
     for (const auto& entry : syslog_level_map) priorities.insert(entry.second);
     EXPECT_EQ(priorities, (std::set<int>{1, 2, 3, 4, 5, 6, 7}));
 
@@ -225,27 +216,21 @@ TEST_F(ConfigurationTest, EntriesOfGroupsResolveAgainstTheInstallPath) {
     EXPECT_EQ(configs[1].source_parameters, "dsn");
 }
 
+// The walk passes the reader's refusal on, with one level-3 line (libxml2
+// prints nothing itself), and leaves the list of datastores alone.
 TEST_F(ConfigurationTest, UnreadableConfigurationFileThrowsTheFixedTextAndLogsWhy) {
     Utility::db_vec.emplace_back(DataStoreConfig(), std::weak_ptr<DataStoreExtension>());
     dir_.write("etc/datastore/broken.xml", "<configuration instance_name=\"x\"");
-    const std::vector<std::pair<std::string, std::string>> cases{
-        {"missing.xml", "cannot read: No such file or directory"},
-        {"broken.xml", "(line 1, column "}};
-    for (const auto& [file, reason] : cases) {
-        // libxml2 prints nothing itself; the error log writes one line at level 3.
-        vesk::log::LOG_LEVEL = 3;
-        ::testing::internal::CaptureStderr();
-        EXPECT_THAT(
-            [&] {
-                parse_group("<group><entry config_file=\"" + file + "\">libx.so</entry></group>");
-            },
-            ::testing::ThrowsMessage<std::runtime_error>("Error opening datastore configuration"));
-        const std::string logged = ::testing::internal::GetCapturedStderr();
-        EXPECT_THAT(logged, ::testing::HasSubstr(reason));
-        EXPECT_THAT(logged, ::testing::EndsWith(" in datastore configuration " +
-                                                dir_.file("etc/datastore/" + file) + "\n"));
-        EXPECT_EQ(std::count(logged.begin(), logged.end(), '\n'), 1) << logged;
-    }
+    vesk::log::LOG_LEVEL = 3;
+    ::testing::internal::CaptureStderr();
+    EXPECT_THAT(
+        [&] { parse_group("<group><entry config_file=\"broken.xml\">libx.so</entry></group>"); },
+        ::testing::ThrowsMessage<std::runtime_error>("Error opening datastore configuration"));
+    const std::string logged = ::testing::internal::GetCapturedStderr();
+    EXPECT_THAT(logged, ::testing::HasSubstr("(line 1, column "));
+    EXPECT_THAT(logged, ::testing::EndsWith(" in datastore configuration " +
+                                            dir_.file("etc/datastore/broken.xml") + "\n"));
+    EXPECT_EQ(std::count(logged.begin(), logged.end(), '\n'), 1) << logged;
     EXPECT_EQ(Utility::db_vec.size(), 1u);
 }
 
@@ -266,12 +251,7 @@ TEST_F(ConfigurationTest, ReadConfigDocumentRefusesWhatCouldExhaustMemory) {
         {"big.xml", big,
          "larger than the limit of 1048576 bytes (" + std::to_string(big.size()) + " bytes)"},
         {"gzip.xml", std::string("\x1f\x8b\x08\x00", 4) + good, "compressed file (gzip)"},
-        {"xz.xml",
-         std::string("\xfd"
-                     "7zXZ\0",
-                     6) +
-             good,
-         "compressed file (xz)"},
+        {"xz.xml", std::string("\xfd\x37zXZ\0", 6) + good, "compressed file (xz)"},
         {"entity.xml",
          "<!DOCTYPE configuration [<!ENTITY a \"aaaa\">]><configuration type=\"sqlite3\" "
          "source_types=\"data\" source_parameters=\"p\" instance_name=\"&a;&a;\"/>",
@@ -344,7 +324,7 @@ TEST_F(ConfigurationTest, ShellOperatorsInPathsStayLiteral) {
 
 // ---- the attributes of a configuration element ----
 
-TEST_F(ConfigurationTest, ParseXmlReportsBadAttributesInKeyOrder) {
+TEST_F(ConfigurationTest, ParseXmlStripsValuesAndReportsBadAttributesInKeyOrder) {
     const std::string params = "source_parameters=\"p\" ";
     const std::vector<std::pair<std::string, std::string>> cases{
         // source_types comes before type: of two wrong attributes it is reported.
@@ -360,9 +340,8 @@ TEST_F(ConfigurationTest, ParseXmlReportsBadAttributesInKeyOrder) {
     for (const auto& [attributes, message] : cases)
         EXPECT_EQ(parse_attributes(attributes).instance_name,
                   "Invalid value for attribute " + message);
-}
 
-TEST_F(ConfigurationTest, ParseXmlReadsStrippedValuesAndLeavesOtherRootsAlone) {
+    // Values are stripped, unknown attributes ignored, other roots left alone.
     auto config = parse_attributes(
         "instance_name=\"  a b  \" type=\" odbc \" source_types=\" data|stream \" "
         "source_parameters=\" source=x|read_only=true \" colour=\"red\"");
