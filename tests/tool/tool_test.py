@@ -557,11 +557,9 @@ class Idempotent(ToolCase):
         path, proc = self.import_lines(self.lines(500), before=("--format", "json"))
         self.assertEqual(json.loads(proc.stdout)["rows"], 500)
         first = self.stored_rows()
-        again = json.loads(self.run_tool("--format", "json", "import", path).stdout)
-        self.assertEqual((again["rows"], again["skipped"]), (0, 500))
-        self.assertEqual(self.stored_rows(), first)
         text = self.run_tool("import", path).stdout.decode()
         self.assertIn("imported 0 rows, skipped 500 already stored", text)
+        self.assertEqual(self.stored_rows(), first)
 
         # An interrupted import is finished by running it again: only the rest is stored.
         self.import_lines(self.lines(800), "--batch", "64", name="more.jsonl",
