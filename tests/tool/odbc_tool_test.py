@@ -10,13 +10,12 @@ own. Under CI=true a missing server fails the tests instead of skipping them.
 import base64
 import json
 import os
-import sqlite3
 import subprocess
 import sys
 import unittest
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from tool_test import ERROR, HOUR, NOTHING, NOW, OK, ToolCase, cluster_lines  # noqa: E402
+from tool_test import ERROR, NOTHING, NOW, ToolCase, cluster_lines  # noqa: E402
 
 DATABASE = "vesk_tool"
 
@@ -40,15 +39,10 @@ def server():
     return (conn.replace("Database=postgres;", f"Database={DATABASE};"), port), None
 
 
-def psql(port, sql, database="postgres"):
-    subprocess.run(["psql", "-X", "-q", "-v", "ON_ERROR_STOP=1", "-h", "127.0.0.1", "-p", port,
-                    "-U", "postgres", "-d", database, "-c", sql],
-                   check=True, capture_output=True)
-
-
-def psql_rows(port, sql):
-    out = subprocess.run(["psql", "-X", "-q", "-A", "-t", "-h", "127.0.0.1", "-p", port, "-U",
-                          "postgres", "-d", DATABASE, "-c", sql],
+def psql(port, sql, database=DATABASE):
+    """Runs `sql`; returns the rows of its answer as lists of text."""
+    out = subprocess.run(["psql", "-X", "-q", "-A", "-t", "-v", "ON_ERROR_STOP=1", "-h",
+                          "127.0.0.1", "-p", port, "-U", "postgres", "-d", database, "-c", sql],
                          check=True, capture_output=True).stdout.decode()
     return [line.split("|") for line in out.splitlines() if line]
 
@@ -65,13 +59,12 @@ class OdbcToolCase(ToolCase):
                 self.fail(f"no PostgreSQL test server: {why}")
             self.skipTest(f"no PostgreSQL test server: {why}")
         self.source, self.port = found
-        psql(self.port, f"DROP DATABASE IF EXISTS {DATABASE} WITH (FORCE)")
-        psql(self.port, f"CREATE DATABASE {DATABASE}")
-        self.pg = self.write("pg.xml", f"""<configuration instance_name="pg" type="odbc"
-            source_types="data" source_parameters="source={self.source}"/>""")
+        psql(self.port, f"DROP DATABASE IF EXISTS {DATABASE} WITH (FORCE)", "postgres")
+        psql(self.port, f"CREATE DATABASE {DATABASE}", "postgres")
+        self.pg = self.config("pg.xml", "pg", f"source={self.source}", kind="odbc")
 
     def count(self, table="provider_datastore"):
-        return int(psql_rows(self.port, f"SELECT count(*) FROM {table}")[0][0])
+        return int(psql(self.port, f"SELECT count(*) FROM {table}")[0][0])
 
 
 class OdbcDatastore(OdbcToolCase):
@@ -89,11 +82,10 @@ class OdbcDatastore(OdbcToolCase):
         self.assertEqual(rows["binary"]["Encoding"], 1)
         self.assertEqual(base64.b64decode(rows["binary"]["STDOUT"]), b"caf\xe9\x00\n")
 
-        self.import_lines(cluster_lines(hosts=4, runs=3, stale=()), before=pg)
-        self.assertEqual(self.count(), 3 + 4 * 3 * 5)
-        # Importing the same rows again stores nothing twice.
-        self.import_lines(cluster_lines(hosts=4, runs=3, stale=()), before=pg)
-        self.assertEqual(self.count(), 3 + 4 * 3 * 5)
+        cluster = cluster_lines(hosts=4, runs=3, stale=())
+        for _ in range(2):  # the second import stores nothing twice
+            self.import_lines(cluster, before=pg)
+            self.assertEqual(self.count(), 3 + 4 * 3 * 5)
 
         latest = self.json_of(*pg, "rows", "--latest", "--provider", "uptime")
         self.assertEqual(sorted(r["Hostname"] for r in latest),
@@ -128,11 +120,10 @@ class OdbcDatastore(OdbcToolCase):
         self.assertEqual([(d["provider"], d["host"]) for d in diff["differences"]],
                          [("uptime", "node000")])
         self.json_of(*pg, "snapshot", "create", "after")
-        self.assertEqual([s["snapshot"] for s in self.json_of(*pg, "snapshot", "list")],
-                         ["after", "base"])
+        listed = lambda: [s["snapshot"] for s in self.json_of(*pg, "snapshot", "list")]  # noqa
+        self.assertEqual(listed(), ["after", "base"])
         self.json_of(*pg, "snapshot", "remove", "base")
-        self.assertEqual([s["snapshot"] for s in self.json_of(*pg, "snapshot", "list")],
-                         ["after"])
+        self.assertEqual(listed(), ["after"])
         proc = self.run_tool(*pg, "snapshot", "remove", "base", expect=ERROR)
         self.assertIn('no snapshot named "base"', self.stderr_line(proc))
         self.assertEqual(self.count(), 3 + 4 * 3 * 5 + 1)  # the rows stay
@@ -159,12 +150,8 @@ class MixedGroup(OdbcToolCase):
 
     def setUp(self):
         super().setUp()
-        self.write("lite.xml", f"""<configuration instance_name="lite" type="sqlite3"
-            source_types="data" source_parameters="source={self.home}/lite.db"/>""")
-        self.group = self.write("group.xml", """<datastores><group path="datastore/lumok64">
-            <entry config_path="$HOME" config_file="lite.xml">libsqlite.so</entry>
-            <entry config_path="$HOME" config_file="pg.xml">libodbc.so</entry>
-            </group></datastores>""")
+        self.config("lite.xml", "lite", f"source={self.home}/lite.db")
+        self.group = self.group_file(("lite.xml", "libsqlite.so"), ("pg.xml", "libodbc.so"))
         lines = cluster_lines(hosts=4, runs=1, stale=())
         for name, part in (("lite", lines[:10]), ("pg", lines[10:])):
             self.import_lines(part, before=("--config", self.group, "--datastore", name))
@@ -183,9 +170,8 @@ class MixedGroup(OdbcToolCase):
         made = self.json_of(*both, "--datastore", "pg", "snapshot", "create", "s")
         self.assertEqual((made["datastore"], made["rows"]), ("pg", 10))
         self.assertEqual(self.count("baseline_datastore"), 10)
-        with sqlite3.connect(os.path.join(self.home, "lite.db")) as db:
-            self.assertEqual(db.execute("SELECT COUNT(*) FROM baseline_datastore").fetchone()[0],
-                             0)
+        self.assertEqual(self.sql("SELECT COUNT(*) FROM baseline_datastore",
+                                  path=os.path.join(self.home, "lite.db")), [(0,)])
         self.assertEqual([s["snapshot"] for s in self.json_of(*both, "snapshot", "list")], ["s"])
         self.json_of(*both, "--datastore", "pg", "snapshot", "remove", "s")
         self.assertEqual(self.count("baseline_datastore"), 0)

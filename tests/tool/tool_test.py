@@ -7,6 +7,7 @@ database at $HOME/.vesk/2019.2.1/vesk.db. The binary comes from $VESK_TOOL.
 """
 
 import base64
+from contextlib import closing
 import json
 import os
 import shutil
@@ -21,6 +22,10 @@ import unittest
 
 TOOL = os.environ.get("VESK_TOOL", "")
 OK, NOTHING, ERROR = 0, 1, 2
+# A row's columns, in the order of every format's header and of export.
+COLUMNS = ["rowid", "Provider", "Hostname", "num_nodes", "node_names", "Exit_status", "Timestamp",
+           "Duration", "Encoding", "STDOUT", "STDERR", "OptionID", "version", "Username",
+           "Unique_timestamp"]
 
 
 class ToolCase(unittest.TestCase):
@@ -58,22 +63,24 @@ class ToolCase(unittest.TestCase):
             f.write(text)
         return path
 
+    def sql(self, statement, *params, path=None):
+        """Runs one statement on a database file behind the tool's back; returns its rows."""
+        with closing(sqlite3.connect(path or self.database)) as db, db:
+            return db.execute(statement, params).fetchall()
+
     def stored_count(self):
         """Rows in the datastore file, read directly (for checks only)."""
         if not os.path.exists(self.database):
             return 0
-        with sqlite3.connect(self.database) as db:
-            return db.execute("SELECT COUNT(*) FROM provider_datastore").fetchone()[0]
+        return self.sql("SELECT COUNT(*) FROM provider_datastore")[0][0]
 
     def stored_rows(self):
         """Every stored row and snapshot membership, read directly, for before/after checks."""
         if not os.path.exists(self.database):
             return None
-        with sqlite3.connect(self.database) as db:
-            rows = db.execute("SELECT * FROM provider_datastore ORDER BY rowid").fetchall()
-            snaps = db.execute("SELECT baseline_id, datastore_rowid FROM baseline_datastore "
-                               "ORDER BY 1, 2").fetchall()
-        return rows, snaps
+        return (self.sql("SELECT * FROM provider_datastore ORDER BY rowid"),
+                self.sql("SELECT baseline_id, datastore_rowid FROM baseline_datastore "
+                         "ORDER BY 1, 2"))
 
     def import_lines(self, lines, *after, before=(), expect=OK, name="rows.jsonl"):
         """Imports `lines` (dicts become JSON); returns the file's path and the process."""
@@ -93,6 +100,32 @@ class ToolCase(unittest.TestCase):
         lines = proc.stderr.decode().strip().splitlines()
         self.assertEqual(len(lines), 1, proc.stderr.decode())
         return lines[0]
+
+    def config(self, name, instance, params, kind="sqlite3", types="data"):
+        """A datastore configuration file in HOME; returns its path."""
+        return self.write(name, f'<configuration instance_name="{instance}" type="{kind}" '
+                                f'source_types="{types}" source_parameters="{params}"/>')
+
+    def read_only_config(self):
+        return self.config("ro.xml", "ro", f"read_only=true|source={self.database}")
+
+    def other_home(self, name):
+        """The environment of a second, empty HOME beside this one."""
+        os.mkdir(os.path.join(self.home, name))
+        return dict(self.env, HOME=os.path.join(self.home, name))
+
+    def group_file(self, *entries):
+        """A group file whose entries are (configuration file in HOME, extension)."""
+        return self.write("group.xml", '<datastores><group path="datastore/lumok64">' + "".join(
+            f'<entry config_path="$HOME" config_file="{f}">{lib}</entry>' for f, lib in entries)
+            + "</group></datastores>")
+
+
+def as_stranger():
+    """preexec_fn: run as a user and group that own nothing here."""
+    os.setgroups([])
+    os.setgid(54321)
+    os.setuid(54321)
 
 
 class Usage(ToolCase):
@@ -116,19 +149,14 @@ class Config(ToolCase):
         shown = self.json_of("config", "show")
         self.assertTrue(shown["file"].endswith("/etc/datastore/default_sqlite.xml"))
         [store] = shown["datastores"]
-        self.assertEqual(store["instance_name"], "vesk_default")
-        self.assertEqual(store["type"], "sqlite3")
-        self.assertEqual(store["source_types"], "data")
-        self.assertEqual(store["extension_name"], "libsqlite.so")
-        self.assertTrue(store["library_found"])
+        self.assertEqual([store[k] for k in ("instance_name", "type", "source_types",
+                                             "extension_name", "library_found")],
+                         ["vesk_default", "sqlite3", "data", "libsqlite.so", True])
         self.assertIn('$HOME/.vesk/2019.2.1/vesk.db', store["source_parameters"])
 
     def test_check_group_file_and_datastore_file(self):
-        conf = self.write("one.xml", f"""<configuration instance_name="mine" type="sqlite3"
-            source_types="data|stream" source_parameters="source={self.home}/mine.db"/>""")
-        group = self.write("group.xml", """<datastores><group path="datastore/lumok64">
-            <entry config_path="$HOME" config_file="one.xml">libsqlite.so</entry>
-            </group></datastores>""")
+        conf = self.config("one.xml", "mine", f"source={self.home}/mine.db", types="data|stream")
+        group = self.group_file(("one.xml", "libsqlite.so"))
         self.assertIn(b"ok, 1 datastore", self.run_tool("config", "check", group).stdout)
         [store] = self.json_of("config", "check", conf)["datastores"]
         self.assertEqual((store["instance_name"], store["source_types"]), ("mine", "data|stream"))
@@ -182,14 +210,10 @@ class Collect(ToolCase):
         result = self.collect(self.PROVIDERS, expect=NOTHING)  # some providers failed
         self.assertLess(time.monotonic() - started, 10, "providers must not wait for each other")
         by_name = {r["provider"]: r for r in result["rows"]}
-        self.assertEqual([r["provider"] for r in result["rows"]],
-                         ["hello", "failing", "binary", "missing", "crash", "slow"])
-        self.assertEqual(by_name["hello"]["exit_status"], 0)
-        self.assertEqual(by_name["failing"]["exit_status"], 3)
+        self.assertEqual([(r["provider"], r["exit_status"]) for r in result["rows"]],
+                         [("hello", 0), ("failing", 3), ("binary", 0), ("missing", 127),
+                          ("crash", 128 + 11), ("slow", 124)])
         self.assertEqual(by_name["failing"]["option"], "opt-7")
-        self.assertEqual(by_name["missing"]["exit_status"], 127)
-        self.assertEqual(by_name["crash"]["exit_status"], 128 + 11)
-        self.assertEqual(by_name["slow"]["exit_status"], 124)
         self.assertTrue(by_name["slow"]["timed_out"])
         self.assertLess(by_name["slow"]["duration"], 5)
 
@@ -244,15 +268,11 @@ class Collect(ToolCase):
 class Rows(ToolCase):
     def setUp(self):
         super().setUp()
-        lines = []
-        for run, (host, value) in enumerate([("h1", "a"), ("h2", "b"), ("h1", "c")], start=1):
-            for provider in ("p1", "p2"):
-                lines.append(json.dumps({"Provider": provider, "Hostname": host,
-                                         "Unique_timestamp": run * 1000000,
-                                         "Exit_status": run - 1,
-                                         "STDOUT": f"{provider}-{value}\n"}))
-        self.write("rows.jsonl", "\n".join(lines) + "\n")
-        self.run_tool("import", os.path.join(self.home, "rows.jsonl"))
+        self.import_lines([{"Provider": provider, "Hostname": host, "Exit_status": run - 1,
+                            "Unique_timestamp": run * 1000000, "STDOUT": f"{provider}-{value}\n"}
+                           for run, (host, value) in enumerate([("h1", "a"), ("h2", "b"),
+                                                                ("h1", "c")], start=1)
+                           for provider in ("p1", "p2")])
 
     def test_filters_and_latest(self):
         self.assertEqual(len(self.json_of("rows")), 6)
@@ -283,26 +303,14 @@ class Rows(ToolCase):
 
     def test_table_and_csv(self):
         table = self.run_tool("rows", "--provider", "p2").stdout.decode().splitlines()
-        self.assertEqual(table[0].split(), ["rowid", "Provider", "Hostname", "num_nodes",
-                                            "node_names", "Exit_status", "Timestamp", "Duration",
-                                            "Encoding", "OptionID", "version", "Username",
-                                            "Unique_timestamp"])
+        self.assertEqual(table[0].split(), [c for c in COLUMNS if c not in ("STDOUT", "STDERR")])
         self.assertEqual(len(table), 4)
         self.assertNotIn("\033[", "".join(table))  # no colour off a terminal
         csv = self.run_tool("--format", "csv", "rows", "--provider", "p2",
                             "--show-output").stdout.decode()
-        self.assertTrue(csv.startswith("rowid,Provider,Hostname,num_nodes,node_names,Exit_status,"
-                                       "Timestamp,Duration,Encoding,STDOUT,STDERR,OptionID,"
-                                       "version,Username,Unique_timestamp,stdout_text,"
-                                       "stderr_text\r\n"), csv)
+        self.assertTrue(csv.startswith(",".join(COLUMNS + ["stdout_text", "stderr_text"]) +
+                                       "\r\n"), csv)
         self.assertIn('"p2-a\n"', csv)
-
-    def test_empty_datastore(self):
-        env = dict(self.env, HOME=os.path.join(self.home, "empty"))
-        os.mkdir(env["HOME"])
-        self.run_tool("import", "-", stdin=b"", env=env)  # creates the store, stores nothing
-        for command in ("rows", "hosts", "providers", "export"):
-            self.run_tool(command, expect=NOTHING, env=env)
 
 
 class ImportExport(ToolCase):
@@ -315,20 +323,13 @@ class ImportExport(ToolCase):
         self.collect("hello : echo hello\nbinary : printf '\\377'\nfail : exit 4\n", expect=NOTHING)
         exported = self.run_tool("export").stdout.decode().splitlines()
         self.assertEqual(len(exported), 3)
-        other = os.path.join(self.home, "other")
-        os.mkdir(other)
-        env = dict(self.env, HOME=other)
-        proc = subprocess.run([TOOL, "import", "-"], input="\n".join(exported).encode(),
-                              env=env, capture_output=True)
-        self.assertEqual(proc.returncode, 0, proc.stderr)
-        again = subprocess.run([TOOL, "export"], env=env, capture_output=True).stdout
+        env = self.other_home("other")
+        self.run_tool("import", "-", stdin="\n".join(exported).encode(), env=env)
+        again = self.run_tool("export", env=env).stdout
         drop_rowid = lambda lines: sorted(  # noqa: E731
             json.dumps({k: v for k, v in json.loads(l).items() if k != "rowid"}) for l in lines)
         self.assertEqual(drop_rowid(again.decode().splitlines()), drop_rowid(exported))
-        keys = list(json.loads(exported[0]).keys())
-        self.assertEqual(keys, ["rowid", "Provider", "Hostname", "num_nodes", "node_names",
-                                "Exit_status", "Timestamp", "Duration", "Encoding", "STDOUT",
-                                "STDERR", "OptionID", "version", "Username", "Unique_timestamp"])
+        self.assertEqual(list(json.loads(exported[0]).keys()), COLUMNS)
 
     def test_rows_without_a_run_form_one_new_run(self):
         self.run_tool("import", self.write("a.jsonl", self.rows(5, Unique_timestamp=7)))
@@ -336,8 +337,6 @@ class ImportExport(ToolCase):
         runs = sorted({r["Unique_timestamp"] for r in self.json_of("rows")})
         self.assertEqual(len(runs), 2)
         self.assertEqual(runs[0], 7)
-        summary = self.json_of("import", self.write("c.jsonl", self.rows(3)))
-        self.assertEqual(summary["rows"], 3)
 
     def test_bad_line_is_reported_and_its_batch_not_written(self):
         good = self.rows(4).splitlines()
@@ -371,15 +370,7 @@ class Snapshot(ToolCase):
         self.write("value", "one\ntwo\nthree\n")
         self.write("code", "0")
         self.collect(stable)
-        self.run_tool("snapshot", "list", expect=NOTHING)
-        created = self.json_of("snapshot", "create", "before")
-        self.assertEqual(created["rows"], 3)
-        self.run_tool("snapshot", "create", "before", expect=ERROR)
-
-        # Nothing changed yet: the snapshot equals the latest run.
-        diff = self.json_of("snapshot", "diff", "before")
-        self.assertEqual((diff["identical"], diff["differences"]), (3, []))
-
+        self.assertEqual(self.json_of("snapshot", "create", "before")["rows"], 3)
         self.write("value", "one\n2\nthree\n")
         self.write("code", "5")
         self.collect(stable + "extra : echo new\n", expect=NOTHING)  # status exits 5
@@ -391,8 +382,6 @@ class Snapshot(ToolCase):
                          ["@@ -1,3 +1,3 @@", " one", "-two", "+2", " three"])
         self.assertEqual(changes["extra"]["change"], "new")
         self.assertEqual(diff["identical"], 1)
-        table = self.run_tool("snapshot", "diff", "before", expect=NOTHING).stdout.decode()
-        self.assertIn("3 differences, 1 identical", table)
 
         self.json_of("snapshot", "create", "after")
         listed = {s["snapshot"]: s for s in self.json_of("snapshot", "list")}
@@ -416,10 +405,6 @@ class Snapshot(ToolCase):
                 'vesk-datastore: no snapshot named "before"'), proc.stderr)
         self.assertEqual(self.stored_count(), 7)  # removing a snapshot keeps the rows
 
-    def test_nothing_to_snapshot(self):
-        self.run_tool("import", "-", stdin=b"")
-        self.run_tool("snapshot", "create", "empty", expect=NOTHING)
-
 
 class Sql(ToolCase):
     def test_sql_file_into_database(self):
@@ -428,15 +413,14 @@ class Sql(ToolCase):
                                          "INSERT INTO t VALUES (2, 'y');\n")
         db = os.path.join(self.home, "t.db")
         self.run_tool("sql", script, db)
-        with sqlite3.connect(db) as conn:
-            self.assertEqual(conn.execute("SELECT SUM(a) FROM t").fetchone()[0], 3)
+        self.assertEqual(self.sql("SELECT SUM(a) FROM t", path=db), [(3,)])
         bad = self.write("bad.sql", "INSERT INTO t VALUES (3, 'z');\nINSERT INTO nowhere VALUES (1);\n")
         proc = self.run_tool("sql", bad, db, expect=ERROR)
         line = self.stderr_line(proc)
         self.assertIn("SQL command error: INSERT INTO nowhere VALUES (1);", line)
         self.assertIn(f"{bad}:2: no such table: nowhere; nothing of the file was applied", line)
-        with sqlite3.connect(db) as conn:  # the first line was rolled back with the second
-            self.assertEqual(conn.execute("SELECT COUNT(*) FROM t").fetchone()[0], 2)
+        # The first line was rolled back with the second.
+        self.assertEqual(self.sql("SELECT COUNT(*) FROM t", path=db), [(2,)])
         proc = self.run_tool("sql", os.path.join(self.home, "none.sql"), db, expect=ERROR)
         self.assertIn("Unable to open sql file for reading", self.stderr_line(proc))
 
@@ -444,8 +428,7 @@ class Sql(ToolCase):
 class Failures(ToolCase):
     def test_read_only_datastore_keeps_its_rows(self):
         self.collect("one : echo 1\n")
-        conf = self.write("ro.xml", f"""<configuration instance_name="ro" type="sqlite3"
-            source_types="data" source_parameters="read_only=true|source={self.database}"/>""")
+        conf = self.read_only_config()
         proc = self.run_tool("--config", conf, "collect", expect=ERROR)
         line = self.stderr_line(proc)
         self.assertTrue(line.startswith("vesk-datastore: storing rows failed: datastore ro"), line)
@@ -454,12 +437,6 @@ class Failures(ToolCase):
         # Reading still works and nothing was lost.
         self.assertEqual(len(self.json_of("--config", conf, "rows")), 1)
         self.assertEqual(self.stored_count(), 1)
-
-    def test_datastore_that_cannot_be_created(self):
-        conf = self.write("bad.xml", """<configuration instance_name="nowhere" type="sqlite3"
-            source_types="data" source_parameters="source=/dev/null/vesk.db"/>""")
-        proc = self.run_tool("--config", conf, "collect", expect=ERROR)
-        self.assertIn("cannot open sqlite datastore", self.stderr_line(proc))
 
     def test_unwritable_home(self):
         if os.geteuid() == 0:
@@ -538,8 +515,7 @@ class Names(ToolCase):
     def test_collect_refuses_bad_names_with_file_and_line(self):
         before = self.stored_rows()
         cases = [("ok : true\nnic's : true\n", "2: provider: "),
-                 ("ok option=a'b : true\n", "1: option: \"a'b\" contains a quote"),
-                 ("ok option=x timeout=abc : true\n", "1: timeout: ")]
+                 ("ok option=a'b : true\n", "1: option: \"a'b\" contains a quote")]
         for text, message in cases:
             with self.subTest(text):
                 path = self.providers_file(text)
@@ -552,10 +528,9 @@ class Names(ToolCase):
     def test_one_unusual_stored_name_does_not_break_the_reads(self):
         # Written behind the tool's back, as an older version could have.
         self.import_lines([{"Provider": "other", "Hostname": "h1", "Unique_timestamp": 5}])
-        with sqlite3.connect(self.database) as db:
-            db.execute("INSERT INTO provider_datastore(Provider, Hostname, OptionID, "
-                       "Unique_timestamp, node_names, STDOUT, STDERR, Username) "
-                       "VALUES ('nic''s check', 'h1', '', 5, '', '', '', '')")
+        self.sql("INSERT INTO provider_datastore(Provider, Hostname, OptionID, Unique_timestamp, "
+                 "node_names, STDOUT, STDERR, Username) "
+                 "VALUES ('nic''s check', 'h1', '', 5, '', '', '', '')")
         before = self.stored_rows()
         warning = "skipping the rows of provider \"nic's check\""
         for args in (["rows"], ["rows", "--latest"], ["rows", "--host", "h1"], ["export"]):
@@ -582,11 +557,9 @@ class Idempotent(ToolCase):
         path, proc = self.import_lines(self.lines(500), before=("--format", "json"))
         self.assertEqual(json.loads(proc.stdout)["rows"], 500)
         first = self.stored_rows()
-        again = json.loads(self.run_tool("--format", "json", "import", path).stdout)
-        self.assertEqual((again["rows"], again["skipped"]), (0, 500))
-        self.assertEqual(self.stored_rows(), first)
         text = self.run_tool("import", path).stdout.decode()
         self.assertIn("imported 0 rows, skipped 500 already stored", text)
+        self.assertEqual(self.stored_rows(), first)
 
         # An interrupted import is finished by running it again: only the rest is stored.
         self.import_lines(self.lines(800), "--batch", "64", name="more.jsonl",
@@ -607,12 +580,10 @@ class Idempotent(ToolCase):
 
     def test_lookup_uses_the_index(self):
         self.import_lines(self.lines(10))
-        with sqlite3.connect(self.database) as db:
-            plan = db.execute(
-                "EXPLAIN QUERY PLAN SELECT p.rowid FROM (VALUES ('p1','h1','o1',1001)) AS k "
-                "JOIN provider_datastore AS p ON p.Provider = k.column1 AND "
-                "p.Hostname = k.column2 AND p.OptionID = k.column3 AND "
-                "p.Unique_timestamp = k.column4 WHERE p.rowid <= 10").fetchall()
+        plan = self.sql("EXPLAIN QUERY PLAN SELECT p.rowid FROM (VALUES ('p1','h1','o1',1001)) "
+                        "AS k JOIN provider_datastore AS p ON p.Provider = k.column1 AND "
+                        "p.Hostname = k.column2 AND p.OptionID = k.column3 AND "
+                        "p.Unique_timestamp = k.column4 WHERE p.rowid <= 10")
         text = " ".join(str(step[-1]) for step in plan)
         self.assertIn("SEARCH p USING COVERING INDEX provider_datastore_latest", text)
         self.assertNotIn("SCAN p", text)
@@ -656,15 +627,6 @@ class Validation(ToolCase):
                             "node_names": ["n1", "n2"]}])
         self.assertEqual(self.stored_count(), 1)
 
-    def test_refusal_inside_a_later_batch_names_the_line(self):
-        lines = [{"Provider": "p", "Hostname": "h", "Unique_timestamp": i} for i in range(1, 10)]
-        lines[6]["Hostname"] = "h" * 300
-        path, proc = self.import_lines(lines, "--batch", "4", expect=ERROR)
-        line = self.stderr_line(proc)
-        self.assertIn(f"{path}:7: Hostname: is longer than 256 bytes", line)
-        self.assertIn("4 rows before it were", line)
-        self.assertEqual(self.stored_count(), 4)
-
     def test_one_bad_name_among_ten_thousand_rows(self):
         lines = [{"Provider": f"p{i % 10}", "Hostname": f"h{i % 4}", "Unique_timestamp": 1 + i,
                   "STDOUT": f"row {i}\n"} for i in range(10000)]
@@ -672,6 +634,7 @@ class Validation(ToolCase):
         path, proc = self.import_lines(lines, "--batch", "1000", expect=ERROR)
         line = self.stderr_line(proc)
         self.assertIn(f"{path}:7322: Provider: contains a quote", line)
+        self.assertIn("7000 rows before it were", line)
         # Batches of lines 1-7000 were stored; nothing of 7001-8000 nor after.
         rows, _ = self.stored_rows()
         self.assertEqual(len(rows), 7000)
@@ -719,14 +682,8 @@ class Environment(ToolCase):
         if os.geteuid() != 0:
             self.skipTest("needs root to run as a user the password database does not know")
         env = {k: v for k, v in self.env.items() if k != "HOME"}
-
-        def stranger():
-            os.setgroups([])
-            os.setgid(54321)
-            os.setuid(54321)
-
         proc = subprocess.run([TOOL, "collect", "--provider", "x", "--", "true"], env=env,
-                              cwd="/", capture_output=True, timeout=60, preexec_fn=stranger)
+                              cwd="/", capture_output=True, timeout=60, preexec_fn=as_stranger)
         self.assertEqual(proc.returncode, ERROR, proc.stderr)
         self.assertIn(b"HOME is not set and the password database names no home directory",
                       proc.stderr)
@@ -759,14 +716,9 @@ class Environment(ToolCase):
 
 
 class ExitCodes(ToolCase):
-    def test_missing_snapshot_is_an_error_and_failed_providers_are_1(self):
-        result = self.collect("good : true\n")
-        self.assertEqual(result["rows"][0]["exit_status"], 0)
+    def test_failed_providers_are_1(self):
+        self.collect("good : true\n")
         self.json_of("snapshot", "create", "base")
-        for args in (["diff", "NOSUCH"], ["diff", "base", "NOSUCH"], ["show", "NOSUCH"],
-                     ["remove", "NOSUCH"]):
-            with self.subTest(args):
-                self.run_tool("snapshot", *args, expect=ERROR)
         for text in ("bad : exit 3\n", "slow timeout=0.2 : sleep 5\n", "gone : kill -KILL $$\n",
                      "missing : exec /nonexistent\n"):
             with self.subTest(text):
@@ -780,18 +732,22 @@ class ExitCodes(ToolCase):
 
 class Output(ToolCase):
     def test_empty_answers_are_valid_in_every_format(self):
-        self.run_tool("import", "-", stdin=b"")
+        self.run_tool("import", "-", stdin=b"")  # creates the store, stores nothing
         for args in (["rows"], ["hosts"], ["providers"], ["snapshot", "list"]):
             with self.subTest(args):
+                self.run_tool(*args, expect=NOTHING)
                 self.assertEqual(self.json_of(*args, expect=NOTHING), [])
                 csv = self.run_tool("--format", "csv", *args, expect=NOTHING).stdout.decode()
                 self.assertEqual(len(csv.splitlines()), 1)  # the header alone
+        self.run_tool("export", expect=NOTHING)
         self.run_tool("--format", "csv", "export", expect=ERROR)
+        self.run_tool("snapshot", "create", "empty", expect=NOTHING)
 
     def test_one_column_set_in_every_format(self):
         self.import_lines([{"Provider": "p", "Hostname": "h", "num_nodes": 1, "node_names": ["n"],
                             "Username": "u", "version": 3, "Unique_timestamp": 7000000}])
         [row] = self.json_of("rows")
+        self.assertEqual(list(row.keys()), COLUMNS)
         csv = self.run_tool("--format", "csv", "rows").stdout.decode().splitlines()
         table = self.run_tool("rows").stdout.decode().splitlines()
         self.assertEqual(csv[0].split(","), list(row.keys()))
@@ -867,8 +823,7 @@ class Damage(ToolCase):
             self.assertEqual(f.read()[100:], before)  # reading and checking changed no page
 
     def test_open_failure_puts_the_cause_first(self):
-        conf = self.write("bad.xml", """<configuration instance_name="nowhere" type="sqlite3"
-            source_types="data" source_parameters="source=/dev/null/vesk.db"/>""")
+        conf = self.config("bad.xml", "nowhere", "source=/dev/null/vesk.db")
         line = self.stderr_line(self.run_tool("--config", conf, "collect", expect=ERROR))
         self.assertEqual(line, 'vesk-datastore: cannot open sqlite datastore "nowhere" '
                                '(/dev/null/vesk.db): cannot create folder "/dev/null": '
@@ -877,15 +832,13 @@ class Damage(ToolCase):
     def test_config_check_reports_what_the_extension_says(self):
         folder = os.path.join(self.home, "folder.db")
         os.mkdir(folder)
-        conf = self.write("folder.xml", f"""<configuration instance_name="f" type="sqlite3"
-            source_types="data" source_parameters="source={folder}"/>""")
+        conf = self.config("folder.xml", "f", f"source={folder}")
         line = self.stderr_line(self.run_tool("config", "check", conf, expect=ERROR))
         self.assertTrue(line.startswith(f"vesk-datastore: {conf}: cannot open sqlite datastore"),
                         line)
         self.assertIn("it is a folder, not a file", line)
         # A file not created yet is fine, and config check does not create it.
-        new = self.write("new.xml", f"""<configuration instance_name="n" type="sqlite3"
-            source_types="data" source_parameters="source={self.home}/new.db"/>""")
+        new = self.config("new.xml", "n", f"source={self.home}/new.db")
         self.run_tool("config", "check", new)
         self.assertFalse(os.path.exists(os.path.join(self.home, "new.db")))
 
@@ -893,8 +846,7 @@ class Damage(ToolCase):
         self.collect("one : true\n")
         for params in ("read_only=maybe", "read_onyl=true"):
             with self.subTest(params):
-                conf = self.write("maybe.xml", f"""<configuration instance_name="m" type="sqlite3"
-                    source_types="data" source_parameters="{params}|source={self.database}"/>""")
+                conf = self.config("maybe.xml", "m", f"{params}|source={self.database}")
                 line = self.stderr_line(self.run_tool("config", "check", conf, expect=ERROR))
                 self.assertIn(params.split("=")[0], line)
 
@@ -907,13 +859,12 @@ class Damage(ToolCase):
                 for name in dirs + files:
                     os.chmod(os.path.join(root, name), 0o755 if name in dirs else 0o644)
             os.chmod(self.home, 0o755)
-            run = lambda *args: subprocess.run(  # noqa: E731
-                [TOOL, *args], env=self.env, capture_output=True, timeout=60,
-                preexec_fn=lambda: (os.setgroups([]), os.setgid(54321), os.setuid(54321)))
+            preexec = as_stranger
         else:
             os.chmod(self.database, 0o444)
-            run = lambda *args: subprocess.run([TOOL, *args], env=self.env,  # noqa: E731
-                                               capture_output=True, timeout=60)
+            preexec = None
+        run = lambda *args: subprocess.run(  # noqa: E731
+            [TOOL, *args], env=self.env, capture_output=True, timeout=60, preexec_fn=preexec)
         try:
             # Writing fails with the reason and the way to read the store...
             proc = run("collect")
@@ -965,9 +916,7 @@ class Cluster(ToolCase):
         self.import_lines(cluster_lines())
 
     def baseline_members(self, name):
-        with sqlite3.connect(self.database) as db:
-            return db.execute("SELECT COUNT(*) FROM baseline_datastore WHERE baseline_id = ?",
-                              (name,)).fetchone()[0]
+        return self.sql("SELECT COUNT(*) FROM baseline_datastore WHERE baseline_id = ?", name)[0][0]
 
     def change(self, *after):
         """A new run on three hosts: cpu fails on node001 and node002, uptime moves on, node003
@@ -1107,13 +1056,10 @@ class Cluster(ToolCase):
     def test_failed_read_is_an_error_not_a_short_answer(self):
         # Columns renamed behind the tool's back, opened read-only: the
         # provider list still reads, the row queries fail.
-        with sqlite3.connect(self.database) as db:
-            db.execute("DROP VIEW vesk_1")
-            db.execute("ALTER TABLE provider_datastore RENAME COLUMN OptionID TO opt")
-            db.execute("ALTER TABLE provider_datastore RENAME COLUMN Exit_status TO ex")
-            db.execute("ALTER TABLE provider_datastore RENAME COLUMN Unique_timestamp TO stamp")
-        config = self.write("ro.xml", f"""<configuration instance_name="ro" type="sqlite3"
-            source_types="data" source_parameters="source={self.database}|read_only=true"/>""")
+        self.sql("DROP VIEW vesk_1")
+        for old, new in (("OptionID", "opt"), ("Exit_status", "ex"), ("Unique_timestamp", "stamp")):
+            self.sql(f"ALTER TABLE provider_datastore RENAME COLUMN {old} TO {new}")
+        config = self.read_only_config()
         for args in (["rows"], ["rows", "--latest"], ["export", "--since", "1d"], ["runs"]):
             with self.subTest(args):
                 proc = self.run_tool("--config", config, *args, expect=ERROR)
@@ -1127,12 +1073,8 @@ class MultiDatastore(ToolCase):
     def setUp(self):
         super().setUp()
         for name in ("g1", "g2"):
-            self.write(f"{name}.xml", f"""<configuration instance_name="{name}" type="sqlite3"
-                source_types="data" source_parameters="source={self.home}/{name}.db"/>""")
-        self.group = self.write("group.xml", """<datastores><group path="datastore/lumok64">
-            <entry config_path="$HOME" config_file="g1.xml">libsqlite.so</entry>
-            <entry config_path="$HOME" config_file="g2.xml">libsqlite.so</entry>
-            </group></datastores>""")
+            self.config(f"{name}.xml", name, f"source={self.home}/{name}.db")
+        self.group = self.group_file(("g1.xml", "libsqlite.so"), ("g2.xml", "libsqlite.so"))
         lines = cluster_lines(hosts=4, runs=1, stale=())
         for name, part in (("g1", lines[:10]), ("g2", lines[10:])):
             self.import_lines(part, before=("--config", self.group, "--datastore", name))
@@ -1216,19 +1158,13 @@ class Scale(ToolCase):
     def test_store_of_an_older_schema_is_read_and_upgraded(self):
         self.import_lines(self.lines(failing={("p03", "node000")}))
         # As an older build left it: without the index of failed rows.
-        db = sqlite3.connect(self.database)
-        db.execute("DROP INDEX provider_datastore_failed")
-        db.commit()
-        db.close()
-        conf = self.write("ro.xml", f"""<configuration instance_name="ro" type="sqlite3"
-            source_types="data" source_parameters="read_only=true|source={self.database}"/>""")
+        self.sql("DROP INDEX provider_datastore_failed")
+        conf = self.read_only_config()
         failed = self.json_of("--config", conf, "rows", "--failed")
         self.assertEqual([(r["Provider"], r["Hostname"]) for r in failed], [("p03", "node000")])
 
-        def indexes():
-            with sqlite3.connect(self.database) as db:
-                return {r[0] for r in db.execute(
-                    "SELECT name FROM sqlite_master WHERE type = 'index'")}
+        indexes = lambda: {r[0] for r in self.sql(  # noqa: E731
+            "SELECT name FROM sqlite_master WHERE type = 'index'")}
         self.assertNotIn("provider_datastore_failed", indexes())  # read-only changes nothing
         self.assertEqual(self.json_of("rows", "--failed"), failed)  # the default opens writable
         self.assertIn("provider_datastore_failed", indexes())
@@ -1260,19 +1196,13 @@ class Scale(ToolCase):
         # hosts, providers, runs and the stale marks of --latest read the
         # summary of a writable file; a read-only configuration of the same
         # file reads the rows. Both must agree after every kind of change.
-        conf = self.write("ro.xml", f"""<configuration instance_name="ro" type="sqlite3"
-            source_types="data" source_parameters="read_only=true|source={self.database}"/>""")
+        conf = self.read_only_config()
         commands = (["providers"], ["hosts"], ["runs"], ["rows", "--latest", "--host", "node00*"])
 
         def agree(step):
             for args in commands:
                 with self.subTest(step=step, command=args[0]):
                     self.assertEqual(self.json_of(*args), self.json_of("--config", conf, *args))
-
-        def edit(sql):
-            with sqlite3.connect(self.database) as db:
-                db.execute(sql)
-            db.close()
 
         self.import_lines(self.lines(failing={("p03", "node001")}))
         agree("first fold")
@@ -1281,18 +1211,16 @@ class Scale(ToolCase):
                 for line in self.lines() if line["Hostname"] == "node002"]
         self.import_lines(more, name="more.jsonl")
         agree("rows after the mark")
-        edit("DELETE FROM provider_datastore WHERE rowid = 7")
+        self.sql("DELETE FROM provider_datastore WHERE rowid = 7")
         agree("a covered row deleted")
-        edit("UPDATE provider_datastore SET Hostname = 'node009' WHERE rowid = 8")
+        self.sql("UPDATE provider_datastore SET Hostname = 'node009' WHERE rowid = 8")
         agree("a covered row moved to another host")
-        edit("INSERT INTO provider_datastore(rowid, Provider, Hostname, Exit_status, "
+        self.sql("INSERT INTO provider_datastore(rowid, Provider, Hostname, Exit_status, "
              "Unique_timestamp) VALUES (7, 'p00', 'node000', 2, 5)")
         agree("a row inserted below the mark")
         self.run_tool("prune", "--keep-runs", "1", "--yes")
-        with sqlite3.connect(self.database) as db:
-            (marks,) = db.execute("SELECT COUNT(*) FROM vesk_summary_mark").fetchone()
-        db.close()
-        self.assertEqual(marks, 1)  # prune built the summary again
+        # prune built the summary again
+        self.assertEqual(self.sql("SELECT COUNT(*) FROM vesk_summary_mark"), [(1,)])
         agree("pruned")
 
     def test_summary_readers_alongside_writers(self):
@@ -1319,8 +1247,7 @@ class Scale(ToolCase):
             self.assertEqual(w.wait(), OK, w.stderr.read().decode())
             w.stderr.close()
         self.assertEqual(failures, [])
-        conf = self.write("ro.xml", f"""<configuration instance_name="ro" type="sqlite3"
-            source_types="data" source_parameters="read_only=true|source={self.database}"/>""")
+        conf = self.read_only_config()
         for command in ("hosts", "runs", "providers"):
             self.assertEqual(self.json_of(command), self.json_of("--config", conf, command))
         self.assertEqual(sum(r["rows"] for r in self.json_of("runs")), 4 * 420)
@@ -1338,10 +1265,8 @@ class Retention(ToolCase):
 
     def members_resolve(self):
         """Every snapshot member still names a stored row."""
-        with sqlite3.connect(self.database) as db:
-            return db.execute("SELECT COUNT(*) FROM baseline_datastore b LEFT JOIN "
-                              "provider_datastore p ON p.rowid = b.datastore_rowid "
-                              "WHERE p.rowid IS NULL").fetchone()[0] == 0
+        return self.sql("SELECT COUNT(*) FROM baseline_datastore b LEFT JOIN provider_datastore p "
+                        "ON p.rowid = b.datastore_rowid WHERE p.rowid IS NULL") == [(0,)]
 
     def test_prune_never_removes_snapshot_rows(self):
         dry = self.json_of("prune", "--keep-runs", "1", "--dry-run")
@@ -1396,8 +1321,7 @@ class Retention(ToolCase):
         self.assertEqual(len(lines), 180 + 60 + 5)
         self.assertEqual(json.loads(lines[-1])["Snapshot"], "old")
         self.write("backup.jsonl", exported)
-        other = dict(self.env, HOME=os.path.join(self.home, "other"))
-        os.mkdir(other["HOME"])
+        other = self.other_home("other")
         backup = os.path.join(self.home, "backup.jsonl")
         self.run_tool("import", backup, env=other)
         self.assertEqual(self.run_tool("export", "--snapshots", env=other).stdout, exported)
@@ -1415,8 +1339,7 @@ class Retention(ToolCase):
         self.assertIn("rows.jsonl:1: Hostname: must be a string", self.stderr_line(proc))
 
     def test_incremental_export_ships_only_new_rows(self):
-        central = dict(self.env, HOME=os.path.join(self.home, "central"))
-        os.mkdir(central["HOME"])
+        central = self.other_home("central")
         shipment = self.run_tool("export").stdout
         self.run_tool("import", "-", stdin=shipment, env=central)
         last = self.json_of("runs", "--limit", "1")[0]["run"]
