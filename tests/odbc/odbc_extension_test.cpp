@@ -1,7 +1,6 @@
 // The staged libodbc.so: loads beside the system's unixODBC libodbc.so,
 // exports its entry points, and opens a datastore on the test server.
 #include <chrono>
-#include <cstdio>
 #include <dlfcn.h>
 #include <filesystem>
 #include <functional>
@@ -34,18 +33,6 @@ struct Library {
     void* handle;
 };
 
-// The output of `command`, or "" when it cannot run.
-std::string run(const std::string& command) {
-    std::string out;
-    FILE* p = popen(command.c_str(), "r");
-    if (p == nullptr) return out;
-    char buf[4096];
-    std::size_t n;
-    while ((n = fread(buf, 1, sizeof buf, p)) > 0) out.append(buf, n);
-    pclose(p);
-    return out;
-}
-
 TEST(OdbcExtensionLibrary, LoadsAndResolvesTheSystemDriverManager) {
     Library lib(kExtension);
     ASSERT_NE(lib.handle, nullptr) << dlerror();
@@ -61,19 +48,8 @@ TEST(OdbcExtensionLibrary, LoadsAndResolvesTheSystemDriverManager) {
     const fs::path provider = fs::canonical(info.dli_fname);
     EXPECT_NE(provider, fs::canonical(kExtension));
     EXPECT_EQ(provider.filename().string().rfind("libodbc.so.2", 0), 0u) << provider;
-    EXPECT_NE(provider.string().find("/usr/lib/") == 0 || provider.string().find("/lib/") == 0,
-              false)
+    EXPECT_TRUE(provider.string().find("/usr/lib/") == 0 || provider.string().find("/lib/") == 0)
         << provider;
-
-    // The same as the loader sees it from outside.
-    const std::string ldd = run("ldd '" + kExtension + "'");
-    ASSERT_FALSE(ldd.empty());
-    EXPECT_EQ(ldd.find("not found"), std::string::npos) << ldd;
-    const auto at = ldd.find("libodbc.so.2 => ");
-    ASSERT_NE(at, std::string::npos) << ldd;
-    const std::string line = ldd.substr(at, ldd.find('\n', at) - at);
-    EXPECT_EQ(line.find(kStageDir), std::string::npos) << line;
-    EXPECT_NE(line.find("/lib/"), std::string::npos) << line;
 }
 
 class OdbcExtensionTest : public PgTest {
@@ -98,7 +74,7 @@ protected:
     }
 
     // Opens an instance with `parameters`; the status of open.
-    int32_t open_with(const std::string& parameters, bool keep = false) {
+    int32_t open_with(const std::string& parameters) {
         vd::DataStoreExtension* instance = create();
         EXPECT_NE(instance, nullptr);
         if (!instance) return -1;
@@ -112,7 +88,7 @@ protected:
         }
         EXPECT_EQ(instance->close(), vd::DataStoreExtension::OPERATION_SUCCESSFULL);
         EXPECT_FALSE(instance->is_open());
-        if (!keep) destroy(instance);
+        destroy(instance);
         return status;
     }
 
@@ -305,11 +281,6 @@ TEST_F(OdbcOperationsTest, TextThePostgreSqlServerCannotHoldIsRefusedNamingRowAn
         EXPECT_NE(log.find("base64"), std::string::npos) << log;
         EXPECT_EQ(stored(), 0);
     }
-    // Valid UTF-8 of every length goes through.
-    auto r = row("t", 0);
-    r.std_out = "\x7f \xc2\x80 \xe0\xa0\x80 \xf0\x90\x80\x80 \xf4\x8f\xbf\xbf";
-    ASSERT_EQ(insert(i, r), kOk);
-    EXPECT_EQ(all_rows(i).at(0).STDOUT, r.std_out);
 }
 
 TEST_F(OdbcOperationsTest, CallerStatementsCannotWriteAndReadOnlyHoldsAtTheServer) {
