@@ -51,19 +51,6 @@ struct Backend {
 // Names the backend in test output, instead of its bytes.
 void PrintTo(const Backend& backend, std::ostream* os) { *os << backend.name; }
 
-vd::DataStoreConfig sqlite_config(const std::string& dir, const std::string& instance,
-                                  bool read_only) {
-    vd::DataStoreConfig config;
-    config.type = vd::sqlite3;
-    config.instance_name = instance;
-    config.extension_name = "libsqlite.so";
-    config.extension_path = kStageDir + "/datastore/lumok64/";
-    config.source_parameters = "source=" + dir + "/conformance.db|busy_timeout_ms=5000" +
-                               std::string(read_only ? "|read_only=true" : "");
-    config.source_types.set(vd::data);
-    return config;
-}
-
 vd::DataStoreConfig odbc_config(const std::string& instance, const std::string& parameters) {
     vd::DataStoreConfig config;
     config.type = vd::odbc;
@@ -72,6 +59,15 @@ vd::DataStoreConfig odbc_config(const std::string& instance, const std::string& 
     config.extension_path = kStageDir + "/datastore/lumok64/";
     config.source_parameters = parameters;
     config.source_types.set(vd::data);
+    return config;
+}
+
+vd::DataStoreConfig sqlite_config(const std::string& dir, const std::string& instance,
+                                  bool read_only) {
+    auto config = odbc_config(instance, "source=" + dir + "/conformance.db|busy_timeout_ms=5000" +
+                                            std::string(read_only ? "|read_only=true" : ""));
+    config.type = vd::sqlite3;
+    config.extension_name = "libsqlite.so";
     return config;
 }
 

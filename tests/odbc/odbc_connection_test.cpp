@@ -1,7 +1,6 @@
 // The statement seam over ODBC against the real PostgreSQL test server.
 #include "odbc_connection.h"
 
-#include <chrono>
 #include <cstdint>
 #include <limits>
 #include <random>
@@ -23,22 +22,12 @@ using datastore::sql::StepResult;
 
 // UTF-8 encoding of code point `cp`.
 std::string utf8(uint32_t cp) {
-    std::string s;
-    if (cp < 0x80) {
-        s += static_cast<char>(cp);
-    } else if (cp < 0x800) {
-        s += static_cast<char>(0xC0 | (cp >> 6));
-        s += static_cast<char>(0x80 | (cp & 0x3F));
-    } else if (cp < 0x10000) {
-        s += static_cast<char>(0xE0 | (cp >> 12));
-        s += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
-        s += static_cast<char>(0x80 | (cp & 0x3F));
-    } else {
-        s += static_cast<char>(0xF0 | (cp >> 18));
-        s += static_cast<char>(0x80 | ((cp >> 12) & 0x3F));
-        s += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
-        s += static_cast<char>(0x80 | (cp & 0x3F));
-    }
+    if (cp < 0x80) return std::string(1, static_cast<char>(cp));
+    const int n = cp < 0x800 ? 2 : cp < 0x10000 ? 3 : 4;
+    std::string s(static_cast<size_t>(n), '\0');
+    for (int k = n - 1; k > 0; --k, cp >>= 6)
+        s[static_cast<size_t>(k)] = static_cast<char>(0x80 | (cp & 0x3F));
+    s[0] = static_cast<char>((0xF00 >> n) | cp);  // n one-bits, then a zero
     return s;
 }
 
@@ -150,16 +139,8 @@ TEST_F(OdbcConnectionTest, RoundTripsEveryTypeAndNull) {
 }
 
 TEST_F(OdbcConnectionTest, RefusesNulAndInvalidUtf8BeforeSending) {
-    const std::string refused[] = {
-        std::string("before\0after", 12),
-        std::string(1, '\0'),
-        "\xC0\xAF",
-        "\xED\xA0\x80",
-        "\xF5\x80\x80\x80",
-        "text \xE2\x82",
-        "\x80",
-        std::string(300000, 'a') + '\xff',
-    };
+    const std::string refused[] = {std::string("before\0after", 12), "\xED\xA0\x80",
+                                   std::string(300000, 'a') + '\xff'};
     for (const std::string& text : refused) {
         auto s = connection->prepare("INSERT INTO t(s) VALUES(?);");
         ASSERT_NE(s, nullptr);
@@ -193,6 +174,8 @@ TEST_F(OdbcConnectionTest, LargeTextsGoInAndOutByteExact) {
 }
 
 TEST_F(OdbcConnectionTest, DiagnosticsCarrySqlstateAndEveryRecord) {
+    // A read-only session refuses writes (temporary tables stay writable).
+    exec(*connection, "SET SESSION CHARACTERISTICS AS TRANSACTION READ ONLY;");
     struct Case {
         std::string sql;
         std::string sqlstate;
@@ -202,6 +185,7 @@ TEST_F(OdbcConnectionTest, DiagnosticsCarrySqlstateAndEveryRecord) {
         {"SELEKT 1;", "42601", "SELEKT"},
         {"SELECT 1 / 0;", "22012", "division by zero"},
         {"INSERT INTO t(n) VALUES(99999999999);", "22003", "out of range"},
+        {"CREATE TABLE vesk_read_only_probe(x INTEGER);", "25006", "read-only"},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.sql);
@@ -263,15 +247,6 @@ TEST_F(OdbcConnectionTest, DeleteOfNothingAndReuseAfterReset) {
     EXPECT_FALSE(unbound->bind_int64(2, 1));
 }
 
-TEST_F(OdbcConnectionTest, ReadOnlySessionRefusesWrites) {
-    exec(*connection, "SET SESSION CHARACTERISTICS AS TRANSACTION READ ONLY;");
-    // (Temporary tables stay writable in read-only transactions.)
-    auto s = connection->prepare("CREATE TABLE vesk_read_only_probe(x INTEGER);");
-    ASSERT_NE(s, nullptr);
-    EXPECT_EQ(s->step(), StepResult::error);
-    EXPECT_EQ(connection->last_error().sqlstate, "25006") << connection->last_error().message;
-}
-
 TEST_F(OdbcConnectionTest, TerminatedBackendIsNoticedAndANewConnectionWorks) {
     auto killer = connect(conn_string);
     ASSERT_NE(killer, nullptr);
@@ -294,21 +269,6 @@ TEST_F(OdbcConnectionTest, TerminatedBackendIsNoticedAndANewConnectionWorks) {
         EXPECT_TRUE(connection->is_alive());
         EXPECT_EQ(query_int(*connection, "SELECT 5;"), 5);
     }
-}
-
-TEST_F(OdbcConnectionTest, QueryTimeoutCancelsALongStatement) {
-    datastore::odbc_backend::ConnectOptions options;
-    options.query_timeout_s = 1;
-    datastore::sql::Error error;
-    auto c = datastore::odbc_backend::OdbcConnection::connect(conn_string, options, error);
-    ASSERT_NE(c, nullptr) << error.message;
-    auto s = c->prepare("SELECT pg_sleep(30);");
-    ASSERT_NE(s, nullptr);
-    const auto start = std::chrono::steady_clock::now();
-    EXPECT_EQ(s->step(), StepResult::error);
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(20));
-    EXPECT_FALSE(c->last_error().sqlstate.empty()) << c->last_error().message;
-    EXPECT_EQ(query_int(*c, "SELECT 3;"), 3);  // the session survives
 }
 
 // The same seam through the SQLite ODBC driver, on a real SQLite file: it
@@ -350,16 +310,10 @@ TEST(SqliteThroughOdbc, RoundTripsValuesAndReportsErrors) {
         << c->last_error().message;
 }
 
-TEST(OdbcConnect, FailureNamesTheDiagnostics) {
-    std::string why;
-    const std::string conn = pg_connection_string(why);
-    if (conn.empty()) {
-        if (running_in_ci()) FAIL() << why;
-        GTEST_SKIP() << why;
-    }
+TEST_F(OdbcConnectionTest, ConnectFailureNamesTheDiagnostics) {
     datastore::sql::Error error;
     auto c = datastore::odbc_backend::OdbcConnection::connect(
-        with_database(conn, "no_such_database"), {}, error);
+        with_database(conn_string, "no_such_database"), {}, error);
     EXPECT_EQ(c, nullptr);
     EXPECT_NE(error.message.find("no_such_database"), std::string::npos) << error.message;
     EXPECT_FALSE(error.sqlstate.empty());

@@ -1,7 +1,6 @@
 // The staged libodbc.so: loads beside the system's unixODBC libodbc.so,
 // exports its entry points, and opens a datastore on the test server.
 #include <chrono>
-#include <cstdio>
 #include <dlfcn.h>
 #include <filesystem>
 #include <functional>
@@ -34,18 +33,6 @@ struct Library {
     void* handle;
 };
 
-// The output of `command`, or "" when it cannot run.
-std::string run(const std::string& command) {
-    std::string out;
-    FILE* p = popen(command.c_str(), "r");
-    if (p == nullptr) return out;
-    char buf[4096];
-    std::size_t n;
-    while ((n = fread(buf, 1, sizeof buf, p)) > 0) out.append(buf, n);
-    pclose(p);
-    return out;
-}
-
 TEST(OdbcExtensionLibrary, LoadsAndResolvesTheSystemDriverManager) {
     Library lib(kExtension);
     ASSERT_NE(lib.handle, nullptr) << dlerror();
@@ -61,19 +48,8 @@ TEST(OdbcExtensionLibrary, LoadsAndResolvesTheSystemDriverManager) {
     const fs::path provider = fs::canonical(info.dli_fname);
     EXPECT_NE(provider, fs::canonical(kExtension));
     EXPECT_EQ(provider.filename().string().rfind("libodbc.so.2", 0), 0u) << provider;
-    EXPECT_NE(provider.string().find("/usr/lib/") == 0 || provider.string().find("/lib/") == 0,
-              false)
+    EXPECT_TRUE(provider.string().find("/usr/lib/") == 0 || provider.string().find("/lib/") == 0)
         << provider;
-
-    // The same as the loader sees it from outside.
-    const std::string ldd = run("ldd '" + kExtension + "'");
-    ASSERT_FALSE(ldd.empty());
-    EXPECT_EQ(ldd.find("not found"), std::string::npos) << ldd;
-    const auto at = ldd.find("libodbc.so.2 => ");
-    ASSERT_NE(at, std::string::npos) << ldd;
-    const std::string line = ldd.substr(at, ldd.find('\n', at) - at);
-    EXPECT_EQ(line.find(kStageDir), std::string::npos) << line;
-    EXPECT_NE(line.find("/lib/"), std::string::npos) << line;
 }
 
 class OdbcExtensionTest : public PgTest {
@@ -98,7 +74,7 @@ protected:
     }
 
     // Opens an instance with `parameters`; the status of open.
-    int32_t open_with(const std::string& parameters, bool keep = false) {
+    int32_t open_with(const std::string& parameters) {
         vd::DataStoreExtension* instance = create();
         EXPECT_NE(instance, nullptr);
         if (!instance) return -1;
@@ -112,7 +88,7 @@ protected:
         }
         EXPECT_EQ(instance->close(), vd::DataStoreExtension::OPERATION_SUCCESSFULL);
         EXPECT_FALSE(instance->is_open());
-        if (!keep) destroy(instance);
+        destroy(instance);
         return status;
     }
 
@@ -138,11 +114,11 @@ TEST_F(OdbcExtensionTest, OpensCreatesTheSchemaAndRefusesBadParameters) {
     // The private ODBCSYSINI defines the DSN vesk_pg_test (database postgres).
     EXPECT_EQ(open_with("vesk_pg_test"), 0);
 
+    // Malformed strings (every kind is in the OdbcParameters tests), an
+    // unknown DSN, a database that does not exist.
     const std::string refused[] = {
         "",
         "source=" + source + "|unknown_key=1",
-        "source=" + source + "|read_only=maybe",
-        "source=" + source + "|rows_per_statement=0",
         "vesk_no_such_dsn",
         "source=" + with_database(conn_string, "vesk_no_such_database"),
     };
@@ -237,16 +213,15 @@ TEST_F(OdbcOperationsTest, BulkInsertSplitsIntoStatementsAndTheServerRollsBackAl
     }
 
     // The server refuses a row of the third statement: the two before it go too.
-    {
-        auto c = connect(source);
-        ASSERT_NE(c, nullptr);
-        exec(*c,
-             "CREATE FUNCTION refuse_boom() RETURNS trigger LANGUAGE plpgsql AS $$ BEGIN IF "
-             "NEW.Provider = 'boom' THEN RAISE EXCEPTION 'boom refused'; END IF; RETURN NEW; "
-             "END $$;");
-        exec(*c, "CREATE TRIGGER refuse_boom BEFORE INSERT ON " + vd::table_name +
-                     " FOR EACH ROW EXECUTE FUNCTION refuse_boom();");
-    }
+    // (The next SetUp drops the trigger with the table.)
+    auto c = connect(source);
+    ASSERT_NE(c, nullptr);
+    exec(*c,
+         "CREATE OR REPLACE FUNCTION refuse_boom() RETURNS trigger LANGUAGE plpgsql AS $$ BEGIN "
+         "IF NEW.Provider = 'boom' THEN RAISE EXCEPTION 'boom refused'; END IF; RETURN NEW; "
+         "END $$;");
+    exec(*c, "CREATE TRIGGER refuse_boom BEFORE INSERT ON " + vd::table_name +
+                 " FOR EACH ROW EXECUTE FUNCTION refuse_boom();");
     rows[7].header.provider = "boom";
     testing::internal::CaptureStderr();
     EXPECT_EQ(bulk(i, rows), kFailed);
@@ -254,12 +229,6 @@ TEST_F(OdbcOperationsTest, BulkInsertSplitsIntoStatementsAndTheServerRollsBackAl
     EXPECT_NE(log.find("boom refused"), std::string::npos) << log;
     EXPECT_NE(log.find("nothing written"), std::string::npos) << log;
     EXPECT_EQ(stored(), 10);
-    {
-        auto c = connect(source);
-        ASSERT_NE(c, nullptr);
-        exec(*c, "DROP TRIGGER refuse_boom ON " + vd::table_name + ";");
-        exec(*c, "DROP FUNCTION refuse_boom();");
-    }
     // Large rows: a statement holds fewer rows than asked when its values
     // would pass 16 MiB; every byte comes back.
     auto big = open_instance();
@@ -305,11 +274,6 @@ TEST_F(OdbcOperationsTest, TextThePostgreSqlServerCannotHoldIsRefusedNamingRowAn
         EXPECT_NE(log.find("base64"), std::string::npos) << log;
         EXPECT_EQ(stored(), 0);
     }
-    // Valid UTF-8 of every length goes through.
-    auto r = row("t", 0);
-    r.std_out = "\x7f \xc2\x80 \xe0\xa0\x80 \xf0\x90\x80\x80 \xf4\x8f\xbf\xbf";
-    ASSERT_EQ(insert(i, r), kOk);
-    EXPECT_EQ(all_rows(i).at(0).STDOUT, r.std_out);
 }
 
 TEST_F(OdbcOperationsTest, CallerStatementsCannotWriteAndReadOnlyHoldsAtTheServer) {
@@ -319,13 +283,22 @@ TEST_F(OdbcOperationsTest, CallerStatementsCannotWriteAndReadOnlyHoldsAtTheServe
     auto reader = open_instance("|read_only=true");
     ASSERT_TRUE(reader);
 
+    // A caller's statement, or a filter (the caller's text too) that writes
+    // through nextval, fails at the server on both.
+    const std::string bump =
+        "nextval(pg_get_serial_sequence('" + vd::table_name + "', 'rowid')) > 0";
     for (Instance* i : {&writer, &reader}) {
-        std::vector<vd::Row> rows;
-        testing::internal::CaptureStderr();
-        EXPECT_EQ(query(*i, "DELETE FROM " + vd::table_name + " RETURNING *;", rows), kFailed);
-        const std::string log = testing::internal::GetCapturedStderr();
-        EXPECT_NE(log.find("25006"), std::string::npos) << log;
-        EXPECT_TRUE(rows.empty());
+        for (const bool as_filter : {false, true}) {
+            std::vector<vd::Row> rows;
+            testing::internal::CaptureStderr();
+            EXPECT_EQ(as_filter
+                          ? select_provider(*i, {"p"}, bump, rows)
+                          : query(*i, "DELETE FROM " + vd::table_name + " RETURNING *;", rows),
+                      kFailed);
+            const std::string log = testing::internal::GetCapturedStderr();
+            EXPECT_NE(log.find("25006"), std::string::npos) << log;
+            EXPECT_TRUE(rows.empty());
+        }
         EXPECT_EQ(stored(), 1);
     }
     EXPECT_EQ(insert(reader, row("p", 2)), kFailed);
@@ -341,20 +314,9 @@ TEST_F(OdbcOperationsTest, CallerStatementsCannotWriteAndReadOnlyHoldsAtTheServe
     }
     EXPECT_EQ(insert(writer, row("p", 3)), kOk);
     EXPECT_EQ(insert(reader, row("p", 4)), kFailed);
-    EXPECT_EQ(all_rows(reader).size(), 2u);
-
-    // A filter is the caller's text: one that writes (nextval) fails at the
-    // server too. The kit's own queries read on both, and leave the writer
-    // writable.
-    const std::string bump =
-        "nextval(pg_get_serial_sequence('" + vd::table_name + "', 'rowid')) > 0";
+    // The kit's own queries read on both, and leave the writer writable.
     for (Instance* i : {&writer, &reader}) {
         std::vector<vd::Row> rows;
-        testing::internal::CaptureStderr();
-        EXPECT_EQ(select_provider(*i, {"p"}, bump, rows), kFailed);
-        const std::string log = testing::internal::GetCapturedStderr();
-        EXPECT_NE(log.find("25006"), std::string::npos) << log;
-        EXPECT_TRUE(rows.empty());
         ASSERT_EQ(select_provider(*i, {"p"}, "", rows), kOk);
         EXPECT_EQ(rows.size(), 2u);
         for (const uint16_t op : {vd::OP_LATEST_ROWS_PROVIDER, vd::OP_LATEST_COLLECT_ROWS}) {
@@ -365,9 +327,10 @@ TEST_F(OdbcOperationsTest, CallerStatementsCannotWriteAndReadOnlyHoldsAtTheServe
         }
     }
     EXPECT_EQ(insert(writer, row("p", 5)), kOk);
-    // The sequence did not move: the next row follows the last one.
-    const std::vector<vd::Row> rows = all_rows(writer);
+    // The sequence did not move: each row follows the one before.
+    const std::vector<vd::Row> rows = all_rows(reader);
     ASSERT_EQ(rows.size(), 3u);
+    EXPECT_EQ(rows[1].rowid, rows[0].rowid + 1);
     EXPECT_EQ(rows[2].rowid, rows[1].rowid + 1);
 }
 

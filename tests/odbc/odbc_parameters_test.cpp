@@ -83,19 +83,10 @@ TEST(OdbcParameters, RefusesMalformedStringsNamingTheCulprit) {
 }
 
 TEST(TextCheck, AcceptsValidUtf8AndFindsTheFirstFault) {
-    const std::string valid[] = {"",
-                                 "plain",
-                                 "\x7f",
-                                 "\xc2\x80",
-                                 "\xdf\xbf",
-                                 "\xe0\xa0\x80",
-                                 "\xed\x9f\xbf",
-                                 "\xee\x80\x80",
-                                 "\xef\xbf\xbf",
-                                 "\xf0\x90\x80\x80",
-                                 "\xf4\x8f\xbf\xbf",
-                                 "caf\xc3\xa9"};
-    for (const std::string& v : valid) EXPECT_FALSE(text_problem(v).has_value()) << v;
+    for (const char* v :
+         {"", "plain", "caf\xc3\xa9", "\x7f", "\xc2\x80", "\xdf\xbf", "\xe0\xa0\x80",
+          "\xed\x9f\xbf", "\xee\x80\x80", "\xef\xbf\xbf", "\xf0\x90\x80\x80", "\xf4\x8f\xbf\xbf"})
+        EXPECT_FALSE(text_problem(v).has_value()) << v;
 
     struct Case {
         std::string text;
@@ -139,11 +130,6 @@ TEST(TextCheck, AcceptsValidUtf8AndFindsTheFirstFault) {
         fine.replace(at, 2, "\xc3\xa9");
         EXPECT_FALSE(text_problem(fine.substr(0, std::max<size_t>(at + 2, 27))).has_value()) << at;
     }
-
-    const std::string message =
-        refused_text_message(3, "STDOUT", "contains a NUL byte at offset 2");
-    for (const char* part : {"row 3", "STDOUT", "NUL byte at offset 2", "base64"})
-        EXPECT_NE(message.find(part), std::string::npos) << message;
 }
 
 }  // namespace

@@ -74,11 +74,8 @@ std::vector<Operation> operations() {
                          std::string(column) + " = '" + prefix + std::to_string(n) + "'");
         };
     };
-    const vd::ProviderInfoSet five{{1, "p", nullptr},
-                                   {2, "p", nullptr},
-                                   {3, "p", nullptr},
-                                   {4, "p", nullptr},
-                                   {5, "p", nullptr}};
+    vd::ProviderInfoSet five;
+    for (int32_t id = 1; id <= 5; ++id) five.insert({id, "p", nullptr});
     return {
         {"bulk insert", 20, nullptr,
          [](vd::interface& ext, int n) { return bulk_insert(ext, batch(n, 20)); },
@@ -144,7 +141,7 @@ TEST(SqliteFaultTest, EveryWriteMeetsAFaultAtEveryPointAndLosesNothing) {
                     EXPECT_EQ(stored, 0) << "a failed call left part of its work";
                     EXPECT_NE(log.text().find(db), std::string::npos) << log.text();
                     EXPECT_NE(log.text().find("SQLITE_"), std::string::npos) << log.text();
-                    EXPECT_EQ(fired > 0, true) << "failed without a fault: " << log.text();
+                    EXPECT_GT(fired, 0) << "failed without a fault: " << log.text();
                 }
                 if (rc == kOk && std::string(op.name) != "snapshot update" &&
                     std::string(op.name) != "snapshot removal")
