@@ -1,6 +1,7 @@
 // The staged libodbc.so: loads beside the system's unixODBC libodbc.so,
 // exports its entry points, and opens a datastore on the test server.
 #include <chrono>
+#include <cstdio>
 #include <dlfcn.h>
 #include <filesystem>
 #include <functional>
@@ -33,6 +34,18 @@ struct Library {
     void* handle;
 };
 
+// The output of `command`, or "" when it cannot run.
+std::string run(const std::string& command) {
+    std::string out;
+    FILE* p = popen(command.c_str(), "r");
+    if (p == nullptr) return out;
+    char buf[4096];
+    std::size_t n;
+    while ((n = fread(buf, 1, sizeof buf, p)) > 0) out.append(buf, n);
+    pclose(p);
+    return out;
+}
+
 TEST(OdbcExtensionLibrary, LoadsAndResolvesTheSystemDriverManager) {
     Library lib(kExtension);
     ASSERT_NE(lib.handle, nullptr) << dlerror();
@@ -50,6 +63,18 @@ TEST(OdbcExtensionLibrary, LoadsAndResolvesTheSystemDriverManager) {
     EXPECT_EQ(provider.filename().string().rfind("libodbc.so.2", 0), 0u) << provider;
     EXPECT_TRUE(provider.string().find("/usr/lib/") == 0 || provider.string().find("/lib/") == 0)
         << provider;
+
+    // This program links libodbc.so.2 itself, so the load above would reuse
+    // it whatever the extension's own search path; ldd shows what a process
+    // without it gets.
+    const std::string ldd = run("ldd '" + kExtension + "'");
+    ASSERT_FALSE(ldd.empty());
+    EXPECT_EQ(ldd.find("not found"), std::string::npos) << ldd;
+    const auto at = ldd.find("libodbc.so.2 => ");
+    ASSERT_NE(at, std::string::npos) << ldd;
+    const std::string line = ldd.substr(at, ldd.find('\n', at) - at);
+    EXPECT_EQ(line.find(kStageDir), std::string::npos) << line;
+    EXPECT_NE(line.find("/lib/"), std::string::npos) << line;
 }
 
 class OdbcExtensionTest : public PgTest {
