@@ -246,6 +246,17 @@ int64_t count_rows(const std::string& file) {
     return n;
 }
 
+// Runs the tool once and records the run's wall time as the iteration's
+// time; the tool's exit status.
+int timed_tool_run(benchmark::State& state, const std::string& home,
+                   const std::vector<std::string>& args) {
+    const auto start = std::chrono::steady_clock::now();
+    const int status = run_tool(home, args);
+    state.SetIterationTime(
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count());
+    return status;
+}
+
 // One command of the tool per iteration, timed from spawn to exit. One run
 // before the timed ones: the first `hosts`, `providers` or `runs` after new
 // rows folds them into the store's summary, which BM_FirstSummaryRead times
@@ -257,10 +268,7 @@ void BM_Command(benchmark::State& state, std::vector<std::string> args) {
         return;
     }
     for (auto _ : state) {
-        const auto start = std::chrono::steady_clock::now();
-        const int status = run_tool(home, args);
-        const auto end = std::chrono::steady_clock::now();
-        state.SetIterationTime(std::chrono::duration<double>(end - start).count());
+        const int status = timed_tool_run(state, home, args);
         if (status != 0) {
             state.SkipWithError(("exit status " + std::to_string(status)).c_str());
             break;
@@ -317,10 +325,7 @@ void BM_ToolImport(benchmark::State& state) {
         fs::remove_all(home);
         fs::create_directories(home);
         settle();
-        const auto start = std::chrono::steady_clock::now();
-        const int status = run_tool(home, {"import", file});
-        state.SetIterationTime(
-            std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count());
+        const int status = timed_tool_run(state, home, {"import", file});
         if (status != 0) state.SkipWithError("import failed");
     }
     fs::remove_all(home);
@@ -358,10 +363,7 @@ void BM_FirstSummaryRead(benchmark::State& state) {
             state.SkipWithError("cannot drop the summary of the copy");
             break;
         }
-        const auto start = std::chrono::steady_clock::now();
-        const int status = run_tool(home, {"hosts"});
-        state.SetIterationTime(
-            std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count());
+        const int status = timed_tool_run(state, home, {"hosts"});
         if (status != 0) state.SkipWithError("hosts failed");
     }
     fs::remove_all(home);
@@ -386,10 +388,7 @@ void BM_Prune(benchmark::State& state) {
                 ++reads;
             }
         });
-        const auto start = std::chrono::steady_clock::now();
-        const int status = run_tool(home, {"prune", "--keep-runs", "5", "--yes"});
-        state.SetIterationTime(
-            std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count());
+        const int status = timed_tool_run(state, home, {"prune", "--keep-runs", "5", "--yes"});
         done = true;
         reader.join();
         removed += before - count_rows(copy);
