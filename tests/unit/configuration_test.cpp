@@ -1,6 +1,5 @@
 // Records and name tables; configuration files, default paths and fields, the
 // datastore list and SQL files.
-#include <algorithm>
 #include <filesystem>
 #include <memory>
 #include <set>
@@ -27,9 +26,13 @@ using vesk::test::ScopedEnv;
 using Utility = DataStoreParseUtility;
 using Names = std::vector<std::string>;
 
-const std::string kGoodAttributes =
-    "instance_name=\"one\" type=\"sqlite3\" source_types=\"data\" "
-    "source_parameters=\"source=/tmp/one.db\"";
+// The attributes of a configuration element.
+std::string attributes(const std::string& name, const std::string& type,
+                       const std::string& parameters, const std::string& types = "data") {
+    return "instance_name=\"" + name + "\" type=\"" + type + "\" source_types=\"" + types +
+           "\" source_parameters=\"" + parameters + "\"";
+}
+const std::string kGoodAttributes = attributes("one", "sqlite3", "source=/tmp/one.db");
 
 DataStoreConfig named(const std::string& name, DatabaseType type, const std::string& bits) {
     DataStoreConfig config;
@@ -47,6 +50,16 @@ Names names_of(const List& list) {
     Names names;
     for (const auto& element : list) names.push_back(name_of(element));
     return names;
+}
+
+// Every field of each config, as "name;type;library;folder;parameters;types".
+Names described(const std::vector<DataStoreConfig>& configs) {
+    Names out;
+    for (const auto& c : configs)
+        out.push_back(c.instance_name + ";" + std::to_string(c.type) + ";" + c.extension_name +
+                      ";" + c.extension_path + ";" + c.source_parameters + ";" +
+                      c.source_types.to_string());
+    return out;
 }
 
 // Every test runs against a fresh install folder and leaves the process-wide
@@ -84,17 +97,17 @@ protected:
                                          fallback);
     }
 
-    // What parse_xml makes of `attributes` on an element named `root`, or the
-    // message it throws, in instance_name.
-    DataStoreConfig parse_attributes(const std::string& attributes,
-                                     const std::string& root = "configuration") {
+    // What parse_xml makes of `attributes` on an element named `root`
+    // (described), or the message it throws.
+    std::string parse_attributes(const std::string& attributes,
+                                 const std::string& root = "configuration") {
         DataStoreConfig config = named("kept", other, "00");
         try {
             EXPECT_TRUE(Utility::parse_xml(root_of("<" + root + " " + attributes + "/>"), config));
         } catch (const std::runtime_error& e) {
-            config.instance_name = e.what();
+            return e.what();
         }
-        return config;
+        return described({config})[0];
     }
 
     // A configuration of the scripted test plugin; all its instances trace into one file.
@@ -193,7 +206,15 @@ TEST_F(ConfigurationTest, EntriesOfGroupsResolveAgainstTheInstallPath) {
                                    "<group><entry config_file=\"\">libx.so</entry></group>"})
         EXPECT_EQ(names_of(parse_group(body, fallback)), Names{"fallback"}) << body;
 
-    write_config("default_sqlite.xml", kGoodAttributes);
+    // Shell operators (inputs that crashed the C library's wordexp) stay literal
+    // in group paths and in the source a datastore is opened at.
+    ScopedEnv home("HOME", dir_.path());
+    ::unsetenv("NOPE");
+    ::unsetenv("OM");
+    const std::string nope = "source=" + dir_.path() + "/${NOPE?}/x.db";
+    const std::string arith = "source=" + dir_.path() + "/$(())";
+    write_config("default_sqlite.xml", attributes("one", "sqlite3", nope));
+    write_config("arith.xml", attributes("arith", "sqlite3", arith));
     std::filesystem::create_directories(dir_.file("etc/datastore/sub"));
     write_config("sub/two.xml",
                  "instance_name=\" two \" type=\"odbc\" source_types=\"stream\" "
@@ -202,50 +223,44 @@ TEST_F(ConfigurationTest, EntriesOfGroupsResolveAgainstTheInstallPath) {
     const auto configs = parse_group(
         "<group> <!-- c --> <note>libno.so</note> <entry> libsqlite.so </entry> text </group>"
         "<entry>libno2.so</entry><group path=\"libs//x\"><entry config_path=\"sub\" "
-        "config_file=\" two.xml \">libodbc.so</entry></group>");
-    ASSERT_EQ(configs.size(), 2u);
+        "config_file=\" two.xml \">libodbc.so</entry></group><group path=\"${OM?}/a\">"
+        "<entry config_file=\"arith.xml\">libsqlite.so</entry></group>");
     // No attributes: default_sqlite.xml under <install>/etc/datastore, library in
-    // the install path, the entry text as it stands.
-    EXPECT_EQ(configs[0].instance_name, "one");
-    EXPECT_EQ(configs[0].extension_name, " libsqlite.so ");
-    EXPECT_EQ(configs[0].extension_path, dir_.path());
-    // Relative paths: the library below the install path, the configuration
-    // below etc/datastore.
-    EXPECT_EQ(configs[1].instance_name, "two");
-    EXPECT_EQ(configs[1].extension_path, dir_.file("libs/x"));
-    EXPECT_EQ(configs[1].source_parameters, "dsn");
+    // the install path, the entry text as it stands. Relative paths: the library
+    // below the install path, the configuration below etc/datastore; a group
+    // path that is not expanded is taken against the working folder.
+    const std::string here = std::filesystem::current_path().string();
+    EXPECT_EQ(described(configs),
+              (Names{"one;0; libsqlite.so ;" + dir_.path() + ";" + nope + ";01",
+                     "two;1;libodbc.so;" + dir_.file("libs/x") + ";dsn;10",
+                     "arith;0;libsqlite.so;" + here + "/${OM?}/a;" + arith + ";01"}));
+
+    // Opened by the real SQLite extension: the files have the literal names.
+    for (auto config : {configs[0], configs[2]}) {
+        config.extension_name = "libsqlite.so";
+        config.extension_path = vesk::test::kStageDir + "/datastore/lumok64";
+        Utility::load_utest_config(config, true);
+    }
+    EXPECT_TRUE(std::filesystem::is_regular_file(dir_.file("${NOPE?}/x.db")));
+    EXPECT_TRUE(std::filesystem::is_regular_file(dir_.file("$(())")));
 }
 
-// The walk passes the reader's refusal on, with one level-3 line (libxml2
-// prints nothing itself), and leaves the list of datastores alone.
-TEST_F(ConfigurationTest, UnreadableConfigurationFileThrowsTheFixedTextAndLogsWhy) {
-    Utility::db_vec.emplace_back(DataStoreConfig(), std::weak_ptr<DataStoreExtension>());
-    dir_.write("etc/datastore/broken.xml", "<configuration instance_name=\"x\"");
-    vesk::log::LOG_LEVEL = 3;
-    ::testing::internal::CaptureStderr();
-    EXPECT_THAT(
-        [&] { parse_group("<group><entry config_file=\"broken.xml\">libx.so</entry></group>"); },
-        ::testing::ThrowsMessage<std::runtime_error>("Error opening datastore configuration"));
-    const std::string logged = ::testing::internal::GetCapturedStderr();
-    EXPECT_THAT(logged, ::testing::HasSubstr("(line 1, column "));
-    EXPECT_THAT(logged, ::testing::EndsWith(" in datastore configuration " +
-                                            dir_.file("etc/datastore/broken.xml") + "\n"));
-    EXPECT_EQ(std::count(logged.begin(), logged.end(), '\n'), 1) << logged;
-    EXPECT_EQ(Utility::db_vec.size(), 1u);
-}
-
-// Every refusal before the walk: the fixed text alone, and one level-3 line
-// that says why and names the file. A document that passes is walked.
-TEST_F(ConfigurationTest, ReadConfigDocumentRefusesWhatCouldExhaustMemory) {
+// Every refusal of a configuration file named by a group entry: the walk
+// throws the fixed text alone, and exactly one level-3 line that says why and
+// names the file reaches standard error (libxml2 prints nothing itself). A
+// document that passes is walked.
+TEST_F(ConfigurationTest, UnreadableOrUnsafeConfigurationFilesAreRefusedWithOneLine) {
     const std::string good = "<configuration " + kGoodAttributes + "/>";
     std::string big = "<configuration " + kGoodAttributes + ">";
     big += std::string(Utility::max_config_file_size, ' ') + "</configuration>";
-    std::filesystem::create_directories(dir_.file("folder"));
-    ASSERT_EQ(::mkfifo(dir_.file("fifo").c_str(), 0600), 0);
+    std::string at_limit = good;
+    at_limit.resize(Utility::max_config_file_size, ' ');
+    std::filesystem::create_directories(dir_.file("etc/datastore/folder"));
+    ASSERT_EQ(::mkfifo(dir_.file("etc/datastore/fifo").c_str(), 0600), 0);
     struct Case {
         std::string name;
-        std::string text;  // not written when empty
-        std::string reason;
+        std::string text;    // not written when empty
+        std::string reason;  // "" when the file is accepted
     };
     const std::vector<Case> cases{
         {"big.xml", big,
@@ -267,95 +282,55 @@ TEST_F(ConfigurationTest, ReadConfigDocumentRefusesWhatCouldExhaustMemory) {
          "Opening and ending tag mismatch: a line 2 and b (line 2, column 10)"},
         {"folder", "", "not a regular file"},
         {"fifo", "", "not a regular file"},
-        {"missing.xml", "", "cannot read: No such file or directory"}};
+        {"missing.xml", "", "cannot read: No such file or directory"},
+        {"dtd.xml", "<!DOCTYPE configuration [<!ELEMENT configuration EMPTY>]>" + good, ""},
+        {"limit.xml", at_limit, ""}};
     vesk::log::LOG_LEVEL = 3;
     for (const auto& c : cases) {
-        const std::string file = dir_.file(c.name);
-        if (!c.text.empty()) dir_.write(c.name, c.text);
-        vesk::test::CerrCapture cerr;
-        EXPECT_THAT(
-            [&] { Utility::read_config_document(file); },
-            ::testing::ThrowsMessage<std::runtime_error>("Error opening datastore configuration"))
-            << c.name;
-        EXPECT_EQ(cerr.lines(), Names{c.reason + " in datastore configuration " + file});
+        const std::string file = dir_.file("etc/datastore/" + c.name);
+        if (!c.text.empty()) dir_.write("etc/datastore/" + c.name, c.text);
+        const auto walk = [&] {
+            return parse_group("<group><entry config_file=\"" + c.name +
+                               "\">libx.so</entry></group>");
+        };
+        ::testing::internal::CaptureStderr();
+        if (c.reason.empty())
+            EXPECT_EQ(names_of(walk()), Names{"one"}) << c.name;
+        else
+            EXPECT_THAT(walk, ::testing::ThrowsMessage<std::runtime_error>(
+                                  "Error opening datastore configuration"))
+                << c.name;
+        EXPECT_EQ(::testing::internal::GetCapturedStderr(),
+                  c.reason.empty() ? "" : c.reason + " in datastore configuration " + file + "\n");
     }
-    // An internal DTD without entities is fine, and so is a file just at the limit.
-    dir_.write("dtd.xml", "<!DOCTYPE configuration [<!ELEMENT configuration EMPTY>]>" + good);
-    DataStoreConfig config;
-    EXPECT_TRUE(Utility::parse_xml(Utility::read_config_document(dir_.file("dtd.xml")), config));
-    EXPECT_EQ(config.instance_name, "one");
-    std::string at_limit = good;
-    at_limit.resize(Utility::max_config_file_size, ' ');
-    dir_.write("limit.xml", at_limit);
-    EXPECT_NO_THROW(Utility::read_config_document(dir_.file("limit.xml")));
-}
-
-// The inputs that crashed the C library's wordexp: literal paths, no crash,
-// and a datastore opened at the literal path.
-TEST_F(ConfigurationTest, ShellOperatorsInPathsStayLiteral) {
-    ScopedEnv home("HOME", dir_.path());
-    ::unsetenv("NOPE");
-    ::unsetenv("OM");
-    write_config("default_sqlite.xml",
-                 "instance_name=\"lit\" type=\"sqlite3\" source_types=\"data\" "
-                 "source_parameters=\"source=" +
-                     dir_.path() + "/${NOPE?}/x.db\"");
-    write_config("arith.xml",
-                 "instance_name=\"arith\" type=\"sqlite3\" source_types=\"data\" "
-                 "source_parameters=\"source=" +
-                     dir_.path() + "/$(())\"");
-    auto configs = parse_group(
-        "<group path=\"${OM?}/a\"><entry>libsqlite.so</entry>"
-        "<entry config_file=\"arith.xml\">libsqlite.so</entry></group>");
-    ASSERT_EQ(configs.size(), 2u);
-    const std::string here = std::filesystem::current_path().string();
-    EXPECT_EQ(configs[0].extension_path, here + "/${OM?}/a");
-    EXPECT_EQ(configs[0].source_parameters, "source=" + dir_.path() + "/${NOPE?}/x.db");
-    EXPECT_EQ(configs[1].source_parameters, "source=" + dir_.path() + "/$(())");
-
-    // Opened by the real SQLite extension: the files have the literal names.
-    for (auto& config : configs) {
-        config.extension_path = vesk::test::kStageDir + "/datastore/lumok64";
-        Utility::load_utest_config(config, true);
-    }
-    EXPECT_TRUE(std::filesystem::is_regular_file(dir_.file("${NOPE?}/x.db")));
-    EXPECT_TRUE(std::filesystem::is_regular_file(dir_.file("$(())")));
 }
 
 // ---- the attributes of a configuration element ----
 
 TEST_F(ConfigurationTest, ParseXmlStripsValuesAndReportsBadAttributesInKeyOrder) {
-    const std::string params = "source_parameters=\"p\" ";
+    const std::string bad = "Invalid value for attribute ", params = "source_parameters=\"p\" ";
     const std::vector<std::pair<std::string, std::string>> cases{
         // source_types comes before type: of two wrong attributes it is reported.
-        {params + "type=\"mysql\" source_types=\"disk\"", "source types disk"},
+        {params + "type=\"mysql\" source_types=\"disk\"", bad + "source types disk"},
         // source_parameters comes before both, and is reported under "type".
-        {"source_parameters=\" \" type=\"mysql\" source_types=\"disk\"", "type "},
-        {params + "type=\"mysql\" source_types=\"data\"", "type mysql"},
-        {params + "type=\"SQLite3\" source_types=\"data\"", "type SQLite3"},
+        {"source_parameters=\" \" type=\"mysql\" source_types=\"disk\"", bad + "type "},
+        {params + "type=\"mysql\" source_types=\"data\"", bad + "type mysql"},
+        {params + "type=\"SQLite3\" source_types=\"data\"", bad + "type SQLite3"},
         // Absent attributes default to "", which no table knows; empty pieces count.
-        {params + "type=\"sqlite3\"", "source types "},
-        {params + "type=\"sqlite3\" source_types=\"data|\"", "source types "},
-        {params + "type=\"sqlite3\" source_types=\"data| stream\"", "source types  stream"}};
-    for (const auto& [attributes, message] : cases)
-        EXPECT_EQ(parse_attributes(attributes).instance_name,
-                  "Invalid value for attribute " + message);
+        {params + "type=\"sqlite3\"", bad + "source types "},
+        {params + "type=\"sqlite3\" source_types=\"data|\"", bad + "source types "},
+        {params + "type=\"sqlite3\" source_types=\"data| stream\"", bad + "source types  stream"},
+        // Values are stripped, unknown attributes ignored, an absent name emptied.
+        {"instance_name=\"  a b  \" type=\" odbc \" source_types=\" data|stream \" "
+         "source_parameters=\" source=x|read_only=true \" colour=\"red\"",
+         "a b;1;;;source=x|read_only=true;11"},
+        {"type=\"other\" source_types=\"stream\" source_parameters=\"p\"", ";2;;;p;10"}};
+    for (const auto& [attributes, expected] : cases)
+        EXPECT_EQ(parse_attributes(attributes), expected) << attributes;
 
-    // Values are stripped, unknown attributes ignored, other roots left alone.
-    auto config = parse_attributes(
-        "instance_name=\"  a b  \" type=\" odbc \" source_types=\" data|stream \" "
-        "source_parameters=\" source=x|read_only=true \" colour=\"red\"");
-    EXPECT_EQ(config.instance_name, "a b");
-    EXPECT_EQ(config.type, odbc);
-    EXPECT_EQ(config.source_parameters, "source=x|read_only=true");
-    EXPECT_EQ(config.source_types, std::bitset<2>("11"));
-    config = parse_attributes("type=\"other\" source_types=\"stream\" source_parameters=\"p\"");
-    EXPECT_EQ(config.instance_name, "");  // absent: emptied
-    EXPECT_EQ(config.source_types, std::bitset<2>("10"));
-
-    config = parse_attributes("instance_name=\"x\" type=\"bogus\"", "settings");
-    EXPECT_EQ(config.instance_name, "kept");
-    EXPECT_EQ(config.type, other);
+    // Other roots are left alone.
+    EXPECT_EQ(parse_attributes("instance_name=\"x\" type=\"bogus\"", "settings"), "kept;2;;;;00");
+    DataStoreConfig config;
     EXPECT_FALSE(Utility::parse_xml(nullptr, config));
 }
 
@@ -387,17 +362,11 @@ TEST_F(ConfigurationTest, FillInVacantFieldsByType) {
     configs[3].extension_path = "/plugins";
     configs[3].source_parameters = "source=x";
     Utility::fillInVacantFields(configs);
-
-    std::vector<Names> fields;
-    for (const auto& c : configs)
-        fields.push_back({c.instance_name, c.extension_name, c.extension_path, c.source_parameters,
-                          c.source_types.to_string()});
-    EXPECT_EQ(fields, (std::vector<Names>{
-                          {"vesk_default", "libsqlite.so", "/inst//ext/",
-                           "read_only=false|source=\"$HOME/.vesk/2019.2.1/vesk.db\"", "01"},
-                          {"vesk_default", "libodbc.so", "/inst//ext/", "odbc_default_dsn", "01"},
-                          {"vesk_default", "", "/inst//ext/", "", "01"},
-                          {"mine", "libmine.so", "/plugins", "source=x", "10"}}));
+    EXPECT_EQ(described(configs),
+              (Names{"vesk_default;0;libsqlite.so;/inst//ext/;"
+                     "read_only=false|source=\"$HOME/.vesk/2019.2.1/vesk.db\";01",
+                     "vesk_default;1;libodbc.so;/inst//ext/;odbc_default_dsn;01",
+                     "vesk_default;2;;/inst//ext/;;01", "mine;2;libmine.so;/plugins;source=x;10"}));
 }
 
 // ---- finding and selecting datastores ----
@@ -414,7 +383,6 @@ TEST_F(ConfigurationTest, LocateDatastoresFollowsTheRequestedNames) {
     const auto found = Utility::locate_datastores({"b", "x", "a", "b"});
     EXPECT_EQ(names_of(found), (Names{"b", "a", "b"}));
     EXPECT_EQ(found[1].first.source_parameters, "first");  // the first match in db_vec
-    EXPECT_EQ(names_of(Utility::get_datastore_vector()), (Names{"a", "b", "a"}));
 }
 
 TEST(GetConfigurationsByType, SubsetOfSourceTypesAndTypeList) {
@@ -446,11 +414,9 @@ TEST(GetConfigurationsByType, SubsetOfSourceTypesAndTypeList) {
 
 // ---- opening and closing through the controller ----
 
-TEST_F(ConfigurationTest, GroupFileToOpenInstanceAndBack) {
+TEST_F(ConfigurationTest, GroupFileToOpenInstanceAndBackClosingOnlyLiveEntries) {
     write_config("scripted.xml",
-                 "instance_name=\"scripted\" type=\"other\" source_types=\"data\" "
-                 "source_parameters=\"trace=" +
-                     trace_file_ + "|op7=0\"");
+                 attributes("scripted", "other", "trace=" + trace_file_ + "|op7=0"));
     auto configs = parse_group("<group path=\"" + vesk::test::kPluginDir +
                                "\"><entry config_file=\"scripted.xml\">libscripted_plugin.so"
                                "</entry></group>");
@@ -467,26 +433,21 @@ TEST_F(ConfigurationTest, GroupFileToOpenInstanceAndBack) {
     Utility::clear_db_vector();
     EXPECT_TRUE(Utility::get_datastore_vector().empty());
     EXPECT_TRUE(recorded[0].second.expired());
-    EXPECT_EQ(vesk::test::read_file(trace_file_),
-              "create\nopen scripted trace=" + trace_file_ + "|op7=0\ncreate\nopen b trace=" +
-                  trace_file_ + "\ndestroy b\ncontrol scripted 7\ndestroy scripted\n");
-}
 
-TEST_F(ConfigurationTest, ClearClosesOnlyTheLiveRecordedInstances) {
-    // A recorded entry whose instance is gone, and a live, unrecorded instance
-    // of the same name, opened directly through the controller.
-    Utility::db_vec.emplace_back(scripted("outsider"), std::weak_ptr<DataStoreExtension>());
-    std::vector<DataStoreConfig> outsider{scripted("outsider")};
+    // Clearing closes only live recorded instances: neither the stale entry nor,
+    // next, an empty list closes a live, unrecorded instance of the same name.
+    Utility::db_vec.push_back(recorded[0]);
+    std::vector<DataStoreConfig> outsider{scripted("scripted")};
     DataStoreHandles handles;
     (void)controller_->open(outsider, handles);
-
-    // Neither the stale entry nor, next, an empty list closes it.
     Utility::clear_db_vector();
     EXPECT_TRUE(Utility::db_vec.empty());
     Utility::clear_db_vector();
     EXPECT_EQ(control(handles.at(0)), 0);
     EXPECT_EQ(vesk::test::read_file(trace_file_),
-              "create\nopen outsider trace=" + trace_file_ + "\ncontrol outsider 7\n");
+              "create\nopen scripted trace=" + trace_file_ + "|op7=0\ncreate\nopen b trace=" +
+                  trace_file_ + "\ndestroy b\ncontrol scripted 7\ndestroy scripted\ncreate\n" +
+                  "open scripted trace=" + trace_file_ + "\ncontrol scripted 7\n");
 }
 
 // ---- SQL files ----
