@@ -34,22 +34,23 @@ std::string item(const std::string& parameters, const std::string& key) {
     return value;
 }
 
-// The number that item `key` gives, or `fallback` when there is none.
-int32_t status_of(const std::string& parameters, const std::string& key, int32_t fallback) {
-    const std::string text = item(parameters, key);
-    return text.empty() ? fallback : static_cast<int32_t>(std::strtol(text.c_str(), nullptr, 10));
+// The status that item `key` gives: 0 (success) when there is none.
+int32_t status_of(const std::string& parameters, const std::string& key) {
+    return static_cast<int32_t>(std::strtol(item(parameters, key).c_str(), nullptr, 10));
 }
 
 class ScriptedExtension final : public DataStoreExtension {
 public:
-    bool is_open() noexcept override { return opened_; }
+    // The controller never asks a plain extension whether it is open, nor closes it.
+    bool is_open() noexcept override { return true; }
+    int32_t close() noexcept override { return OPERATION_SUCCESSFULL; }
 
     int32_t control(uint16_t op, const void*, void*, void*) noexcept override {
         try {
             char code[8];
             std::snprintf(code, sizeof code, "%u", static_cast<unsigned>(op));
             trace("control " + instance_name + " " + code);
-            return status_of(parameters_, std::string("op") + code, OPERATION_SUCCESSFULL);
+            return status_of(parameters_, std::string("op") + code);
         } catch (...) {
             return OPERATION_UNSUCCESSFULL;
         }
@@ -60,17 +61,10 @@ public:
             parameters_ = parameters;
             trace("create");
             trace("open " + instance_name + " " + parameters);
-            const int32_t status = status_of(parameters, "open", OPERATION_SUCCESSFULL);
-            opened_ = status == OPERATION_SUCCESSFULL;
-            return status;
+            return status_of(parameters, "open");
         } catch (...) {
             return OPERATION_UNSUCCESSFULL;
         }
-    }
-
-    int32_t close() noexcept override {
-        opened_ = false;
-        return OPERATION_SUCCESSFULL;
     }
 
     ~ScriptedExtension() override {
@@ -91,7 +85,6 @@ private:
     }
 
     std::string parameters_;
-    bool opened_ = false;
 };
 
 }  // namespace
