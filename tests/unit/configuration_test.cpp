@@ -508,18 +508,41 @@ TEST_F(ConfigurationTest, SqlFileRunsOneStatementPerLineAndNamesMissingFiles) {
     EXPECT_EQ(message_of(missing_sql, unopenable), "Unable to open datastore file " + unopenable);
 }
 
-// The three create statements run twice (as an SQL file, through tessdb1) and
-// make tables whose columns sit where the field maps expect them.
-TEST_F(ConfigurationTest, SchemaStatementsRunTwiceAndMatchTheFieldMaps) {
-    const std::string db = dir_.file("schema.db");
+// The scripted test plugin stands in for libsqlite.so in a folder of its own,
+// which VESK_DSE_PATH names. The SQL file holds the three create statements
+// twice, then a row.
+TEST_F(ConfigurationTest, LoadUtestSqlFileBuildsTheSchemaAndRecordsTheDatastore) {
+    const std::string dse = dir_.file("dse");
+    std::filesystem::create_directories(dse);
+    std::filesystem::create_symlink(vesk::test::kPluginDir + "/libscripted_plugin.so",
+                                    dse + "/libsqlite.so");
     std::string statements;
     for (int round = 0; round < 2; ++round)
         for (const auto* create : {&default_create_table_query, &default_create_baseline_query,
                                    &default_create_view_query})
             statements += *create + "\n";
     statements += "INSERT INTO " + table_name + " (Provider, version) VALUES ('uname', 42);\n";
-    EXPECT_EQ(message_of(dir_.write("schema.sql", statements), db), "");
+    const std::string sql = dir_.write("schema.sql", statements);
+    const std::string db = dir_.file("test.db");
+    {
+        // Without the variable it fails before the database is touched.
+        ScopedEnv unset("VESK_DSE_PATH", "");
+        ::unsetenv("VESK_DSE_PATH");
+        EXPECT_THROW(Utility::load_utest_sql_file(sql, db, true, "x", false), std::logic_error);
+        EXPECT_FALSE(std::filesystem::exists(db));
+    }
+    ScopedEnv env("VESK_DSE_PATH", dse);
+    Utility::load_utest_sql_file(sql, db, true, "ro", true);
+    Utility::load_utest_sql_file(sql, db, false, "rw", false);  // the file is not run again
 
+    // Both are open, through the stand-in found in VESK_DSE_PATH.
+    const auto recorded = Utility::get_datastore_vector();
+    EXPECT_FALSE(recorded.at(0).second.expired() || recorded.at(1).second.expired());
+    EXPECT_EQ(names_of(recorded), (Names{"ro", "rw"}));
+    EXPECT_EQ(recorded[0].first.source_parameters, "source=" + db + "|read_only=true");
+    EXPECT_EQ(recorded[1].first.source_parameters, "source=" + db + "|read_only=false");
+
+    // The columns sit where the field maps expect them.
     const auto columns = [&](const std::string& table) {
         return query(db, "SELECT name FROM pragma_table_info('" + table + "')");
     };
@@ -532,35 +555,6 @@ TEST_F(ConfigurationTest, SchemaStatementsRunTwiceAndMatchTheFieldMaps) {
     // case: it exposes the table's columns, in the table's order.
     EXPECT_EQ(columns(table_view), table);
     EXPECT_EQ(query(db, "SELECT Version || '/' || Provider FROM vesk_1"), Names{"42/uname"});
-}
-
-// The scripted test plugin stands in for libsqlite.so in a folder of its own,
-// which VESK_DSE_PATH names.
-TEST_F(ConfigurationTest, LoadUtestSqlFileRecordsTheDatastore) {
-    const std::string dse = dir_.file("dse");
-    std::filesystem::create_directories(dse);
-    std::filesystem::create_symlink(vesk::test::kPluginDir + "/libscripted_plugin.so",
-                                    dse + "/libsqlite.so");
-    const std::string sql = dir_.write("fill.sql", "CREATE TABLE t(a INTEGER);\n");
-    const std::string db = dir_.file("test.db");
-    {
-        // Without the variable it fails before the database is touched.
-        ScopedEnv unset("VESK_DSE_PATH", "");
-        ::unsetenv("VESK_DSE_PATH");
-        EXPECT_THROW(Utility::load_utest_sql_file(sql, db, true, "x", false), std::logic_error);
-        EXPECT_FALSE(std::filesystem::exists(db));
-    }
-    ScopedEnv env("VESK_DSE_PATH", dse);
-    Utility::load_utest_sql_file(sql, db, true, "ro", true);
-    EXPECT_EQ(query(db, "SELECT name FROM sqlite_master"), Names{"t"});
-    Utility::load_utest_sql_file(sql, db, false, "rw", false);
-
-    // Both are open, through the stand-in found in VESK_DSE_PATH.
-    const auto recorded = Utility::get_datastore_vector();
-    EXPECT_FALSE(recorded.at(0).second.expired() || recorded.at(1).second.expired());
-    EXPECT_EQ(names_of(recorded), (Names{"ro", "rw"}));
-    EXPECT_EQ(recorded[0].first.source_parameters, "source=" + db + "|read_only=true");
-    EXPECT_EQ(recorded[1].first.source_parameters, "source=" + db + "|read_only=false");
 }
 
 }  // namespace
