@@ -92,10 +92,9 @@ TEST_F(RecorderTest, ListingSkipsEmptyAnswers) {
 TEST_F(RecorderTest, TheFirstDataDatastoreDecidesEachOperation) {
     RecorderState *a = add("a"), *b = add("b");
     // "c" is not open.
-    const auto before =
-        (P::snapshot_dict = {{"a", {{"old", {ds::ProviderInfo{3, "p", nullptr}}}, {"keep", {}}}},
-                             {"b", {{"old", {}}}},
-                             {"c", {{"old", {}}}}});
+    P::snapshot_dict = {{"a", {{"old", {ds::ProviderInfo{3, "p", nullptr}}}, {"keep", {}}}},
+                        {"b", {{"old", {}}}},
+                        {"c", {{"old", {}}}}};
     P::set_snapshot_remove_str("old");
     struct Operation {
         uint16_t op;
