@@ -144,8 +144,8 @@ TEST_F(SqliteExtensionTest, FieldsAtTheirLimitsRoundTripAndBadFieldsAreRefusedBy
     EXPECT_TRUE(found.size() == 1 && same(found[0], fine.back()));
 }
 
-// Every field and every byte value round-trip, up to SQLite's length limit
-// of a row. That limit (10^9 bytes by default) lies below
+// Every byte value round-trips, up to SQLite's length limit of a row, and so
+// do empty streams and node lists. That limit (10^9 bytes by default) lies below
 // max_std_stream_size: a lowered limit shows its refusal at a size a test
 // can afford, and the two largest streams show which limit speaks.
 TEST_F(SqliteExtensionTest, EveryFieldAndByteRoundTripsUpToEitherLengthLimit) {
@@ -154,9 +154,6 @@ TEST_F(SqliteExtensionTest, EveryFieldAndByteRoundTripsUpToEitherLengthLimit) {
     vd::InsertRecord odd = sample_record("p1", "node1", INT64_C(1700000000123456), 7);
     for (int i = 0; i < limit - 4096; ++i) odd.std_out.push_back(static_cast<char>(i));
     odd.std_err.assign(odd.std_out.rbegin(), odd.std_out.rbegin() + 512);
-    odd.header.duration = 1.0 / 3.0;
-    odd.header.timestamp = INT64_C(1) << 40;
-    odd.header.exit_status = -1;
     vd::InsertRecord empty = sample_record("p1", "node2", 43);
     empty.std_out = empty.std_err = "";
     empty.header.node_names.clear();
@@ -186,22 +183,22 @@ TEST_F(SqliteExtensionTest, EveryFieldAndByteRoundTripsUpToEitherLengthLimit) {
     EXPECT_EQ(raw_count(db()), 2);
 }
 
-// Snapshots are recorded once, whole or not at all; a read-only datastore
-// then refuses every write, changes no byte and leaves no side file; removal
-// takes a snapshot that exists, by its exact name.
+// A snapshot of a missing row is refused naming the row, and an id is never
+// SQL. A read-only datastore then refuses every write, changes no byte and
+// leaves no side file that the next writer does not take away.
 TEST_F(SqliteExtensionTest, SnapshotsAndReadOnlyUse) {
     auto ext = open_db();
     ASSERT_EQ(bulk_insert(*ext, {sample_record("p", "h1", 100, 1), sample_record("p", "h2", 300, 2),
                                  sample_record("q", "h1", 200, 3)}),
               kOk);
-    const std::map<std::string, vd::ProviderInfoSet> snapshots{
-        {"s1", {{1, "p", nullptr}, {2, "p", nullptr}, {3, "q", nullptr}}},
-        {"s2", {{3, "q", nullptr}}}};
-    ASSERT_EQ(update_snapshots(*ext, snapshots), kOk);
-    ASSERT_EQ(update_snapshots(*ext, snapshots), kOk);  // adds nothing
+    ASSERT_EQ(
+        update_snapshots(*ext, {{"s1", {{1, "p", nullptr}, {2, "p", nullptr}, {3, "q", nullptr}}},
+                                {"s2", {{3, "q", nullptr}}}}),
+        kOk);
     CerrCapture log;
     EXPECT_EQ(update_snapshots(*ext, {{"s3", {{1, "p", nullptr}, {999, "p", nullptr}}}}), kFailed);
     EXPECT_NE(log.text().find("999"), std::string::npos);
+    EXPECT_EQ(remove_snapshot(*ext, "x' OR '1'='1"), kFailed);
     EXPECT_EQ(raw_count(db(), "baseline_datastore"), 4);
     ext.reset();
 
@@ -215,15 +212,13 @@ TEST_F(SqliteExtensionTest, SnapshotsAndReadOnlyUse) {
     std::vector<vd::Row> rows;
     EXPECT_FALSE(ext->select("DELETE FROM provider_datastore", rows, vd::row_field_index));
     EXPECT_NE(log.text().find("read-only"), std::string::npos);
-    EXPECT_EQ(select(*ext, "SELECT * FROM vesk_1").size(), 3u);  // reads work
     vd::SnapshotInfoSet ids;  // each with the latest run among its rows
     ASSERT_EQ(ext->control(vd::OP_QUERY_BASELINE_IDS, nullptr, &ids, nullptr), kOk);
     ASSERT_EQ(ids.size(), 2u);
     EXPECT_EQ(ids.begin()->latest_unique_timestamp, 300);
     EXPECT_EQ(std::next(ids.begin())->latest_unique_timestamp, 200);
     ext.reset();
-    // The file is not changed; SQLite may leave its (empty) WAL side files,
-    // which the next writer takes away.
+    // SQLite may leave its (empty) WAL side files.
     EXPECT_TRUE(read_file(db()) == before);
     for (const auto& name : files_in(dir_.path()))
         EXPECT_TRUE(name == "vesk.db" || name == "vesk.db-shm" ||
@@ -231,11 +226,6 @@ TEST_F(SqliteExtensionTest, SnapshotsAndReadOnlyUse) {
             << name;
     open_db().reset();
     EXPECT_EQ(files_in(dir_.path()), std::set<std::string>{"vesk.db"});
-
-    ext = open_db();
-    EXPECT_EQ(remove_snapshot(*ext, "x' OR '1'='1"), kFailed);
-    EXPECT_EQ(remove_snapshot(*ext, "s1"), kOk);
-    EXPECT_EQ(raw_count(db(), "baseline_datastore"), 1);
 }
 
 TEST_F(SqliteExtensionTest, BadFilesFailClearlyAndCreateNothing) {
