@@ -137,7 +137,7 @@ TEST_F(SqliteExtensionTest, FieldsAtTheirLimitsRoundTripAndBadFieldsAreRefusedBy
     EXPECT_EQ(raw_count(db()), 0);
     auto fine = records(0);
     fine.push_back(sample_record("disk usage (df -h)", "node-1.example.org", 1));
-    ASSERT_EQ(bulk_insert(*ext, fine), kOk);
+    for (const auto& record : fine) ASSERT_EQ(insert_record(*ext, record), kOk);
     const auto rows = select(*ext, "SELECT * FROM vesk_1 ORDER BY rowid");
     ASSERT_EQ(rows.size(), fine.size());
     for (size_t i = 0; i < rows.size(); ++i) EXPECT_TRUE(same(rows[i], fine[i])) << i;
@@ -147,9 +147,9 @@ TEST_F(SqliteExtensionTest, FieldsAtTheirLimitsRoundTripAndBadFieldsAreRefusedBy
 }
 
 // Every byte value round-trips, up to SQLite's length limit of a row, and so
-// do empty streams and node lists. That limit (10^9 bytes by default) lies below
-// max_std_stream_size: a lowered limit shows its refusal at a size a test
-// can afford, and the two largest streams show which limit speaks.
+// do empty streams and node lists. That limit (10^9 bytes by default) lies
+// below max_std_stream_size: a lowered limit shows its refusal at a size a
+// test can afford, and the two largest streams show which limit speaks.
 TEST_F(SqliteExtensionTest, EveryFieldAndByteRoundTripsUpToEitherLengthLimit) {
     const int limit = 1 << 20;
     auto small = open_db(false, "|max_length=" + std::to_string(limit));
