@@ -9,12 +9,14 @@
 #include <cstdlib>
 #include <dlfcn.h>
 #include <filesystem>
+#include <functional>
 #include <map>
 #include <memory>
 #include <random>
 #include <set>
 #include <stdexcept>
 #include <string>
+#include <sys/wait.h>
 #include <tuple>
 #include <unistd.h>
 #include <vector>
@@ -102,6 +104,26 @@ inline int32_t insert_record(vd::interface& ext, const vd::InsertRecord& record)
 
 inline int32_t bulk_insert(vd::interface& ext, const std::vector<vd::InsertRecord>& records) {
     return ext.control(vd::SQLITE_BULK_INSERT, &records, nullptr, nullptr);
+}
+
+inline int32_t update_snapshots(vd::interface& ext,
+                                const std::map<std::string, vd::ProviderInfoSet>& snapshots) {
+    const auto* ptr = &snapshots;
+    return ext.control(vd::OP_UPDATE_SNAPSHOT, nullptr, &ptr, nullptr);
+}
+
+inline int32_t remove_snapshot(vd::interface& ext, std::string id) {
+    return ext.control(vd::OP_REMOVE_SNAPSHOT, nullptr, &id, nullptr);
+}
+
+// Runs `body` in a forked child; answers its exit code (what `body`
+// answered), or -1 when the child did not exit.
+inline int in_child(const std::function<int()>& body) {
+    const pid_t child = ::fork();
+    if (child == 0) _exit(body());
+    int status = 0;
+    ::waitpid(child, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 // Whether `row` holds `record`, every field byte for byte.

@@ -7,10 +7,19 @@ namespace {
 
 using namespace vesk::test;
 using Providers = std::map<std::string, ds::ProviderInfo>;
+using ::testing::Key;
 
 std::vector<int32_t> rowids(const ds::ProviderInfoSet& set) {
     std::vector<int32_t> out;
     for (const auto& info : set) out.push_back(info.rowid);
+    return out;
+}
+
+// "datastore/snapshot" of every entry of the snapshot dictionary.
+std::vector<std::string> entries() {
+    std::vector<std::string> out;
+    for (const auto& [store, snapshots] : P::snapshot_dict)
+        for (const auto& snapshot : snapshots) out.push_back(store + "/" + snapshot.first);
     return out;
 }
 
@@ -76,8 +85,17 @@ TEST_F(RecorderTest, ListingSkipsEmptyAnswers) {
     EXPECT_EQ(err.text(), "");
 }
 
+// The first "data" datastore alone is asked. Each way it can fail is worded
+// and leaves the snapshot dictionary as it was; on success it gets its own
+// dictionary entry (commit) or the id (removal), with no input, and only its
+// own entry loses the removed id.
 TEST_F(RecorderTest, TheFirstDataDatastoreDecidesEachOperation) {
     RecorderState *a = add("a"), *b = add("b");
+    // "c" is not open.
+    P::snapshot_dict = {{"a", {{"old", {ds::ProviderInfo{3, "p", nullptr}}}, {"keep", {}}}},
+                        {"b", {{"old", {}}}},
+                        {"c", {{"old", {}}}}};
+    P::set_snapshot_remove_str("old");
     struct Operation {
         uint16_t op;
         bool (*run)();
@@ -92,6 +110,7 @@ TEST_F(RecorderTest, TheFirstDataDatastoreDecidesEachOperation) {
         for (const ControlScript& script : {answer(1), answer(512), answer(7), throws()}) {
             a->scripts = {{operation.op, script}};
             EXPECT_FALSE(operation.run()) << operation.op;
+            EXPECT_THAT(entries(), ElementsAre("a/keep", "a/old", "b/old", "c/old"));
         }
         EXPECT_THAT(err.lines(),
                     ElementsAre(operation.what + operation.plain + " for \"a\"",
@@ -100,18 +119,20 @@ TEST_F(RecorderTest, TheFirstDataDatastoreDecidesEachOperation) {
                                 "Pulling data failed for \" from the datastore source \"a\""));
     }
     EXPECT_THAT(P::get_snapshot_info_set(), IsEmpty());
-    // On success: the first datastore's dictionary and the id are sent, with no input.
-    P::snapshot_dict["a"]["snap"] = {ds::ProviderInfo{3, "p", nullptr}};
-    P::set_snapshot_remove_str("old");
     a->scripts = {{518, answer(0)}, {520, answer(0)}};
     a->controls.clear();
     EXPECT_TRUE(P::commit_snapshot_updates());
     EXPECT_TRUE(P::remove_snapshot());
     ASSERT_EQ(a->controls.size(), 2u);
     for (const auto& call : a->controls) EXPECT_EQ(call.in, nullptr);
-    EXPECT_THAT(rowids(a->controls[0].snapshots.at("snap")), ElementsAre(3));
+    EXPECT_THAT(rowids(a->controls[0].snapshots.at("old")), ElementsAre(3));
     EXPECT_EQ(a->controls[1].text, "old");
     EXPECT_THAT(b->controls, IsEmpty());
+    EXPECT_THAT(entries(), ElementsAre("a/keep", "b/old", "c/old"));
+    // The last snapshot of a datastore takes its entry with it.
+    P::snapshot_dict = {{"a", {{"old", {}}}}};
+    EXPECT_TRUE(P::remove_snapshot());
+    EXPECT_THAT(P::snapshot_dict, IsEmpty());
 }
 
 TEST_F(RecorderTest, MarkLatestRecordsTheNewestRunAndCommitsToTheFirst) {
@@ -144,62 +165,23 @@ TEST_F(RecorderTest, MarkLatestRecordsTheNewestRunAndCommitsToTheFirst) {
     EXPECT_EQ(err.text(), "");
 }
 
-std::vector<std::string> names(const std::map<std::string, ds::ProviderInfoSet>& snapshots) {
-    std::vector<std::string> out;
-    for (const auto& snapshot : snapshots) out.push_back(snapshot.first);
-    return out;
-}
-
-TEST_F(RecorderTest, OnlyASuccessfulRemovalDropsTheIdFromTheAskedDatastore) {
-    RecorderState* a = add("a");
-    add("b");
-    struct Case {
-        ControlScript answer;
-        bool removed;
-        std::vector<std::string> left_in_a;
-    };
-    const std::vector<std::string> both{"keep", "old"};
-    for (const Case& c : {Case{answer(1), false, both}, Case{answer(512), false, both},
-                          Case{answer(7), false, both}, Case{throws(), false, both},
-                          Case{answer(0), true, {"keep"}}}) {
-        // "a" is the datastore asked; "b" and "c" (not open) keep theirs.
-        P::snapshot_dict = {
-            {"a", {{"old", {}}, {"keep", {}}}}, {"b", {{"old", {}}}}, {"c", {{"old", {}}}}};
-        P::set_snapshot_remove_str("old");
-        a->scripts = {{520, c.answer}};
-        CerrCapture err;
-        EXPECT_EQ(P::remove_snapshot(), c.removed);
-        EXPECT_EQ(names(P::snapshot_dict["a"]), c.left_in_a);
-        EXPECT_THAT(names(P::snapshot_dict["b"]), ElementsAre("old"));
-        EXPECT_THAT(names(P::snapshot_dict["c"]), ElementsAre("old"));
-    }
-    // The last snapshot of a datastore takes its entry with it.
-    P::snapshot_dict = {{"a", {{"old", {}}}}};
-    EXPECT_TRUE(P::remove_snapshot());
-    EXPECT_THAT(P::snapshot_dict, IsEmpty());
-}
-
 TEST_F(RecorderTest, AForgottenSnapshotIsNoLongerCommitted) {
     RecorderState* a = add("a");
     P::snapshot_dict = {{"a", {{"refused", {ds::ProviderInfo{5, "p", nullptr}}}}},
                         {"b", {{"refused", {}}, {"other", {}}}}};
-    // A refused commit keeps the dictionary, so the next one sends it again...
-    a->scripts = {{518, answer(1)}};
-    CerrCapture err;
-    EXPECT_FALSE(P::commit_snapshot_updates());
-    EXPECT_THAT(names(P::snapshot_dict["a"]), ElementsAre("refused"));
-    // ...until it is forgotten everywhere; the datastores are not asked.
-    a->controls.clear();
+    // A refused commit keeps the dictionary (see above), so the next one
+    // sends it again, until it is forgotten everywhere; the datastores are
+    // not asked.
     EXPECT_TRUE(P::forget_snapshot("refused"));
     EXPECT_FALSE(P::forget_snapshot("refused"));
     EXPECT_THAT(a->controls, IsEmpty());
     EXPECT_EQ(P::snapshot_dict.count("a"), 0u);
-    EXPECT_THAT(names(P::snapshot_dict["b"]), ElementsAre("other"));
+    EXPECT_THAT(entries(), ElementsAre("b/other"));
     P::snapshot_dict["a"]["next"] = {ds::ProviderInfo{6, "p", nullptr}};
     a->scripts = {{518, answer(0)}};
     EXPECT_TRUE(P::commit_snapshot_updates());
     ASSERT_EQ(a->controls.size(), 1u);
-    EXPECT_THAT(names(a->controls[0].snapshots), ElementsAre("next"));
+    EXPECT_THAT(a->controls[0].snapshots, ElementsAre(Key("next")));
     // Clearing drops everything at once.
     P::clear_snapshot_dictionary();
     EXPECT_THAT(P::snapshot_dict, IsEmpty());

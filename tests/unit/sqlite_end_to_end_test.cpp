@@ -1,8 +1,9 @@
 // The SQLite extension end to end through the real default configuration:
 // the staged group file and default_sqlite.xml are parsed, the default
 // datastore lands in $HOME (a temporary folder here), rows of two collection
-// runs go in, every query function reads them back, and a snapshot is
-// recorded, listed, read and removed through DataStoreParseUtility.
+// runs go in, every query function reads them back, and snapshots are
+// recorded, listed, read, removed and forgotten through
+// DataStoreParseUtility.
 #include <gtest/gtest.h>
 #include <libxml/parser.h>
 
@@ -27,9 +28,12 @@ std::vector<std::string> ids(const std::vector<vd::Row>& rows) {
     return out;
 }
 
-// Opens the datastores of the staged group file, which names libsqlite.so
-// and default_sqlite.xml: one SQLite file under $HOME.
-void open_staged_group() {
+TEST(SqliteEndToEndTest, DefaultConfigurationStoresQueriesAndSnapshots) {
+    const TempDir home;
+    const ScopedEnv home_env("HOME", home.path());
+    const auto controller = vd::DataStoreController::createDataStoreController();
+    // The staged group file names libsqlite.so and default_sqlite.xml: one
+    // SQLite file under $HOME.
     const std::string group = kStageDir + "/etc/datastore/datastore_group.xml";
     xmlDoc* doc = xmlReadFile(group.c_str(), nullptr, 0);
     ASSERT_NE(doc, nullptr) << group;
@@ -37,13 +41,6 @@ void open_staged_group() {
     xmlFreeDoc(doc);
     ASSERT_EQ(configs.size(), 1u);
     Utility::insert_db_instance(configs);
-}
-
-TEST(SqliteEndToEndTest, DefaultConfigurationStoresQueriesAndSnapshots) {
-    const TempDir home;
-    const ScopedEnv home_env("HOME", home.path());
-    const auto controller = vd::DataStoreController::createDataStoreController();
-    ASSERT_NO_FATAL_FAILURE(open_staged_group());
     const std::string file = home.file(".vesk/2019.2.1/vesk.db");
 
     // Run 1 one row at a time, run 2 (where n2 has no uname row) in one bulk insert.
@@ -90,8 +87,15 @@ TEST(SqliteEndToEndTest, DefaultConfigurationStoresQueriesAndSnapshots) {
         vesk::provider_config{"cpu", "cpu-fwd", "psum", "csum"});
     std::map<std::string, vd::ProviderInfo> providers{{"cpu", {0, "cpu", config}},
                                                       {"uname", {0, "uname", nullptr}}};
-    Utility::set_baseline_str("snap1");
-    ASSERT_TRUE(Utility::mark_latest_snapshot_data(providers, fresh()));
+    auto record = [&](const std::string& snapshot) {
+        Utility::set_baseline_str(snapshot);
+        return Utility::mark_latest_snapshot_data(providers, fresh());
+    };
+    auto remove = [](const std::string& snapshot) {
+        Utility::set_snapshot_remove_str(snapshot);
+        return Utility::remove_snapshot();
+    };
+    ASSERT_TRUE(record("snap1"));
     EXPECT_EQ(ids(rows), (std::vector<std::string>{"cpu@n1#2", "cpu@n2#2", "uname@n1#2"}));
     EXPECT_EQ(raw_count(file, vd::table_baseline), 3);
 
@@ -111,67 +115,33 @@ TEST(SqliteEndToEndTest, DefaultConfigurationStoresQueriesAndSnapshots) {
     EXPECT_EQ(baselines["cpu"][0].fwd_name, "cpu-fwd");
     EXPECT_EQ(baselines["cpu"][0].provider_checksum, "psum");
 
-    Utility::set_snapshot_remove_str("snap1");
-    EXPECT_TRUE(Utility::remove_snapshot());
+    EXPECT_TRUE(remove("snap1"));
     EXPECT_EQ(raw_count(file, vd::table_baseline), 0);
     EXPECT_FALSE(Utility::remove_snapshot());  // already gone
-    // Closing leaves the datastore file alone in its folder.
-    Utility::clear_db_vector();
-    EXPECT_EQ(files_in(home.file(".vesk/2019.2.1")), std::set<std::string>{"vesk.db"});
-}
-
-// The snapshot ids in the file, read with plain SQLite.
-std::vector<std::string> stored_snapshots(const std::string& file) {
-    return raw_column(file, "SELECT DISTINCT baseline_id FROM " + std::string(vd::table_baseline) +
-                                " ORDER BY 1");
-}
-
-TEST(SqliteEndToEndTest, RemovedAndForgottenSnapshotsStayOutOfLaterCommits) {
-    const TempDir home;
-    const ScopedEnv home_env("HOME", home.path());
-    const auto controller = vd::DataStoreController::createDataStoreController();
-    ASSERT_NO_FATAL_FAILURE(open_staged_group());
-    Utility::clear_snapshot_dictionary();  // whatever earlier tests of this process left
-    const std::string file = home.file(".vesk/2019.2.1/vesk.db");
-    const std::vector<std::string> names{vd::DEFAULT_DATASTORE_NAME};
-    for (const char* host : {"n1", "n2"}) {
-        vd::InsertRecord record = sample_record("cpu", host, kRun1, 1);
-        ASSERT_TRUE(vd::execute_ioctl(names, vd::OP_INSERT, nullptr, &record, nullptr, nullptr));
-    }
-    auto record = [](const std::string& snapshot) {
-        std::map<std::string, vd::ProviderInfo> providers{{"cpu", {0, "cpu", nullptr}}};
-        std::vector<vd::Row> rows;
-        Utility::set_baseline_str(snapshot);
-        return Utility::mark_latest_snapshot_data(providers, rows);
-    };
-    auto remove = [](const std::string& snapshot) {
-        Utility::set_snapshot_remove_str(snapshot);
-        return Utility::remove_snapshot();
-    };
-    using Ids = std::vector<std::string>;
-
     // A removed snapshot does not come back with the next one recorded.
-    ASSERT_TRUE(record("first"));
-    EXPECT_EQ(stored_snapshots(file), Ids{"first"});
-    ASSERT_TRUE(remove("first"));
+    using Ids = std::vector<std::string>;
+    const auto stored = [&file] {
+        return raw_column(file, "SELECT DISTINCT baseline_id FROM " +
+                                    std::string(vd::table_baseline) + " ORDER BY 1");
+    };
     ASSERT_TRUE(record("second"));
-    EXPECT_EQ(stored_snapshots(file), Ids{"second"});
-    EXPECT_EQ(raw_count(file, vd::table_baseline), 2);
+    EXPECT_EQ(stored(), Ids{"second"});
 
     // A snapshot the extension refuses (a blank id) is sent again with every
     // later one, so they all fail; removing it cannot help, as it was never
     // stored, but forgetting it does.
-    CerrCapture log;
     const std::string blank = "  ";
     EXPECT_FALSE(record(blank));
     EXPECT_FALSE(record("third"));
     EXPECT_FALSE(remove(blank));
-    EXPECT_EQ(stored_snapshots(file), Ids{"second"});
+    EXPECT_EQ(stored(), Ids{"second"});
     EXPECT_TRUE(Utility::forget_snapshot(blank));
     EXPECT_TRUE(record("third"));
-    EXPECT_EQ(stored_snapshots(file), (Ids{"second", "third"}));
-    EXPECT_EQ(raw_count(file, vd::table_baseline), 4);
+    EXPECT_EQ(stored(), (Ids{"second", "third"}));
+    EXPECT_EQ(raw_count(file, vd::table_baseline), 6);
+    // Closing leaves the datastore file alone in its folder.
     Utility::clear_db_vector();
+    EXPECT_EQ(files_in(home.file(".vesk/2019.2.1")), std::set<std::string>{"vesk.db"});
 }
 
 }  // namespace
