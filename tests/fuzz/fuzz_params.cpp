@@ -3,10 +3,7 @@
 // double quotes removed, then wordexp); the key check every SQL extension
 // runs at open (the SQLite extension's keys); and, when the ODBC extension
 // is built, its own parser.
-#include <cctype>
-#include <cstdint>
 #include <map>
-#include <string>
 
 #include "vesk/datastore.h"
 #include "vesk/datastore/sql/checks.h"
@@ -25,10 +22,8 @@ namespace checks = vesk::datastore::sql::checks;
 using vesk::datastore::sqlite_backend::known_keys;  // the SQLite extension's keys
 
 bool digits(const std::string& text) {
-    if (text.empty() || text.size() > 12) return false;
-    for (char c : text)
-        if (!std::isdigit(static_cast<unsigned char>(c))) return false;
-    return true;
+    return !text.empty() && text.size() <= 12 &&
+           text.find_first_not_of("0123456789") == std::string::npos;
 }
 
 // An accepted string gives known keys with values of their kind, and one
