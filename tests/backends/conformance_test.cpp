@@ -30,40 +30,19 @@ using Handle = std::weak_ptr<vd::DataStoreExtension>;
 // One backend under test.
 struct Backend {
     std::string name;
-    // The config of instance `instance` of one datastore that lives in the
-    // folder `dir` (a backend on a server may ignore it), read-only or not.
-    // The first writable open of a test finds the datastore empty.
-    std::function<vd::DataStoreConfig(const std::string& dir, const std::string& instance,
-                                      bool read_only)>
-        config;
+    bool odbc;  // through the ODBC extension, else the SQLite one
+    // The "source" parameter of the test's datastore, whose files live in the
+    // folder `dir` (a backend on a server may ignore it); `fresh` for the
+    // test's first open, which must find the datastore empty.
+    std::function<std::string(const std::string& dir, bool fresh)> source;
     // False when the backend refuses text with a NUL byte or invalid UTF-8.
-    bool stores_any_bytes = true;
+    bool stores_any_bytes;
     // False when a Duration comes back with 15 significant digits only.
-    bool exact_doubles = true;
+    bool exact_doubles;
 };
 
 // Names the backend in test output, instead of its bytes.
 void PrintTo(const Backend& backend, std::ostream* os) { *os << backend.name; }
-
-vd::DataStoreConfig odbc_config(const std::string& instance, const std::string& parameters) {
-    vd::DataStoreConfig config;
-    config.type = vd::odbc;
-    config.instance_name = instance;
-    config.extension_name = "libodbc.so";
-    config.extension_path = kStageDir + "/datastore/lumok64/";
-    config.source_parameters = parameters;
-    config.source_types.set(vd::data);
-    return config;
-}
-
-vd::DataStoreConfig sqlite_config(const std::string& dir, const std::string& instance,
-                                  bool read_only) {
-    auto config = odbc_config(instance, "source=" + dir + "/conformance.db|busy_timeout_ms=5000" +
-                                            std::string(read_only ? "|read_only=true" : ""));
-    config.type = vd::sqlite3;
-    config.extension_name = "libsqlite.so";
-    return config;
-}
 
 // A new, empty database vesk_conformance on the test server `server`.
 void new_pg_database(const std::string& server) {
@@ -75,36 +54,34 @@ void new_pg_database(const std::string& server) {
 }
 
 // PostgreSQL through ODBC, on the test server of the ctest fixture vesk_pg,
-// in a database of its own that the first writable open of a test makes anew.
-vd::DataStoreConfig postgresql_config(const std::string& /*dir*/, const std::string& instance,
-                                      bool read_only) {
+// in a database of its own that the first open of a test makes anew.
+std::string postgresql_source(const std::string& /*dir*/, bool fresh) {
     std::string why;
     const std::string server = pg_connection_string(why);
     if (server.empty()) {
         ADD_FAILURE() << "no PostgreSQL test server: " << why;
-        return odbc_config(instance, "");  // refused by the extension
+        return "";  // refused by the extension
     }
-    if (instance == "writer" && !read_only) new_pg_database(server);
-    return odbc_config(instance, "source=" + with_database(server, "vesk_conformance") +
-                                     (read_only ? "|read_only=true" : ""));
+    if (fresh) new_pg_database(server);
+    return with_database(server, "vesk_conformance");
 }
 
-// SQLite through its ODBC driver, one file per test.
-vd::DataStoreConfig sqlite_odbc_config(const std::string& dir, const std::string& instance,
-                                       bool read_only) {
-    return odbc_config(instance, "source=DRIVER=" + std::string(kSqliteOdbcDriver) +
-                                     ";Database=" + dir + "/conformance-odbc.db;Timeout=5000;" +
-                                     (read_only ? "|read_only=true" : ""));
-}
-
-// Every backend of the suite. Both ODBC backends refuse text with a NUL
-// byte (the drivers take text up to its first NUL); PostgreSQL also refuses
-// invalid UTF-8. The SQLite ODBC driver hands every value over as SQLite's
-// text of it, which has 15 significant digits for a REAL.
+// Every backend of the suite; SQLite through its ODBC driver uses a file of
+// its own. Both ODBC backends refuse text with a NUL byte (the drivers take
+// text up to its first NUL); PostgreSQL also refuses invalid UTF-8. The
+// SQLite ODBC driver hands every value over as SQLite's text of it, which
+// has 15 significant digits for a REAL.
 const Backend kBackends[] = {
-    {"sqlite", sqlite_config, true, true},
-    {"postgresql", postgresql_config, false, true},
-    {"sqlite_odbc", sqlite_odbc_config, false, false},
+    {"sqlite", false,
+     [](const std::string& dir, bool) { return dir + "/conformance.db|busy_timeout_ms=5000"; },
+     true, true},
+    {"postgresql", true, postgresql_source, false, true},
+    {"sqlite_odbc", true,
+     [](const std::string& dir, bool) {
+         return "DRIVER=" + std::string(kSqliteOdbcDriver) + ";Database=" + dir +
+                "/conformance-odbc.db;Timeout=5000;";
+     },
+     false, false},
 };
 
 class BackendConformance : public ::testing::TestWithParam<Backend> {
@@ -118,9 +95,18 @@ protected:
         if (controller_) controller_->close({});
     }
 
+    // Instance `instance` of the test's datastore; the first open is "writer".
     Handle open(const std::string& instance, bool read_only) {
-        std::vector<vd::DataStoreConfig> configs{
-            GetParam().config(dir_.path(), instance, read_only)};
+        const Backend& backend = GetParam();
+        std::vector<vd::DataStoreConfig> configs(1);
+        auto& config = configs[0];
+        config.type = backend.odbc ? vd::odbc : vd::sqlite3;
+        config.instance_name = instance;
+        config.extension_name = backend.odbc ? "libodbc.so" : "libsqlite.so";
+        config.extension_path = kStageDir + "/datastore/lumok64/";
+        config.source_parameters = "source=" + backend.source(dir_.path(), instance == "writer") +
+                                   (read_only ? "|read_only=true" : "");
+        config.source_types.set(vd::data);
         vd::DataStoreHandles handles;
         try {
             controller_->open(configs, handles);
