@@ -259,13 +259,9 @@ TEST(JsonLines, OneReaderForLinesOfAnyLength) {
 
 TEST(JsonLines, WritesWhatNlohmannWrites) {
     // export's bytes must not change: the writer against nlohmann-json's dump.
-    const std::string texts[] = {"",
-                                 "plain",
-                                 std::string("q\"b\\s/\b\f\n\r\t\x01\x1f\x7f\0z", 15),
-                                 "caf\xc3\xa9 \xf0\x9f\x98\x80",
-                                 "bad \xff byte",
-                                 "cut \xe2\x82",
-                                 "surrogate \xed\xa0\x80"};
+    // (Text that is not UTF-8: the fuzz_jsonl seed writer_bad_utf8.)
+    const std::string texts[] = {"", "plain", std::string("q\"b\\s/\b\f\n\r\t\x01\x1f\x7f\0z", 15),
+                                 "caf\xc3\xa9 \xf0\x9f\x98\x80"};
     const double durations[] = {0.0, -0.0, 0.1, 1e15, 1e16, 1e-7, 123456.789, -2.5, 1e308};
     size_t i = 0;
     for (const auto& text : texts) {
