@@ -323,10 +323,9 @@ TEST_P(BackendConformance, SnapshotsAreRecordedListedReadUpdatedAndRemoved) {
     ASSERT_EQ(baselines["p"].size(), 2u);
     std::map<int32_t, vd::Row_baseline> membership;
     for (const auto& b : baselines["p"]) membership[b.datastore_rowid] = b;
-    EXPECT_EQ(membership[rows[0].rowid].baseline_id, "s1");
-    EXPECT_EQ(membership[rows[0].rowid].fwd_name, "fwd");
-    EXPECT_EQ(membership[rows[0].rowid].provider_checksum, "pc2");
-    EXPECT_EQ(membership[rows[0].rowid].command_checksum, "cc1");
+    const auto& m = membership[rows[0].rowid];
+    EXPECT_EQ(std::tie(m.baseline_id, m.fwd_name, m.provider_checksum, m.command_checksum),
+              std::make_tuple("s1", "fwd", "pc2", "cc1"));
     EXPECT_EQ(membership[rows[1].rowid].fwd_name, "");
 
     EXPECT_TRUE(remove_snapshot("s1"));
