@@ -1,8 +1,8 @@
 // The conformance suite of the SQL backends: every backend in kBackends runs
 // the same tests through the real controller (load, open, control, close).
-// A backend is one factory that describes a fresh, empty datastore as a
-// DataStoreConfig; a backend that cannot store every byte in a text column
-// says so, and the suite then checks that such rows are refused whole.
+// A backend names its extension and gives the source of a fresh, empty
+// datastore; a backend that cannot store every byte in a text column says
+// so, and the suite then checks that such rows are refused whole.
 #include <algorithm>
 #include <cmath>
 #include <functional>
