@@ -6,14 +6,11 @@
 //
 // Allowed outcomes: records, or std::runtime_error with one of the library's
 // fixed texts. Anything else (another exception, a crash, a leak) is a fault.
-#include <cstdint>
-#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <sstream>
 #include <stdexcept>
-#include <string>
 #include <unistd.h>
 
 #include <libxml/tree.h>

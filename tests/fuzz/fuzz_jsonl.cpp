@@ -4,9 +4,8 @@
 // line as a new one does; a row it accepts, written back as a line by
 // export's writer and read again, gives the same record; and the writer
 // gives nlohmann-json's bytes for any text, UTF-8 or not.
-#include <cstdint>
 #include <cstring>
-#include <string>
+#include <tuple>
 
 #include <nlohmann/json.hpp>
 
@@ -22,17 +21,18 @@ using vesk::datastore::InsertRecord;
 using vesk::tool::JsonLine;
 using vesk::tool::JsonLineReader;
 
+// Every field but the duration.
+auto fields(const InsertRecord& r) {
+    const auto& h = r.header;
+    return std::tie(h.provider, h.hostname, h.num_nodes, h.node_names, h.exit_status, h.timestamp,
+                    h.encoding, h.version, h.username, h.unique_timestamp, r.std_out, r.std_err,
+                    r.option_id);
+}
+
 bool same(const InsertRecord& a, const InsertRecord& b) {
-    const auto& x = a.header;
-    const auto& y = b.header;
     // Durations compare bit for bit: -0.0 and 0.0 are different values.
-    return x.provider == y.provider && x.hostname == y.hostname && x.num_nodes == y.num_nodes &&
-           x.node_names == y.node_names && x.exit_status == y.exit_status &&
-           x.timestamp == y.timestamp &&
-           std::memcmp(&x.duration, &y.duration, sizeof(double)) == 0 && x.encoding == y.encoding &&
-           x.version == y.version && x.username == y.username &&
-           x.unique_timestamp == y.unique_timestamp && a.std_out == b.std_out &&
-           a.std_err == b.std_err && a.option_id == b.option_id;
+    return fields(a) == fields(b) &&
+           std::memcmp(&a.header.duration, &b.header.duration, sizeof(double)) == 0;
 }
 
 bool same(const JsonLine& a, const JsonLine& b) {

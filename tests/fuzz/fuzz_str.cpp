@@ -1,8 +1,6 @@
 // split, stripws and squeeze against properties that any correct version has.
 // Input: the first byte is the separator (or squeezed character), the rest the text.
 #include <cctype>
-#include <cstdint>
-#include <string>
 #include <vector>
 
 #include "vesk/str.h"

@@ -2,9 +2,7 @@
 // clause, run by SQLite, must be one condition that matches exactly the rows
 // of those names, so no name can end its literal and add SQL of its own.
 // Input: names separated by line breaks.
-#include <cstdint>
 #include <stdexcept>
-#include <string>
 #include <vector>
 
 #include <sqlite3.h>
@@ -37,6 +35,7 @@ bool passes_check(const std::string& name) {
 }
 
 sqlite3* g_db = nullptr;
+sqlite3_stmt* g_insert = nullptr;  // one row of t
 
 void exec(const char* sql) {
     VESK_FUZZ_CHECK(sqlite3_exec(g_db, sql, nullptr, nullptr, nullptr) == SQLITE_OK);
@@ -47,6 +46,8 @@ void exec(const char* sql) {
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
     VESK_FUZZ_CHECK(sqlite3_open(":memory:", &g_db) == SQLITE_OK);
     exec("CREATE TABLE t(Provider TEXT)");
+    VESK_FUZZ_CHECK(sqlite3_prepare_v2(g_db, "INSERT INTO t VALUES(?)", -1, &g_insert, nullptr) ==
+                    SQLITE_OK);
     return 0;
 }
 
@@ -74,18 +75,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
     // The table holds each usable name as the builder strips it, and a row
     // no name can match.
-    exec("DELETE FROM t");
-    sqlite3_stmt* insert = nullptr;
-    VESK_FUZZ_CHECK(sqlite3_prepare_v2(g_db, "INSERT INTO t VALUES(?)", -1, &insert, nullptr) ==
-                    SQLITE_OK);
+    exec("DELETE FROM t; INSERT INTO t VALUES(char(1))");
     for (const auto& name : usable) {
         const std::string value = vesk::str::stripws(name);
-        sqlite3_bind_text(insert, 1, value.data(), int(value.size()), SQLITE_TRANSIENT);
-        VESK_FUZZ_CHECK(sqlite3_step(insert) == SQLITE_DONE);
-        sqlite3_reset(insert);
+        sqlite3_bind_text(g_insert, 1, value.data(), int(value.size()), SQLITE_TRANSIENT);
+        VESK_FUZZ_CHECK(sqlite3_step(g_insert) == SQLITE_DONE);
+        sqlite3_reset(g_insert);
     }
-    sqlite3_finalize(insert);
-    exec("INSERT INTO t VALUES(char(1))");
 
     const std::string sql = "SELECT COUNT(*) FROM t WHERE" + where;
     sqlite3_stmt* select = nullptr;

@@ -1,8 +1,5 @@
 // wordexp over any text: no crash, nothing run, and the forms it does not
 // expand leave the text exactly as written.
-#include <cstdint>
-#include <cstdlib>
-#include <string>
 
 #include "vesk/str.h"
 

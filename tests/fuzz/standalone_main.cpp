@@ -3,7 +3,6 @@
 // input ran; a fault aborts the process as it would under libFuzzer.
 #include <algorithm>
 #include <cstdint>
-#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
@@ -14,48 +13,36 @@
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
 extern "C" __attribute__((weak)) int LLVMFuzzerInitialize(int* argc, char*** argv);
 
-namespace {
-
-bool run_file(const std::filesystem::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    if (!in) {
-        std::cerr << "cannot read " << path.string() << "\n";
-        return false;
-    }
-    const std::vector<char> bytes((std::istreambuf_iterator<char>(in)),
-                                  std::istreambuf_iterator<char>());
-    // A copy of exactly the input's size, so that reads past the end are caught.
-    std::vector<uint8_t> data(bytes.begin(), bytes.end());
-    LLVMFuzzerTestOneInput(data.empty() ? nullptr : data.data(), data.size());
-    return true;
-}
-
-}  // namespace
-
 int main(int argc, char** argv) {
+    namespace fs = std::filesystem;
     if (LLVMFuzzerInitialize != nullptr) LLVMFuzzerInitialize(&argc, &argv);
-    size_t count = 0;
-    bool ok = true;
+    std::vector<fs::path> inputs;
     for (int i = 1; i < argc; ++i) {
-        const std::filesystem::path arg(argv[i]);
-        if (!arg.empty() && argv[i][0] == '-') continue;  // libFuzzer options
+        if (argv[i][0] == '-') continue;  // libFuzzer options
         std::error_code ec;
-        if (std::filesystem::is_directory(arg, ec)) {
-            std::vector<std::filesystem::path> files;
-            for (const auto& entry : std::filesystem::directory_iterator(arg))
-                if (entry.is_regular_file()) files.push_back(entry.path());
-            std::sort(files.begin(), files.end());
-            for (const auto& file : files) ok = run_file(file) && ok, ++count;
-        } else {
-            ok = run_file(arg) && ok;
-            ++count;
+        if (!fs::is_directory(argv[i], ec)) {
+            inputs.emplace_back(argv[i]);
+            continue;
         }
+        const auto from = inputs.size();
+        for (const auto& entry : fs::directory_iterator(argv[i]))
+            if (entry.is_regular_file()) inputs.push_back(entry.path());
+        std::sort(inputs.begin() + std::ptrdiff_t(from), inputs.end());
     }
-    std::cout << "ran " << count << " inputs\n";
-    if (count == 0) {
-        std::cerr << "no inputs given\n";
-        return 1;
+    bool ok = !inputs.empty();
+    if (!ok) std::cerr << "no inputs given\n";
+    for (const auto& path : inputs) {
+        std::ifstream in(path, std::ios::binary);
+        if (!in) {
+            std::cerr << "cannot read " << path.string() << "\n";
+            ok = false;
+            continue;
+        }
+        const std::string text{std::istreambuf_iterator<char>(in), {}};
+        // A copy of exactly the input's size, so that reads past the end are caught.
+        const std::vector<uint8_t> data(text.begin(), text.end());
+        LLVMFuzzerTestOneInput(data.empty() ? nullptr : data.data(), data.size());
     }
-    std::cout.flush();
+    std::cout << "ran " << inputs.size() << " inputs\n" << std::flush;
     return ok && std::cout.good() ? 0 : 1;
 }
