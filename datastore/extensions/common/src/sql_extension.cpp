@@ -675,14 +675,17 @@ bool SqlExtension::run_select(const std::string& sql, std::vector<Record>& out,
     // message below needs some.
     if (out.capacity() > capacity) out.shrink_to_fit();
     try {
-        if (stopped)
-            VESK_SQL_LOG(kErrorLevel) << where() << time_limit_text() << ": " << sql;
-        else if (too_big)
+        // The causes found here come first: the connection's last error,
+        // which end_query reads for a time limit, may be an earlier
+        // statement's when this one stopped without an error of its own.
+        if (too_big)
             VESK_SQL_LOG(kErrorLevel)
                 << where() << "answer exceeds max_result_bytes (" << max_result_bytes_
                 << " bytes); narrow the statement or raise the limit: " << sql;
         else if (no_memory)
             VESK_SQL_LOG(kErrorLevel) << where() << "select failed: out of memory: " << sql;
+        else if (stopped)
+            VESK_SQL_LOG(kErrorLevel) << where() << time_limit_text() << ": " << sql;
         else
             VESK_SQL_LOG(kErrorLevel)
                 << where() << "select failed: " << describe(connection()->last_error()) << ": "
