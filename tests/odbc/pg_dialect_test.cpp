@@ -105,26 +105,6 @@ protected:
         ASSERT_TRUE(vd::odbc_backend::pg::create_schema(*dialect, error)) << error;
     }
 
-    void insert_pg(const std::vector<TestRow>& rows) {
-        ASSERT_TRUE(dialect->begin());
-        auto s = dialect->prepare(
-            "INSERT INTO provider_datastore(rowid, Provider, Hostname, num_nodes, node_names, "
-            "Exit_status, Timestamp, Duration, Encoding, STDOUT, STDERR, OptionID, version, "
-            "Username, Unique_timestamp) VALUES(?, ?, ?, 1, 'n1', 0, 1700000000, 0.5, 0, 'out', "
-            "'', ?, 1, 'u', ?);");
-        ASSERT_NE(s, nullptr) << dialect->last_error().message;
-        for (const TestRow& r : rows) {
-            ASSERT_TRUE(s->bind_int64(1, r.rowid) && s->bind_text(2, r.provider) &&
-                        s->bind_text(3, r.hostname));
-            ASSERT_TRUE(r.option_id ? s->bind_text(4, *r.option_id) : s->bind_null(4));
-            ASSERT_TRUE(r.unique_timestamp ? s->bind_int64(5, *r.unique_timestamp)
-                                           : s->bind_null(5));
-            ASSERT_EQ(s->step(), StepResult::done) << dialect->last_error().message;
-            ASSERT_TRUE(s->reset());
-        }
-        ASSERT_TRUE(dialect->commit()) << dialect->last_error().message;
-    }
-
     std::vector<int64_t> pg_rowids(const std::string& sql) {
         std::vector<int64_t> ids;
         auto s = dialect->prepare(sql);
@@ -143,35 +123,18 @@ protected:
     std::unique_ptr<vd::odbc_backend::OdbcConnection> dialect;
 };
 
-void insert_sqlite(sqlite3* db, const std::vector<TestRow>& rows) {
-    ASSERT_EQ(sqlite3_exec(db, "BEGIN;", nullptr, nullptr, nullptr), SQLITE_OK);
-    sqlite3_stmt* s = nullptr;
-    ASSERT_EQ(sqlite3_prepare_v2(
-                  db,
-                  "INSERT INTO provider_datastore(rowid, Provider, Hostname, num_nodes, "
-                  "node_names, Exit_status, Timestamp, Duration, Encoding, STDOUT, STDERR, "
-                  "OptionID, version, Username, Unique_timestamp) VALUES(?, ?, ?, 1, 'n1', 0, "
-                  "1700000000, 0.5, 0, 'out', '', ?, 1, 'u', ?);",
-                  -1, &s, nullptr),
-              SQLITE_OK)
-        << sqlite3_errmsg(db);
-    for (const TestRow& r : rows) {
-        sqlite3_bind_int64(s, 1, r.rowid);
-        sqlite3_bind_text(s, 2, r.provider.c_str(), -1, SQLITE_TRANSIENT);
-        sqlite3_bind_text(s, 3, r.hostname.c_str(), -1, SQLITE_TRANSIENT);
-        if (r.option_id)
-            sqlite3_bind_text(s, 4, r.option_id->c_str(), -1, SQLITE_TRANSIENT);
-        else
-            sqlite3_bind_null(s, 4);
-        if (r.unique_timestamp)
-            sqlite3_bind_int64(s, 5, *r.unique_timestamp);
-        else
-            sqlite3_bind_null(s, 5);
-        ASSERT_EQ(sqlite3_step(s), SQLITE_DONE) << sqlite3_errmsg(db);
-        sqlite3_reset(s);
-    }
-    sqlite3_finalize(s);
-    ASSERT_EQ(sqlite3_exec(db, "COMMIT;", nullptr, nullptr, nullptr), SQLITE_OK);
+// One INSERT of all `rows`, a text both SQLite and PostgreSQL run as it is.
+std::string insert_sql(const std::vector<TestRow>& rows) {
+    std::string sql =
+        "INSERT INTO provider_datastore(rowid, Provider, Hostname, num_nodes, node_names, "
+        "Exit_status, Timestamp, Duration, Encoding, STDOUT, STDERR, OptionID, version, "
+        "Username, Unique_timestamp) VALUES";
+    for (const TestRow& r : rows)
+        sql += std::string(&r == &rows.front() ? "(" : ",(") + std::to_string(r.rowid) + ", '" +
+               r.provider + "', '" + r.hostname + "', 1, 'n1', 0, 1700000000, 0.5, 0, 'out', '', " +
+               (r.option_id ? "'" + *r.option_id + "'" : "NULL") + ", 1, 'u', " +
+               (r.unique_timestamp ? std::to_string(*r.unique_timestamp) : "NULL") + ")";
+    return sql + ";";
 }
 
 std::vector<int64_t> sqlite_rowids(sqlite3* db, const std::string& sql) {
@@ -235,9 +198,11 @@ TEST_F(PgDialectTest, LatestQueriesReturnTheRowsSqliteReturns) {
         const std::string sqlite_hosts = make_sqlite_datastore(file);
         sqlite3* db = nullptr;
         ASSERT_EQ(sqlite3_open(file.c_str(), &db), SQLITE_OK);
-        ASSERT_NO_FATAL_FAILURE(insert_sqlite(db, rows));
+        const std::string insert = insert_sql(rows);
+        ASSERT_EQ(sqlite3_exec(db, insert.c_str(), nullptr, nullptr, nullptr), SQLITE_OK)
+            << sqlite3_errmsg(db);
         ASSERT_NO_FATAL_FAILURE(fresh_pg_schema());
-        ASSERT_NO_FATAL_FAILURE(insert_pg(rows));
+        ASSERT_NO_FATAL_FAILURE(exec(*dialect, insert));
 
         for (const auto& f : filters) {
             std::string condition;
@@ -264,13 +229,9 @@ TEST_F(PgDialectTest, LatestQueriesReturnTheRowsSqliteReturns) {
     EXPECT_GT(ties, 20);  // the data exercised the tie-breaks
 }
 
-TEST_F(PgDialectTest, SchemaHoldsSqliteValuesAndRowidsContinueAfterExplicitOnes) {
+TEST_F(PgDialectTest, RowidsContinueAfterExplicitOnes) {
     fresh_pg_schema();
-    std::string error;
-    ASSERT_TRUE(vd::odbc_backend::pg::create_schema(*dialect, error)) << error;  // again: no error
-    exec(*dialect,
-         "INSERT INTO provider_datastore(rowid, Timestamp, Duration, Unique_timestamp) "
-         "VALUES(41, 1700000000, 0.1, 1700000000123456);");
+    exec(*dialect, "INSERT INTO provider_datastore(rowid) VALUES(41);");
     exec(*dialect, "INSERT INTO baseline_datastore(rowid, datastore_rowid) VALUES(7, 41);");
     for (const std::string& sql : vd::odbc_backend::pg::resync_rowid_statements())
         exec(*dialect, sql);
@@ -279,14 +240,6 @@ TEST_F(PgDialectTest, SchemaHoldsSqliteValuesAndRowidsContinueAfterExplicitOnes)
     EXPECT_EQ(query_int(*dialect, "SELECT rowid FROM vesk_1 WHERE Provider = 'next';"), 42);
     EXPECT_EQ(
         query_int(*dialect, "SELECT rowid FROM baseline_datastore WHERE baseline_id = 'next';"), 8);
-
-    auto s = dialect->prepare(
-        "SELECT Duration, Unique_timestamp, Version FROM vesk_1 WHERE rowid = 41;");
-    ASSERT_NE(s, nullptr);
-    ASSERT_EQ(s->step(), StepResult::row) << dialect->last_error().message;
-    EXPECT_EQ(s->column_double(0), 0.1);  // DOUBLE PRECISION, not float4
-    EXPECT_EQ(s->column_int64(1), 1700000000123456);
-    EXPECT_EQ(s->column_name(0), "duration");  // folded to lower case by the server
 }
 
 // Eight processes, connected first, run the schema creation at the same
