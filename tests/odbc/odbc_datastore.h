@@ -141,30 +141,4 @@ inline StoredRows stored_rows(const std::string& connection_string) {
     return out;
 }
 
-// Runs `sql` on a connection of its own; false with `error` set on failure.
-inline bool run_sql(const std::string& connection_string, const std::string& sql,
-                    std::string& error) {
-    vd::sql::Error connect_error;
-    auto c = vd::odbc_backend::OdbcConnection::connect(connection_string, {}, connect_error);
-    if (!c) {
-        error = "cannot connect: " + connect_error.message;
-        return false;
-    }
-    auto s = c->prepare(sql);
-    vd::sql::StepResult r = s ? s->step() : vd::sql::StepResult::error;
-    while (r == vd::sql::StepResult::row) r = s->step();
-    if (r == vd::sql::StepResult::done) return true;
-    error = sql + ": " + c->last_error().message;
-    return false;
-}
-
-// Makes database `database` new and empty (dropped first when it exists,
-// with its connections).
-inline bool fresh_database(const std::string& admin_connection, const std::string& database,
-                           std::string& error) {
-    return run_sql(admin_connection, "DROP DATABASE IF EXISTS " + database + " WITH (FORCE);",
-                   error) &&
-           run_sql(admin_connection, "CREATE DATABASE " + database + ";", error);
-}
-
 }  // namespace vesk::test

@@ -50,6 +50,32 @@ inline std::string with_database(std::string conn, const std::string& database) 
     return conn;
 }
 
+// Runs `sql` on a connection of its own; false with `error` set on failure.
+inline bool run_sql(const std::string& connection_string, const std::string& sql,
+                    std::string& error) {
+    datastore::sql::Error connect_error;
+    auto c = datastore::odbc_backend::OdbcConnection::connect(connection_string, {}, connect_error);
+    if (!c) {
+        error = "cannot connect: " + connect_error.message;
+        return false;
+    }
+    auto s = c->prepare(sql);
+    datastore::sql::StepResult r = s ? s->step() : datastore::sql::StepResult::error;
+    while (r == datastore::sql::StepResult::row) r = s->step();
+    if (r == datastore::sql::StepResult::done) return true;
+    error = sql + ": " + c->last_error().message;
+    return false;
+}
+
+// Makes database `database` new and empty (dropped first when it exists,
+// with its connections).
+inline bool fresh_database(const std::string& admin_connection, const std::string& database,
+                           std::string& error) {
+    return run_sql(admin_connection, "DROP DATABASE IF EXISTS " + database + " WITH (FORCE);",
+                   error) &&
+           run_sql(admin_connection, "CREATE DATABASE " + database + ";", error);
+}
+
 inline bool running_in_ci() {
     const char* ci = std::getenv("CI");
     return ci != nullptr && std::string(ci) == "true";
@@ -97,6 +123,14 @@ protected:
         EXPECT_NE(c, nullptr) << "cannot connect: " << error.message;
         if (c) c->set_require_utf8(true);
         return c;
+    }
+
+    // Database `name`, new and empty: its connection string ("" when it failed).
+    std::string fresh(const std::string& name) {
+        std::string error;
+        if (fresh_database(conn_string, name, error)) return with_database(conn_string, name);
+        ADD_FAILURE() << error;
+        return "";
     }
 
     std::string conn_string;
