@@ -13,6 +13,23 @@
 
 namespace vesk::test {
 
+// The connection string of the server whose pg-server state folder is
+// `state`; empty with `why` set when there is none.
+inline std::string pg_state_connection_string(const std::string& state, std::string& why) {
+    std::ifstream unavailable(state + "/unavailable");
+    if (unavailable) {
+        std::getline(unavailable, why);
+        return "";
+    }
+    std::ifstream in(state + "/connection-string");
+    std::string line;
+    if (!std::getline(in, line) || line.empty()) {
+        why = "no connection string in " + state + " (did the fixture start?)";
+        return "";
+    }
+    return line;
+}
+
 // The fixture's connection string; empty with `why` set when there is none.
 // The fixture's state folder is the parent of ODBCSYSINI (see CMakeLists.txt).
 inline std::string pg_connection_string(std::string& why) {
@@ -26,20 +43,7 @@ inline std::string pg_connection_string(std::string& why) {
             "fixture starts the server";
         return "";
     }
-    const std::string state_folder = path.substr(0, path.size() - suffix.size());
-    const char* state = state_folder.c_str();
-    std::ifstream unavailable(std::string(state) + "/unavailable");
-    if (unavailable) {
-        std::getline(unavailable, why);
-        return "";
-    }
-    std::ifstream in(std::string(state) + "/connection-string");
-    std::string line;
-    if (!std::getline(in, line) || line.empty()) {
-        why = std::string("no connection string in ") + state + " (did the fixture start?)";
-        return "";
-    }
-    return line;
+    return pg_state_connection_string(path.substr(0, path.size() - suffix.size()), why);
 }
 
 // The connection string with another database.
@@ -101,13 +105,18 @@ inline int64_t query_int(datastore::sql::Connection& c, const std::string& sql) 
     return s->column_int64(0);
 }
 
-// A test fixture with `conn_string` set and `connection` open to the server;
-// skips (fails under CI=true) when the fixture has no server.
+// A test fixture with `conn_string` set and `connection` open to the
+// fixture's server.
 class PgTest : public ::testing::Test {
 protected:
     void SetUp() override {
         std::string why;
-        conn_string = pg_connection_string(why);
+        use_server(pg_connection_string(why), why);
+    }
+    // Connects to the server of `conn`; skips, or fails under CI=true, when
+    // `conn` is empty for the reason `why`.
+    void use_server(const std::string& conn, const std::string& why) {
+        conn_string = conn;
         if (conn_string.empty()) {
             if (running_in_ci()) FAIL() << "no PostgreSQL test server: " << why;
             GTEST_SKIP() << "no PostgreSQL test server: " << why;
