@@ -133,8 +133,5 @@ int main(int argc, char** argv) {
                     static_cast<double>(stored.total) / seconds) < 0 ||
         std::fflush(stdout) != 0)
         return 1;
-    std::string drop_error;
-    if (!run_sql(admin, "DROP DATABASE vesk_concurrent WITH (FORCE);", drop_error))
-        return std::fprintf(stderr, "%s\n", drop_error.c_str()), 1;
     return 0;
 }

@@ -54,30 +54,25 @@ inline std::string with_database(std::string conn, const std::string& database) 
     return conn;
 }
 
-// Runs `sql` on a connection of its own; false with `error` set on failure.
-inline bool run_sql(const std::string& connection_string, const std::string& sql,
-                    std::string& error) {
+// Makes database `database` new and empty (dropped first when it exists,
+// with its connections); false with `error` set on failure.
+inline bool fresh_database(const std::string& admin_connection, const std::string& database,
+                           std::string& error) {
     datastore::sql::Error connect_error;
-    auto c = datastore::odbc_backend::OdbcConnection::connect(connection_string, {}, connect_error);
+    auto c = datastore::odbc_backend::OdbcConnection::connect(admin_connection, {}, connect_error);
     if (!c) {
         error = "cannot connect: " + connect_error.message;
         return false;
     }
-    auto s = c->prepare(sql);
-    datastore::sql::StepResult r = s ? s->step() : datastore::sql::StepResult::error;
-    while (r == datastore::sql::StepResult::row) r = s->step();
-    if (r == datastore::sql::StepResult::done) return true;
-    error = sql + ": " + c->last_error().message;
-    return false;
-}
-
-// Makes database `database` new and empty (dropped first when it exists,
-// with its connections).
-inline bool fresh_database(const std::string& admin_connection, const std::string& database,
-                           std::string& error) {
-    return run_sql(admin_connection, "DROP DATABASE IF EXISTS " + database + " WITH (FORCE);",
-                   error) &&
-           run_sql(admin_connection, "CREATE DATABASE " + database + ";", error);
+    for (const std::string& sql : {"DROP DATABASE IF EXISTS " + database + " WITH (FORCE);",
+                                   "CREATE DATABASE " + database + ";"}) {
+        auto s = c->prepare(sql);
+        if (!s || s->step() != datastore::sql::StepResult::done) {
+            error = sql + ": " + c->last_error().message;
+            return false;
+        }
+    }
+    return true;
 }
 
 inline bool running_in_ci() {
