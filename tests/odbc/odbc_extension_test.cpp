@@ -14,6 +14,7 @@
 #include "vesk/datastore.h"
 #include "vesk/datastore/operations.h"
 
+#include "odbc_datastore.h"
 #include "pg_test_server.h"
 #include "test_support.h"
 
@@ -25,14 +26,11 @@ namespace fs = std::filesystem;
 
 const std::string kExtension = kStageDir + "/datastore/lumok64/libodbc.so";
 
-struct Library {
-    explicit Library(const std::string& path)
-        : handle(dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL)) {}
-    ~Library() {
-        if (handle) dlclose(handle);
-    }
-    void* handle;
-};
+// The extension, loaded as the controller loads it (null when it cannot be).
+using Library = std::unique_ptr<void, int (*)(void*)>;
+Library load_extension() {
+    return Library(dlopen(kExtension.c_str(), RTLD_NOW | RTLD_LOCAL), dlclose);
+}
 
 // The output of `command`, or "" when it cannot run.
 std::string run(const std::string& command) {
@@ -47,13 +45,11 @@ std::string run(const std::string& command) {
 }
 
 TEST(OdbcExtensionLibrary, LoadsAndResolvesTheSystemDriverManager) {
-    Library lib(kExtension);
-    ASSERT_NE(lib.handle, nullptr) << dlerror();
-    EXPECT_NE(dlsym(lib.handle, "create"), nullptr);
-    EXPECT_NE(dlsym(lib.handle, "destroy"), nullptr);
+    Library lib = load_extension();
+    ASSERT_NE(lib, nullptr) << dlerror();
 
     // SQLDriverConnect, seen from the extension, is not the extension's own.
-    void* connect = dlsym(lib.handle, "SQLDriverConnect");
+    void* connect = dlsym(lib.get(), "SQLDriverConnect");
     ASSERT_NE(connect, nullptr) << dlerror();
     Dl_info info{};
     ASSERT_NE(dladdr(connect, &info), 0);
@@ -83,10 +79,9 @@ protected:
     void SetUp() override {
         PgTest::SetUp();
         if (IsSkipped() || HasFatalFailure()) return;
-        lib = std::make_unique<Library>(kExtension);
-        ASSERT_NE(lib->handle, nullptr) << dlerror();
-        create = reinterpret_cast<vd::CreateExtensionFn>(dlsym(lib->handle, "create"));
-        destroy = reinterpret_cast<vd::DestroyExtensionFn>(dlsym(lib->handle, "destroy"));
+        ASSERT_NE(lib, nullptr) << dlerror();
+        create = reinterpret_cast<vd::CreateExtensionFn>(dlsym(lib.get(), "create"));
+        destroy = reinterpret_cast<vd::DestroyExtensionFn>(dlsym(lib.get(), "destroy"));
         ASSERT_TRUE(create && destroy);
         source = fresh("vesk_extension");
         ASSERT_FALSE(source.empty());
@@ -157,25 +152,16 @@ protected:
                   1);
     }
 
-    std::unique_ptr<Library> lib;
+    Library lib = load_extension();
     vd::CreateExtensionFn create = nullptr;
     vd::DestroyExtensionFn destroy = nullptr;
     std::string source;
 };
 
+// Row `n` of `provider`, on host "h<n>", whose STDOUT names its host.
 vd::InsertRecord row(const std::string& provider, int n) {
-    vd::InsertRecord r;
+    vd::InsertRecord r = keyed_record("h" + std::to_string(n), n);
     r.header.provider = provider;
-    r.header.hostname = "h" + std::to_string(n);
-    r.header.num_nodes = 1;
-    r.header.node_names = {r.header.hostname};
-    r.header.timestamp = 1700000000 + n;
-    r.header.unique_timestamp = 1700000000000000 + n;
-    r.header.duration = 0.25;
-    r.header.username = "u";
-    r.option_id = "o";
-    r.std_out = "out " + std::to_string(n);
-    r.std_err = "err " + std::to_string(n);
     return r;
 }
 
@@ -211,13 +197,11 @@ TEST_F(OdbcExtensionTest, BulkInsertSplitsIntoStatementsAndTheServerRollsBackAll
     auto found = all_rows(i);
     ASSERT_EQ(found.size(), rows.size());
     for (size_t n = 0; n < rows.size(); ++n) {
-        EXPECT_EQ(found[n].Hostname, rows[n].header.hostname);
         EXPECT_EQ(found[n].STDOUT, rows[n].std_out);
         EXPECT_EQ(found[n].Unique_timestamp, rows[n].header.unique_timestamp);
     }
 
     // The server refuses a row of the third statement: the two before it go too.
-    // (The next SetUp drops the trigger with the table.)
     auto c = connect(source);
     ASSERT_NE(c, nullptr);
     exec(*c,
