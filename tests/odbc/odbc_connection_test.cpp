@@ -179,7 +179,7 @@ TEST_F(OdbcConnectionTest, DiagnosticsCarrySqlstateAndEveryRecord) {
     EXPECT_EQ(query_int(*connection, "SELECT 7;"), 7);
 }
 
-TEST_F(OdbcConnectionTest, TransactionsCommitRollBackAndSurviveAFailedStatement) {
+TEST_F(OdbcConnectionTest, TransactionsAndReusedStatements) {
     ASSERT_TRUE(connection->begin());
     ASSERT_TRUE(insert_text("rolled back"));
     ASSERT_TRUE(connection->rollback());
@@ -195,25 +195,21 @@ TEST_F(OdbcConnectionTest, TransactionsCommitRollBackAndSurviveAFailedStatement)
     ASSERT_TRUE(connection->commit()) << connection->last_error().message;
     EXPECT_EQ(query_int(*connection, "SELECT count(*) FROM t;"), 2);
     EXPECT_FALSE(connection->commit());  // nothing open
-}
 
-TEST_F(OdbcConnectionTest, DeleteOfNothingAndReuseAfterReset) {
     auto del = connection->prepare("DELETE FROM t WHERE s = ?;");
     ASSERT_NE(del, nullptr);
     ASSERT_TRUE(del->bind_text(1, "absent"));
     EXPECT_EQ(del->step(), StepResult::done) << connection->last_error().message;
     EXPECT_EQ(del->step(), StepResult::done);
 
-    ASSERT_TRUE(insert_text("a"));
-    ASSERT_TRUE(insert_text("b"));
     auto count = connection->prepare("SELECT count(*) FROM t WHERE s >= ?;");
-    ASSERT_TRUE(count->bind_text(1, "a"));
-    for (int64_t expected : {2, 2}) {  // a reset keeps the binding
+    ASSERT_TRUE(count->bind_text(1, "first"));
+    for (int round = 0; round < 2; ++round) {  // a reset keeps the binding
         ASSERT_EQ(count->step(), StepResult::row);
-        EXPECT_EQ(count->column_int64(0), expected);
+        EXPECT_EQ(count->column_int64(0), 2);
         ASSERT_TRUE(count->reset());
     }
-    ASSERT_TRUE(count->bind_text(1, "b"));
+    ASSERT_TRUE(count->bind_text(1, "second"));
     ASSERT_EQ(count->step(), StepResult::row);
     EXPECT_EQ(count->column_int64(0), 1);
 
