@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <dlfcn.h>
-#include <optional>
 #include <random>
 #include <string>
 #include <sys/wait.h>
@@ -47,20 +46,13 @@ std::string make_sqlite_datastore(const std::string& file) {
     return hosts;
 }
 
-struct TestRow {
-    int64_t rowid;
-    std::string provider, hostname;
-    std::optional<std::string> option_id;
-    std::optional<int64_t> unique_timestamp;
-};
-
-// Few distinct values (four time stamps for up to 140 rows in 36 groups), so
-// that many groups tie on their greatest time stamp or have only NULL ones,
-// the cases where only the tie-break decides.
-std::vector<TestRow> random_rows(unsigned seed) {
+// An INSERT of 20 to 139 rows, a text both SQLite and PostgreSQL run as it
+// is. Few distinct values (four time stamps and NULL in 36 groups), so that
+// many groups tie on their greatest time stamp or have only NULL ones, the
+// cases where only the tie-break decides.
+std::string random_rows_sql(unsigned seed) {
     std::mt19937 rng(seed);
-    const int n = 20 + static_cast<int>(rng() % 120);
-    std::vector<int64_t> ids(static_cast<std::size_t>(n));
+    std::vector<int64_t> ids(20 + rng() % 120);
     int64_t id = 0;
     for (int64_t& slot : ids) slot = id += 1 + static_cast<int64_t>(rng() % 3);  // gaps
     std::shuffle(ids.begin(), ids.end(), rng);  // insertion order differs from rowid order
@@ -68,18 +60,19 @@ std::vector<TestRow> random_rows(unsigned seed) {
     // do (case, punctuation).
     const char* providers[] = {"p1", "P2", "p-3", "uname"};
     const char* hosts[] = {"node-b", "nodeA", "nodea"};
-    const char* options[] = {"a", "B"};
-    std::vector<TestRow> rows;
+    const char* options[] = {"'a'", "'B'"};
+    std::string sql =
+        "INSERT INTO provider_datastore(rowid, Provider, Hostname, num_nodes, node_names, "
+        "Exit_status, Timestamp, Duration, Encoding, STDOUT, STDERR, OptionID, version, "
+        "Username, Unique_timestamp) VALUES";
     for (int64_t id : ids) {
-        TestRow r;
-        r.rowid = id;
-        r.provider = providers[rng() % 4];
-        r.hostname = hosts[rng() % 3];
-        if (rng() % 3 != 0) r.option_id = options[rng() % 2];
-        if (rng() % 5 != 0) r.unique_timestamp = 1700000000000000 + static_cast<int64_t>(rng() % 4);
-        rows.push_back(std::move(r));
+        sql += std::string(id == ids.front() ? "(" : ",(") + std::to_string(id) + ", '" +
+               providers[rng() % 4] + "', '";
+        sql += std::string(hosts[rng() % 3]) + "', 1, 'n1', 0, 1700000000, 0.5, 0, 'out', '', ";
+        sql += std::string(rng() % 3 != 0 ? options[rng() % 2] : "NULL") + ", 1, 'u', ";
+        sql += rng() % 5 != 0 ? std::to_string(1700000000000000 + rng() % 4) + ")" : "NULL)";
     }
-    return rows;
+    return sql + ";";
 }
 
 class PgDialectTest : public PgTest {
@@ -123,20 +116,6 @@ protected:
     std::unique_ptr<vd::odbc_backend::OdbcConnection> dialect;
 };
 
-// One INSERT of all `rows`, a text both SQLite and PostgreSQL run as it is.
-std::string insert_sql(const std::vector<TestRow>& rows) {
-    std::string sql =
-        "INSERT INTO provider_datastore(rowid, Provider, Hostname, num_nodes, node_names, "
-        "Exit_status, Timestamp, Duration, Encoding, STDOUT, STDERR, OptionID, version, "
-        "Username, Unique_timestamp) VALUES";
-    for (const TestRow& r : rows)
-        sql += std::string(&r == &rows.front() ? "(" : ",(") + std::to_string(r.rowid) + ", '" +
-               r.provider + "', '" + r.hostname + "', 1, 'n1', 0, 1700000000, 0.5, 0, 'out', '', " +
-               (r.option_id ? "'" + *r.option_id + "'" : "NULL") + ", 1, 'u', " +
-               (r.unique_timestamp ? std::to_string(*r.unique_timestamp) : "NULL") + ")";
-    return sql + ";";
-}
-
 std::vector<int64_t> sqlite_rowids(sqlite3* db, const std::string& sql) {
     std::vector<int64_t> ids;
     sqlite3_stmt* s = nullptr;
@@ -169,14 +148,13 @@ TEST_F(PgDialectTest, LatestQueriesReturnTheRowsSqliteReturns) {
     const unsigned seeds = more ? static_cast<unsigned>(std::atoi(more)) : 40;
     for (unsigned seed = 1; seed <= seeds; ++seed) {
         SCOPED_TRACE("seed " + std::to_string(seed));
-        const std::vector<TestRow> rows = random_rows(seed);
 
         TempDir dir;
         const std::string file = dir.file("vesk.db");
         const std::string sqlite_hosts = make_sqlite_datastore(file);
         sqlite3* db = nullptr;
         ASSERT_EQ(sqlite3_open(file.c_str(), &db), SQLITE_OK);
-        const std::string insert = insert_sql(rows);
+        const std::string insert = random_rows_sql(seed);
         ASSERT_EQ(sqlite3_exec(db, insert.c_str(), nullptr, nullptr, nullptr), SQLITE_OK)
             << sqlite3_errmsg(db);
         ASSERT_NO_FATAL_FAILURE(fresh_pg_schema());
