@@ -119,15 +119,11 @@ protected:
     int32_t insert(Instance& i, vd::InsertRecord record) {
         return i->control(vd::OP_INSERT, nullptr, &record, nullptr);
     }
-    // The caller's statement `sql` through operation 514.
-    int32_t query(Instance& i, const std::string& sql, std::vector<vd::Row>& rows) {
-        vd::SQLParameters statement{"", sql, vd::row_field_index};
-        vd::ReadParameters request{{"unused"}, {}, {}, &statement};
-        return i->control(vd::OP_SELECT_PROVIDER, &request, &rows, nullptr);
-    }
-    // select_provider (operation 514 without a statement) with `filter`.
-    int32_t select_provider(Instance& i, const std::string& filter, std::vector<vd::Row>& rows) {
-        vd::SQLParameters statement{filter, "", vd::row_field_index};
+    // Operation 514: the caller's statement `sql`, or without one the
+    // select_provider of "p" with `filter`.
+    int32_t select(Instance& i, std::vector<vd::Row>& rows, const std::string& sql,
+                   const std::string& filter = "") {
+        vd::SQLParameters statement{filter, sql, vd::row_field_index};
         vd::ReadParameters request{{"p"}, {}, {}, &statement};
         return i->control(vd::OP_SELECT_PROVIDER, &request, &rows, nullptr);
     }
@@ -137,7 +133,7 @@ protected:
     }
     std::vector<vd::Row> all_rows(Instance& i) {
         std::vector<vd::Row> rows;
-        EXPECT_EQ(query(i, "SELECT * FROM " + vd::table_name + " ORDER BY rowid;", rows), kOk);
+        EXPECT_EQ(select(i, rows, "SELECT * FROM " + vd::table_name + " ORDER BY rowid;"), kOk);
         return rows;
     }
     int64_t stored() {
@@ -228,8 +224,8 @@ TEST_F(OdbcExtensionTest, BulkInsertSplitsIntoStatementsAndTheServerRollsBackAll
     ASSERT_EQ(bulk(big, large), kOk);
     found.clear();
     ASSERT_EQ(
-        query(big, "SELECT * FROM " + vd::table_view + " WHERE Provider = 'large' ORDER BY rowid;",
-              found),
+        select(big, found,
+               "SELECT * FROM " + vd::table_view + " WHERE Provider = 'large' ORDER BY rowid;"),
         kOk);
     ASSERT_EQ(found.size(), large.size());
     for (size_t n = 0; n < large.size(); ++n) EXPECT_TRUE(found[n].STDOUT == large[n].std_out) << n;
@@ -280,8 +276,8 @@ TEST_F(OdbcExtensionTest, CallerStatementsCannotWriteAndReadOnlyHoldsAtTheServer
             std::vector<vd::Row> rows;
             testing::internal::CaptureStderr();
             EXPECT_EQ(as_filter
-                          ? select_provider(*i, bump, rows)
-                          : query(*i, "DELETE FROM " + vd::table_name + " RETURNING *;", rows),
+                          ? select(*i, rows, "", bump)
+                          : select(*i, rows, "DELETE FROM " + vd::table_name + " RETURNING *;"),
                       kFailed);
             const std::string log = testing::internal::GetCapturedStderr();
             EXPECT_NE(log.find("25006"), std::string::npos) << log;
@@ -290,8 +286,8 @@ TEST_F(OdbcExtensionTest, CallerStatementsCannotWriteAndReadOnlyHoldsAtTheServer
         EXPECT_EQ(stored(), 1);
         // The session is read-only while a select runs (the reader's for good).
         std::vector<vd::Row> setting;
-        ASSERT_EQ(query(*i, "SELECT current_setting('default_transaction_read_only') AS Provider;",
-                        setting),
+        ASSERT_EQ(select(*i, setting,
+                         "SELECT current_setting('default_transaction_read_only') AS Provider;"),
                   kOk);
         ASSERT_EQ(setting.size(), 1u);
         EXPECT_EQ(setting[0].Provider, "on");
@@ -301,7 +297,7 @@ TEST_F(OdbcExtensionTest, CallerStatementsCannotWriteAndReadOnlyHoldsAtTheServer
     EXPECT_EQ(insert(writer, row("p", 3)), kOk);
     for (Instance* i : {&writer, &reader}) {
         std::vector<vd::Row> rows;
-        ASSERT_EQ(select_provider(*i, "", rows), kOk);
+        ASSERT_EQ(select(*i, rows, ""), kOk);
         EXPECT_EQ(rows.size(), 2u);
         for (const uint16_t op : {vd::OP_LATEST_ROWS_PROVIDER, vd::OP_LATEST_COLLECT_ROWS}) {
             ASSERT_EQ(latest(*i, op, rows), kOk) << op;
@@ -334,9 +330,9 @@ TEST_F(OdbcExtensionTest, LostConnectionFailsTheWriteThenTheNextCallReopens) {
     std::vector<vd::Row> rows;
     vd::SnapshotInfoSet ids;
     const std::function<int32_t()> reads[] = {
-        [&] { return query(i, "SELECT * FROM " + vd::table_name + ";", rows); },
+        [&] { return select(i, rows, "SELECT * FROM " + vd::table_name + ";"); },
         [&] { return latest(i, vd::OP_LATEST_ROWS_PROVIDER, rows); },
-        [&] { return select_provider(i, "", rows); },
+        [&] { return select(i, rows, ""); },
         [&] { return i->control(vd::OP_QUERY_BASELINE_IDS, nullptr, &ids, nullptr); },
     };
     for (size_t k = 0; k < std::size(reads); ++k) {
@@ -356,7 +352,7 @@ TEST_F(OdbcExtensionTest, QueryTimeLimitStopsALongStatement) {
     std::vector<vd::Row> rows;
     const auto start = std::chrono::steady_clock::now();
     testing::internal::CaptureStderr();
-    EXPECT_EQ(query(i, "SELECT pg_sleep(20) IS NULL AS Provider;", rows), kFailed);
+    EXPECT_EQ(select(i, rows, "SELECT pg_sleep(20) IS NULL AS Provider;"), kFailed);
     const std::string log = testing::internal::GetCapturedStderr();
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
     EXPECT_NE(log.find("query_timeout_s (1 s)"), std::string::npos) << log;
