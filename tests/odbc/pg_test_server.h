@@ -16,34 +16,29 @@ namespace vesk::test {
 // The connection string of the server whose pg-server state folder is
 // `state`; empty with `why` set when there is none.
 inline std::string pg_state_connection_string(const std::string& state, std::string& why) {
-    std::ifstream unavailable(state + "/unavailable");
-    if (unavailable) {
+    if (std::ifstream unavailable(state + "/unavailable"); unavailable) {
         std::getline(unavailable, why);
         return "";
     }
-    std::ifstream in(state + "/connection-string");
     std::string line;
-    if (!std::getline(in, line) || line.empty()) {
-        why = "no connection string in " + state + " (did the fixture start?)";
-        return "";
-    }
-    return line;
+    if (std::getline(std::ifstream(state + "/connection-string"), line) && !line.empty())
+        return line;
+    why = "no connection string in " + state + " (did the fixture start?)";
+    return "";
 }
 
 // The fixture's connection string; empty with `why` set when there is none.
 // The fixture's state folder is the parent of ODBCSYSINI (see CMakeLists.txt).
 inline std::string pg_connection_string(std::string& why) {
     const char* sysini = std::getenv("ODBCSYSINI");
-    const std::string suffix = "/odbcsysini";
-    const std::string path = sysini ? sysini : "";
-    if (path.size() <= suffix.size() ||
-        path.compare(path.size() - suffix.size(), suffix.size(), suffix) != 0) {
-        why =
-            "ODBCSYSINI does not name the fixture's folder: run the test through ctest, whose "
-            "fixture starts the server";
-        return "";
-    }
-    return pg_state_connection_string(path.substr(0, path.size() - suffix.size()), why);
+    const std::string path = sysini ? sysini : "", suffix = "/odbcsysini";
+    if (path.size() > suffix.size() &&
+        path.compare(path.size() - suffix.size(), suffix.size(), suffix) == 0)
+        return pg_state_connection_string(path.substr(0, path.size() - suffix.size()), why);
+    why =
+        "ODBCSYSINI does not name the fixture's folder: run the test through ctest, whose "
+        "fixture starts the server";
+    return "";
 }
 
 // The connection string with another database.
