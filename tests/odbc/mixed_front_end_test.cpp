@@ -11,6 +11,7 @@
 #include "vesk/datastore.h"
 #include "vesk/datastore/operations.h"
 
+#include "odbc_datastore.h"
 #include "pg_test_server.h"
 #include "test_support.h"
 
@@ -22,16 +23,12 @@ using Rows = std::vector<vd::Row>;
 using Utility = vd::DataStoreParseUtility;
 const int32_t kOk = vd::DataStoreExtension::OPERATION_SUCCESSFULL;
 
+// A row of `provider` on `host` from the run `run`, with STDOUT `out`.
 vd::InsertRecord record(const std::string& provider, const std::string& host, int64_t run,
                         const std::string& out) {
-    vd::InsertRecord r;
+    vd::InsertRecord r = keyed_record(host, 0);
     r.header.provider = provider;
-    r.header.hostname = host;
-    r.header.num_nodes = 1;
-    r.header.node_names = {host};
-    r.header.timestamp = run / 1000000;
     r.header.unique_timestamp = run;
-    r.option_id = "o";
     r.std_out = out;
     return r;
 }
