@@ -136,10 +136,6 @@ protected:
         EXPECT_EQ(select(i, rows, "SELECT * FROM " + vd::table_name + " ORDER BY rowid;"), kOk);
         return rows;
     }
-    int64_t stored() {
-        auto c = connect(source);
-        return c ? query_int(*c, "SELECT count(*) FROM " + vd::table_name + ";") : -1;
-    }
     // Ends every server process of the test's database but this one's.
     void terminate_backends() {
         EXPECT_GE(query_int(*connection,
@@ -212,7 +208,7 @@ TEST_F(OdbcExtensionTest, BulkInsertSplitsIntoStatementsAndTheServerRollsBackAll
     const std::string log = testing::internal::GetCapturedStderr();
     EXPECT_NE(log.find("boom refused"), std::string::npos) << log;
     EXPECT_NE(log.find("nothing written"), std::string::npos) << log;
-    EXPECT_EQ(stored(), 10);
+    EXPECT_EQ(stored_rows(source).total, 10u);
     // Large rows: a statement holds fewer rows than asked when its values
     // would pass 16 MiB; every byte comes back.
     auto big = open_instance();
@@ -256,7 +252,7 @@ TEST_F(OdbcExtensionTest, TextThePostgreSqlServerCannotHoldIsRefusedNamingRowAnd
         EXPECT_NE(log.find("row 2: field " + std::string(c.field)), std::string::npos) << log;
         EXPECT_NE(log.find(c.problem), std::string::npos) << log;
         EXPECT_NE(log.find("base64"), std::string::npos) << log;
-        EXPECT_EQ(stored(), 0);
+        EXPECT_EQ(stored_rows(source).total, 0u);
     }
 }
 
@@ -283,7 +279,7 @@ TEST_F(OdbcExtensionTest, CallerStatementsCannotWriteAndReadOnlyHoldsAtTheServer
             EXPECT_NE(log.find("25006"), std::string::npos) << log;
             EXPECT_TRUE(rows.empty());
         }
-        EXPECT_EQ(stored(), 1);
+        EXPECT_EQ(stored_rows(source).total, 1u);
         // The session is read-only while a select runs (the reader's for good).
         std::vector<vd::Row> setting;
         ASSERT_EQ(select(*i, setting,
