@@ -41,9 +41,7 @@ void note_status(int status, uint16_t, std::weak_ptr<vd::DataStoreExtension>, co
 
 class MixedFrontEndTest : public PgTest {
 protected:
-    void SetUp() override {
-        PgTest::SetUp();
-        if (IsSkipped() || HasFatalFailure()) return;
+    void prepare() override {
         source_ = fresh("vesk_mixed");
         ASSERT_FALSE(source_.empty());
         controller_ = vd::DataStoreController::createDataStoreController();

@@ -58,9 +58,7 @@ std::string mixed_text(std::size_t size, unsigned seed) {
 
 class OdbcConnectionTest : public PgTest {
 protected:
-    void SetUp() override {
-        PgTest::SetUp();
-        if (IsSkipped() || HasFatalFailure()) return;
+    void prepare() override {
         exec(*connection,
              "CREATE TEMPORARY TABLE t(i BIGINT, d DOUBLE PRECISION, s TEXT, n INTEGER);");
     }

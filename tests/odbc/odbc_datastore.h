@@ -28,17 +28,16 @@ namespace vd = vesk::datastore;
 // One ODBC datastore of its own controller, opened by configuration.
 class OdbcDatastore {
 public:
-    // Opens instance `instance` with parameters "source=<source>" followed by
-    // `more` ("|key=value..."); is_open() tells whether it worked.
-    OdbcDatastore(const std::string& instance, const std::string& source,
-                  const std::string& more = "")
+    // Opens instance `instance` with parameters "source=<source>"; is_open()
+    // tells whether it worked.
+    OdbcDatastore(const std::string& instance, const std::string& source)
         : controller_(vd::DataStoreController::createDataStoreController()) {
         vd::DataStoreConfig config;
         config.type = vd::odbc;
         config.instance_name = instance;
         config.extension_name = "libodbc.so";
         config.extension_path = kStageDir + "/datastore/lumok64/";
-        config.source_parameters = "source=" + source + more;
+        config.source_parameters = "source=" + source;
         config.source_types.set(vd::data);
         std::vector<vd::DataStoreConfig> configs{config};
         vd::DataStoreHandles handles;

@@ -76,9 +76,7 @@ const int32_t kFailed = vd::DataStoreExtension::OPERATION_UNSUCCESSFULL;
 // The library's entry points on a new, empty database of the test server.
 class OdbcExtensionTest : public PgTest {
 protected:
-    void SetUp() override {
-        PgTest::SetUp();
-        if (IsSkipped() || HasFatalFailure()) return;
+    void prepare() override {
         ASSERT_NE(lib, nullptr) << dlerror();
         create = reinterpret_cast<vd::CreateExtensionFn>(dlsym(lib.get(), "create"));
         destroy = reinterpret_cast<vd::DestroyExtensionFn>(dlsym(lib.get(), "destroy"));

@@ -158,9 +158,7 @@ std::string write_during(Writer& writer, const std::function<std::string()>& fau
 
 class OdbcFaultTest : public PgTest {
 protected:
-    void SetUp() override {
-        PgTest::SetUp();
-        if (IsSkipped() || HasFatalFailure()) return;
+    void prepare() override {
         source = fresh("vesk_faults");
         ASSERT_FALSE(source.empty());
     }
@@ -219,7 +217,8 @@ protected:
             << "pg-server start failed";
         std::string why;
         use_server(pg_state_connection_string(state.path(), why), why);
-        if (IsSkipped() || HasFatalFailure()) return;
+    }
+    void prepare() override {
         source = fresh("vesk_crash");
         ASSERT_FALSE(source.empty());
     }

@@ -77,9 +77,7 @@ std::string random_rows_sql(unsigned seed) {
 
 class PgDialectTest : public PgTest {
 protected:
-    void SetUp() override {
-        PgTest::SetUp();
-        if (IsSkipped() || HasFatalFailure()) return;
+    void prepare() override {
         // A database of its own, emptied per use, whose collation is not
         // byte order.
         if (query_int(*connection,

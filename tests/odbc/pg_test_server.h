@@ -113,7 +113,10 @@ protected:
         }
         connection = connect(conn_string);
         ASSERT_NE(connection, nullptr);
+        prepare();
     }
+    // The fixture's own set-up, once the server is reachable.
+    virtual void prepare() {}
 
     static std::unique_ptr<datastore::odbc_backend::OdbcConnection> connect(
         const std::string& conn) {
