@@ -11,6 +11,7 @@
 #include "vesk/datastore.h"
 #include "vesk/datastore/operations.h"
 
+#include "odbc_datastore.h"
 #include "pg_test_server.h"
 #include "test_support.h"
 
@@ -22,16 +23,12 @@ using Rows = std::vector<vd::Row>;
 using Utility = vd::DataStoreParseUtility;
 const int32_t kOk = vd::DataStoreExtension::OPERATION_SUCCESSFULL;
 
+// A row of `provider` on `host` from the run `run`, with STDOUT `out`.
 vd::InsertRecord record(const std::string& provider, const std::string& host, int64_t run,
                         const std::string& out) {
-    vd::InsertRecord r;
+    vd::InsertRecord r = keyed_record(host, 0);
     r.header.provider = provider;
-    r.header.hostname = host;
-    r.header.num_nodes = 1;
-    r.header.node_names = {host};
-    r.header.timestamp = run / 1000000;
     r.header.unique_timestamp = run;
-    r.option_id = "o";
     r.std_out = out;
     return r;
 }
@@ -44,17 +41,9 @@ void note_status(int status, uint16_t, std::weak_ptr<vd::DataStoreExtension>, co
 
 class MixedFrontEndTest : public PgTest {
 protected:
-    void SetUp() override {
-        PgTest::SetUp();
-        if (IsSkipped() || HasFatalFailure()) return;
-        if (query_int(*connection,
-                      "SELECT count(*) FROM pg_database WHERE datname = 'vesk_mixed';") == 0)
-            exec(*connection, "CREATE DATABASE vesk_mixed;");
-        source_ = with_database(conn_string, "vesk_mixed");
-        auto c = connect(source_);
-        ASSERT_NE(c, nullptr);
-        exec(*c, "DROP VIEW IF EXISTS " + vd::table_view + ";");
-        exec(*c, "DROP TABLE IF EXISTS " + vd::table_name + ", " + vd::table_baseline + ";");
+    void prepare() override {
+        source_ = fresh("vesk_mixed");
+        ASSERT_FALSE(source_.empty());
         controller_ = vd::DataStoreController::createDataStoreController();
     }
     void TearDown() override {
@@ -64,23 +53,17 @@ protected:
         controller_.reset();
     }
 
-    vd::DataStoreConfig sqlite(const std::string& name) {
+    // A datastore of `type` (vd::sqlite3: a file of its own; vd::odbc: the
+    // test's database).
+    vd::DataStoreConfig config(const std::string& name, vd::DatabaseType type,
+                               bool read_only = false) {
         vd::DataStoreConfig c;
-        c.type = vd::sqlite3;
+        c.type = type;
         c.instance_name = name;
-        c.extension_name = "libsqlite.so";
+        c.extension_name = type == vd::odbc ? "libodbc.so" : "libsqlite.so";
         c.extension_path = kStageDir + "/datastore/lumok64/";
-        c.source_parameters = "source=" + dir_.path() + "/" + name + ".db";
-        c.source_types.set(vd::data);
-        return c;
-    }
-    vd::DataStoreConfig postgresql(const std::string& name, bool read_only = false) {
-        vd::DataStoreConfig c;
-        c.type = vd::odbc;
-        c.instance_name = name;
-        c.extension_name = "libodbc.so";
-        c.extension_path = kStageDir + "/datastore/lumok64/";
-        c.source_parameters = "source=" + source_ + (read_only ? "|read_only=true" : "");
+        c.source_parameters = "source=" + (type == vd::odbc ? source_ : dir_.file(name + ".db")) +
+                              (read_only ? "|read_only=true" : "");
         c.source_types.set(vd::data);
         return c;
     }
@@ -103,7 +86,7 @@ protected:
 };
 
 TEST_F(MixedFrontEndTest, DataQueriesTakeTheFirstDatastoreWithRows) {
-    open({sqlite("lite"), postgresql("pg")});
+    open({config("lite", vd::sqlite3), config("pg", vd::odbc)});
     ASSERT_TRUE(store("lite", {record("shared", "h1", 100, "lite 1")}));
     ASSERT_TRUE(store("pg", {record("shared", "h1", 200, "pg 1"), record("pg_only", "h1", 300, "a"),
                              record("pg_only", "h1", 400, "b"), record("pg_only", "h2", 400, "c"),
@@ -135,7 +118,7 @@ TEST_F(MixedFrontEndTest, DataQueriesTakeTheFirstDatastoreWithRows) {
 }
 
 TEST_F(MixedFrontEndTest, ExecuteIoctlStopsAtTheFirstSuccessAcrossBothBackends) {
-    open({postgresql("pg_ro", true), postgresql("pg"), sqlite("lite")});
+    open({config("pg_ro", vd::odbc, true), config("pg", vd::odbc), config("lite", vd::sqlite3)});
     const std::vector<vd::InsertRecord> rows{record("p", "h", 1, "x")};
     statuses.clear();
     // The read-only server datastore refuses; the next one takes the rows.
@@ -158,7 +141,7 @@ TEST_F(MixedFrontEndTest, ExecuteIoctlStopsAtTheFirstSuccessAcrossBothBackends) 
 }
 
 TEST_F(MixedFrontEndTest, SnapshotsGoToTheFirstDataDatastore) {
-    open({postgresql("pg"), sqlite("lite")});
+    open({config("pg", vd::odbc), config("lite", vd::sqlite3)});
     ASSERT_TRUE(store("pg", {record("p", "h1", 700, "a"), record("p", "h2", 700, "b"),
                              record("p", "h1", 600, "old")}));
     ASSERT_TRUE(store("lite", {record("p", "h1", 900, "lite")}));
@@ -182,32 +165,6 @@ TEST_F(MixedFrontEndTest, SnapshotsGoToTheFirstDataDatastore) {
     EXPECT_EQ(pg_count(vd::table_baseline), 0);
     // Only the first is asked: a second removal fails there, whatever the other holds.
     EXPECT_FALSE(Utility::remove_snapshot());
-}
-
-TEST_F(MixedFrontEndTest, SnapshotListingGoesOnPastAnEmptyAnswerAndCommitsAskOnlyTheFirst) {
-    open({sqlite("lite"), postgresql("pg")});
-    ASSERT_TRUE(store("pg", {record("p", "h1", 700, "a")}));
-    // The rows come from PostgreSQL (SQLite has none), but the commit goes to
-    // the first "data" datastore, SQLite, with SQLite's (empty) entry.
-    std::map<std::string, vd::ProviderInfo> providers{{"p", {}}};
-    Rows rows;
-    Utility::set_baseline_str("s2");
-    EXPECT_TRUE(Utility::mark_latest_snapshot_data(providers, rows));
-    EXPECT_EQ(rows.size(), 1u);
-    EXPECT_EQ(pg_count(vd::table_baseline), 0);
-    ASSERT_EQ(Utility::snapshot_dict.count("pg"), 1u);
-    EXPECT_EQ(Utility::snapshot_dict["pg"]["s2"].size(), 1u);
-
-    // A snapshot recorded in PostgreSQL directly: SQLite answers with none,
-    // so the listing goes on to PostgreSQL.
-    const auto pg = Utility::locate_datastores({"pg"}).at(0).second;
-    std::map<std::string, vd::ProviderInfoSet> dict{{"s3", {{rows.at(0).rowid, "p", nullptr}}}};
-    const auto* slot = &dict;
-    ASSERT_EQ(controller_->control(pg, vd::OP_UPDATE_SNAPSHOT, nullptr, &slot, nullptr), kOk);
-    ASSERT_TRUE(Utility::query_available_baselines());
-    const auto known = Utility::get_snapshot_info_set();
-    ASSERT_EQ(known.size(), 1u);
-    EXPECT_EQ(known.begin()->baseline_id, "s3");
 }
 
 }  // namespace

@@ -58,9 +58,7 @@ std::string mixed_text(std::size_t size, unsigned seed) {
 
 class OdbcConnectionTest : public PgTest {
 protected:
-    void SetUp() override {
-        PgTest::SetUp();
-        if (IsSkipped() || HasFatalFailure()) return;
+    void prepare() override {
         exec(*connection,
              "CREATE TEMPORARY TABLE t(i BIGINT, d DOUBLE PRECISION, s TEXT, n INTEGER);");
     }
@@ -70,20 +68,9 @@ protected:
         auto s = connection->prepare("INSERT INTO t(s) VALUES(?);");
         return s && s->bind_text(1, text) && s->step() == StepResult::done;
     }
-
-    std::string read_text(const std::string& sql) {
-        auto s = connection->prepare(sql);
-        EXPECT_NE(s, nullptr) << connection->last_error().message;
-        if (!s) return "";
-        EXPECT_EQ(s->step(), StepResult::row) << connection->last_error().message;
-        std::string out;
-        EXPECT_TRUE(s->column_text(0, out)) << connection->last_error().message;
-        EXPECT_EQ(s->step(), StepResult::done);
-        return out;
-    }
 };
 
-TEST_F(OdbcConnectionTest, RoundTripsEveryTypeAndNull) {
+TEST_F(OdbcConnectionTest, RoundTripsEveryTypeNullAndLargeTexts) {
     const std::string all_bytes = every_utf8_byte();
     std::set<unsigned char> seen(all_bytes.begin(), all_bytes.end());
     ASSERT_EQ(seen.size(), 255u - 2u - 11u);  // 1..255 without C0, C1, F5..FF
@@ -92,13 +79,19 @@ TEST_F(OdbcConnectionTest, RoundTripsEveryTypeAndNull) {
         int64_t i;
         double d;
         std::string s;
-    } cases[] = {
+    };
+    std::vector<Case> cases = {
         {0, 0.0, ""},
         {1700000000123456, 0.1, all_bytes},
         {std::numeric_limits<int64_t>::max(), 1.7976931348623157e308, "plain"},
         {std::numeric_limits<int64_t>::min(), -2.2250738585072014e-308, "quote ' and \" ? ;"},
         {-1, 3.141592653589793, std::string(100000, 'x')},
     };
+    // Around the chunking thresholds, and 16 MiB.
+    unsigned seed = 1;
+    for (std::size_t size :
+         {64 * 1024, 64 * 1024 + 1, 256 * 1024, 256 * 1024 + 1, 1024 * 1024 + 3, 16 * 1024 * 1024})
+        cases.push_back({static_cast<int64_t>(size), 0.5, mixed_text(size, seed++)});
     auto insert = connection->prepare("INSERT INTO t(i, d, s, n) VALUES(?, ?, ?, ?);");
     ASSERT_NE(insert, nullptr) << connection->last_error().message;
     for (const Case& c : cases) {
@@ -110,13 +103,13 @@ TEST_F(OdbcConnectionTest, RoundTripsEveryTypeAndNull) {
         ASSERT_TRUE(insert->reset());
     }
     // NULL into every column type, including BIGINT and DOUBLE PRECISION.
-    auto nulls = connection->prepare("INSERT INTO t(i, d, s, n) VALUES(?, ?, ?, ?);");
-    for (int k = 1; k <= 4; ++k) ASSERT_TRUE(nulls->bind_null(k));
-    ASSERT_EQ(nulls->step(), StepResult::done) << connection->last_error().message;
+    for (int k = 1; k <= 4; ++k) ASSERT_TRUE(insert->bind_null(k));
+    ASSERT_EQ(insert->step(), StepResult::done) << connection->last_error().message;
 
-    auto read = connection->prepare("SELECT i, d, s, n FROM t ORDER BY ctid;");
+    auto read = connection->prepare("SELECT i, d, s, n, octet_length(s) FROM t ORDER BY ctid;");
     ASSERT_NE(read, nullptr);
     for (const Case& c : cases) {
+        SCOPED_TRACE(c.s.size());
         ASSERT_EQ(read->step(), StepResult::row) << connection->last_error().message;
         EXPECT_EQ(read->column_type(0), ColumnType::integer);
         EXPECT_EQ(read->column_int64(0), c.i);
@@ -125,17 +118,17 @@ TEST_F(OdbcConnectionTest, RoundTripsEveryTypeAndNull) {
         EXPECT_EQ(read->column_type(2), ColumnType::text);
         std::string text;
         ASSERT_TRUE(read->column_text(2, text));
-        EXPECT_TRUE(text == c.s) << "text of " << c.s.size() << " bytes came back as "
-                                 << text.size() << " bytes";
+        EXPECT_TRUE(text == c.s) << "came back as " << text.size() << " bytes";
         EXPECT_EQ(read->column_type(3), ColumnType::null);
+        EXPECT_EQ(read->column_int64(4), static_cast<int64_t>(c.s.size()));  // as stored
     }
     ASSERT_EQ(read->step(), StepResult::row);
     for (int k = 0; k < 4; ++k) EXPECT_EQ(read->column_type(k), ColumnType::null) << k;
     EXPECT_EQ(read->step(), StepResult::done);
 
-    ASSERT_EQ(read->column_count(), 4);
-    const char* names[] = {"i", "d", "s", "n"};
-    for (int k = 0; k < 4; ++k) EXPECT_EQ(read->column_name(k), names[k]);
+    ASSERT_EQ(read->column_count(), 5);
+    const char* names[] = {"i", "d", "s", "n", "octet_length"};
+    for (int k = 0; k < 5; ++k) EXPECT_EQ(read->column_name(k), names[k]);
 }
 
 TEST_F(OdbcConnectionTest, RefusesNulAndInvalidUtf8BeforeSending) {
@@ -155,24 +148,6 @@ TEST_F(OdbcConnectionTest, RefusesNulAndInvalidUtf8BeforeSending) {
     EXPECT_EQ(query_int(*connection, "SELECT count(*) FROM t;"), 0);
 }
 
-TEST_F(OdbcConnectionTest, LargeTextsGoInAndOutByteExact) {
-    // Around the chunking thresholds, and 16 MiB.
-    const std::size_t sizes[] = {256 * 1024,    256 * 1024 + 1,  64 * 1024,
-                                 64 * 1024 + 1, 1024 * 1024 + 3, 16 * 1024 * 1024};
-    unsigned seed = 1;
-    for (std::size_t size : sizes) {
-        SCOPED_TRACE(size);
-        exec(*connection, "DELETE FROM t;");
-        const std::string text = mixed_text(size, seed++);
-        ASSERT_TRUE(insert_text(text)) << connection->last_error().message;
-        EXPECT_EQ(query_int(*connection, "SELECT octet_length(s) FROM t;"),
-                  static_cast<int64_t>(size));
-        const std::string back = read_text("SELECT s FROM t;");
-        ASSERT_EQ(back.size(), text.size());
-        EXPECT_TRUE(back == text) << "the text differs";
-    }
-}
-
 TEST_F(OdbcConnectionTest, DiagnosticsCarrySqlstateAndEveryRecord) {
     // A read-only session refuses writes (temporary tables stay writable).
     exec(*connection, "SET SESSION CHARACTERISTICS AS TRANSACTION READ ONLY;");
@@ -190,8 +165,7 @@ TEST_F(OdbcConnectionTest, DiagnosticsCarrySqlstateAndEveryRecord) {
     for (const Case& c : cases) {
         SCOPED_TRACE(c.sql);
         auto s = connection->prepare(c.sql);
-        const bool failed = s == nullptr || s->step() == StepResult::error;
-        ASSERT_TRUE(failed);
+        ASSERT_TRUE(s == nullptr || s->step() == StepResult::error);
         const auto& error = connection->last_error();
         EXPECT_EQ(error.sqlstate, c.sqlstate) << error.message;
         EXPECT_NE(error.message.find(c.in_message), std::string::npos) << error.message;
@@ -203,7 +177,7 @@ TEST_F(OdbcConnectionTest, DiagnosticsCarrySqlstateAndEveryRecord) {
     EXPECT_EQ(query_int(*connection, "SELECT 7;"), 7);
 }
 
-TEST_F(OdbcConnectionTest, TransactionsCommitRollBackAndSurviveAFailedStatement) {
+TEST_F(OdbcConnectionTest, TransactionsAndReusedStatements) {
     ASSERT_TRUE(connection->begin());
     ASSERT_TRUE(insert_text("rolled back"));
     ASSERT_TRUE(connection->rollback());
@@ -219,25 +193,21 @@ TEST_F(OdbcConnectionTest, TransactionsCommitRollBackAndSurviveAFailedStatement)
     ASSERT_TRUE(connection->commit()) << connection->last_error().message;
     EXPECT_EQ(query_int(*connection, "SELECT count(*) FROM t;"), 2);
     EXPECT_FALSE(connection->commit());  // nothing open
-}
 
-TEST_F(OdbcConnectionTest, DeleteOfNothingAndReuseAfterReset) {
     auto del = connection->prepare("DELETE FROM t WHERE s = ?;");
     ASSERT_NE(del, nullptr);
     ASSERT_TRUE(del->bind_text(1, "absent"));
     EXPECT_EQ(del->step(), StepResult::done) << connection->last_error().message;
     EXPECT_EQ(del->step(), StepResult::done);
 
-    ASSERT_TRUE(insert_text("a"));
-    ASSERT_TRUE(insert_text("b"));
     auto count = connection->prepare("SELECT count(*) FROM t WHERE s >= ?;");
-    ASSERT_TRUE(count->bind_text(1, "a"));
-    for (int64_t expected : {2, 2}) {  // a reset keeps the binding
+    ASSERT_TRUE(count->bind_text(1, "first"));
+    for (int round = 0; round < 2; ++round) {  // a reset keeps the binding
         ASSERT_EQ(count->step(), StepResult::row);
-        EXPECT_EQ(count->column_int64(0), expected);
+        EXPECT_EQ(count->column_int64(0), 2);
         ASSERT_TRUE(count->reset());
     }
-    ASSERT_TRUE(count->bind_text(1, "b"));
+    ASSERT_TRUE(count->bind_text(1, "second"));
     ASSERT_EQ(count->step(), StepResult::row);
     EXPECT_EQ(count->column_int64(0), 1);
 
@@ -257,8 +227,7 @@ TEST_F(OdbcConnectionTest, TerminatedBackendIsNoticedAndANewConnectionWorks) {
             query_int(*killer, "SELECT pg_terminate_backend(" + std::to_string(pid) + ")::int;"),
             1);
         auto s = connection->prepare("SELECT 1;");
-        const bool failed = s == nullptr || s->step() == StepResult::error;
-        ASSERT_TRUE(failed);
+        ASSERT_TRUE(s == nullptr || s->step() == StepResult::error);
         const std::string state = connection->last_error().sqlstate;
         EXPECT_TRUE(state == "57P01" || state == "08S01") << connection->last_error().message;
         EXPECT_FALSE(connection->is_alive());
@@ -271,9 +240,9 @@ TEST_F(OdbcConnectionTest, TerminatedBackendIsNoticedAndANewConnectionWorks) {
     }
 }
 
-// The same seam through the SQLite ODBC driver, on a real SQLite file: it
-// describes INTEGER columns as 32-bit, yet 64-bit values must come back whole.
-TEST(SqliteThroughOdbc, RoundTripsValuesAndReportsErrors) {
+// The same seam through the SQLite ODBC driver, on a real SQLite file: a text
+// read in chunks comes back whole (the conformance suite runs the rest).
+TEST(SqliteThroughOdbc, LargeTextRoundTripsAndErrorsAreReported) {
     const std::string driver = "/usr/lib/x86_64-linux-gnu/odbc/libsqlite3odbc.so";
     if (access(driver.c_str(), R_OK) != 0) {
         if (running_in_ci()) FAIL() << driver << " is missing (scripts/bootstrap installs it)";
@@ -284,28 +253,23 @@ TEST(SqliteThroughOdbc, RoundTripsValuesAndReportsErrors) {
     auto c = datastore::odbc_backend::OdbcConnection::connect(
         "DRIVER=" + driver + ";Database=" + dir.file("vesk.db") + ";", {}, error);
     ASSERT_NE(c, nullptr) << error.message;
-    EXPECT_EQ(c->dbms_name(), "SQLite");
-    exec(*c, "CREATE TABLE t(i INTEGER, d REAL, s TEXT);");
+    exec(*c, "CREATE TABLE t(s TEXT);");
     const std::string text = every_utf8_byte() + mixed_text(300000, 7);
-    auto insert = c->prepare("INSERT INTO t VALUES(?, ?, ?);");
+    auto insert = c->prepare("INSERT INTO t VALUES(?);");
     ASSERT_NE(insert, nullptr) << c->last_error().message;
-    ASSERT_TRUE(insert->bind_int64(1, 1700000000123456) && insert->bind_double(2, 0.1) &&
-                insert->bind_text(3, text));
+    ASSERT_TRUE(insert->bind_text(1, text));
     ASSERT_EQ(insert->step(), StepResult::done) << c->last_error().message;
 
-    auto read = c->prepare("SELECT i, d, s FROM t;");
+    auto read = c->prepare("SELECT s FROM t;");
     ASSERT_NE(read, nullptr);
     ASSERT_EQ(read->step(), StepResult::row) << c->last_error().message;
-    EXPECT_EQ(read->column_int64(0), 1700000000123456);
-    EXPECT_EQ(read->column_double(1), 0.1);
     std::string back;
-    ASSERT_TRUE(read->column_text(2, back));
+    ASSERT_TRUE(read->column_text(0, back));
     EXPECT_TRUE(back == text) << back.size() << " bytes back of " << text.size();
     EXPECT_EQ(read->step(), StepResult::done);
 
     auto bad = c->prepare("SELECT * FROM no_such_table;");
-    const bool failed = bad == nullptr || bad->step() == StepResult::error;
-    EXPECT_TRUE(failed);
+    EXPECT_TRUE(bad == nullptr || bad->step() == StepResult::error);
     EXPECT_NE(c->last_error().message.find("no_such_table"), std::string::npos)
         << c->last_error().message;
 }

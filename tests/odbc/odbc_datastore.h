@@ -28,17 +28,16 @@ namespace vd = vesk::datastore;
 // One ODBC datastore of its own controller, opened by configuration.
 class OdbcDatastore {
 public:
-    // Opens instance `instance` with parameters "source=<source>" followed by
-    // `more` ("|key=value..."); is_open() tells whether it worked.
-    OdbcDatastore(const std::string& instance, const std::string& source,
-                  const std::string& more = "")
+    // Opens instance `instance` with parameters "source=<source>"; is_open()
+    // tells whether it worked.
+    OdbcDatastore(const std::string& instance, const std::string& source)
         : controller_(vd::DataStoreController::createDataStoreController()) {
         vd::DataStoreConfig config;
         config.type = vd::odbc;
         config.instance_name = instance;
         config.extension_name = "libodbc.so";
         config.extension_path = kStageDir + "/datastore/lumok64/";
-        config.source_parameters = "source=" + source + more;
+        config.source_parameters = "source=" + source;
         config.source_types.set(vd::data);
         std::vector<vd::DataStoreConfig> configs{config};
         vd::DataStoreHandles handles;
@@ -139,32 +138,6 @@ inline StoredRows stored_rows(const std::string& connection_string) {
     }
     if (r != vd::sql::StepResult::done) out.error = c->last_error().message;
     return out;
-}
-
-// Runs `sql` on a connection of its own; false with `error` set on failure.
-inline bool run_sql(const std::string& connection_string, const std::string& sql,
-                    std::string& error) {
-    vd::sql::Error connect_error;
-    auto c = vd::odbc_backend::OdbcConnection::connect(connection_string, {}, connect_error);
-    if (!c) {
-        error = "cannot connect: " + connect_error.message;
-        return false;
-    }
-    auto s = c->prepare(sql);
-    vd::sql::StepResult r = s ? s->step() : vd::sql::StepResult::error;
-    while (r == vd::sql::StepResult::row) r = s->step();
-    if (r == vd::sql::StepResult::done) return true;
-    error = sql + ": " + c->last_error().message;
-    return false;
-}
-
-// Makes database `database` new and empty (dropped first when it exists,
-// with its connections).
-inline bool fresh_database(const std::string& admin_connection, const std::string& database,
-                           std::string& error) {
-    return run_sql(admin_connection, "DROP DATABASE IF EXISTS " + database + " WITH (FORCE);",
-                   error) &&
-           run_sql(admin_connection, "CREATE DATABASE " + database + ";", error);
 }
 
 }  // namespace vesk::test

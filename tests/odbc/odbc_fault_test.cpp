@@ -14,6 +14,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
+#include <functional>
 #include <iostream>
 #include <random>
 #include <sstream>
@@ -48,11 +49,10 @@ struct Call {
 // Writes until told to stop: every fifth call a bulk insert of 10 rows, the
 // others single inserts, each row with a new key. Failed calls are not
 // retried: their outcome is unknown to the caller.
-class Writer {
-public:
+struct Writer {
     Writer(OdbcDatastore& store, std::chrono::milliseconds pause_after_failure)
-        : store_(store), pause_(pause_after_failure), old_cerr_(std::cerr.rdbuf(log_.rdbuf())) {}
-    ~Writer() { std::cerr.rdbuf(old_cerr_); }
+        : store(store), pause(pause_after_failure), old_cerr(std::cerr.rdbuf(log.rdbuf())) {}
+    ~Writer() { std::cerr.rdbuf(old_cerr); }
     Writer(const Writer&) = delete;
     Writer& operator=(const Writer&) = delete;
 
@@ -60,70 +60,54 @@ public:
     bool write_one() {
         const int epoch = fault_epoch.load();
         Call call;
-        const bool bulk = calls_.size() % 5 == 4;
+        const bool bulk = calls.size() % 5 == 4;
         std::vector<vd::InsertRecord> records;
         for (int i = 0; i < (bulk ? 10 : 1); ++i) {
-            call.keys.push_back(row_key(1, next_));
-            records.push_back(keyed_record(call.keys.back(), next_++));
+            call.keys.push_back(row_key(1, next));
+            records.push_back(keyed_record(call.keys.back(), next++));
         }
-        call.acknowledged = bulk ? store_.bulk_insert(records) : store_.insert(records.front());
-        call.log = log_.str();
-        log_.str("");
+        call.acknowledged = bulk ? store.bulk_insert(records) : store.insert(records.front());
+        call.log = log.str();
+        log.str("");
         if (call.acknowledged) {
-            acknowledged_.fetch_add(1);
-            succeeded_in_epoch_.store(epoch);
+            acknowledged.fetch_add(1);
+            succeeded_in_epoch.store(epoch);
         } else {
-            std::this_thread::sleep_for(pause_);
+            std::this_thread::sleep_for(pause);
         }
-        calls_.push_back(std::move(call));
-        return calls_.back().acknowledged;
+        calls.push_back(std::move(call));
+        return calls.back().acknowledged;
     }
 
-    // Calls acknowledged so far (read by the thread that makes the faults).
-    long acknowledged() const { return acknowledged_.load(); }
-    // The thread that makes the faults counts them here; a call remembers
-    // the count at its start.
+    OdbcDatastore& store;
+    std::chrono::milliseconds pause;
+    std::ostringstream log;  // what the library writes to std::cerr
+    std::streambuf* old_cerr;
+    std::vector<Call> calls;
+    int64_t next = 0;
+    // Shared with the thread that makes the faults: the calls acknowledged
+    // so far; the faults made so far, which that thread counts and a call
+    // remembers at its start; that count at the start of the latest
+    // acknowledged call.
+    std::atomic<long> acknowledged{0};
     std::atomic<int> fault_epoch{0};
-    // The count at the start of the latest acknowledged call.
-    int succeeded_in_epoch() const { return succeeded_in_epoch_.load(); }
-    const std::vector<Call>& calls() const { return calls_; }
-
-private:
-    OdbcDatastore& store_;
-    std::chrono::milliseconds pause_;
-    std::ostringstream log_;  // what the library writes to std::cerr
-    std::streambuf* old_cerr_;
-    std::vector<Call> calls_;
-    int64_t next_ = 0;
-    std::atomic<long> acknowledged_{0};
-    std::atomic<int> succeeded_in_epoch_{-1};
+    std::atomic<int> succeeded_in_epoch{-1};
 };
 
-// The error of a failed call names the datastore and says that its
-// connection was lost or refused (psqlODBC reports a lost connection inside
-// a transaction as HY000, so the SQLSTATE alone does not tell).
-::testing::AssertionResult names_a_lost_connection(const Call& call, const std::string& instance) {
-    const char* signs[] = {
-        "connection was lost", "lost connection", "57P01", "57P03", "08S01", "08001"};
-    bool sign = false;
-    for (const char* s : signs) sign = sign || call.log.find(s) != std::string::npos;
-    if (sign && call.log.find("\"" + instance + "\"") != std::string::npos)
-        return ::testing::AssertionSuccess();
-    return ::testing::AssertionFailure()
-           << "the log of the failed call " << call.keys.front() << " does not name \"" << instance
-           << "\" and a lost connection: \"" << call.log << "\"";
-}
-
-// Checks what the server holds against the writer's calls: every
-// acknowledged row once, no row twice, each call all or nothing. Returns the
-// number of failed calls whose rows were stored all the same.
-int check_stored(const std::string& source, const std::vector<Call>& calls) {
+// Checks the writer's calls against what the server holds: each failed call
+// names a lost connection of `instance` (and, with `next_works`, the call
+// after it was acknowledged), every acknowledged row is stored once, no row
+// twice, each call all or nothing. Returns the number of failed calls.
+int check_calls(const std::string& source, const Writer& writer, const std::string& instance,
+                bool next_works) {
+    const std::vector<Call>& calls = writer.calls;
     const StoredRows stored = stored_rows(source);
     EXPECT_EQ(stored.error, "");
     EXPECT_EQ(stored.wrong_content, 0u);
     size_t expected_total = 0;
-    int stored_failures = 0;
-    for (const Call& call : calls) {
+    int failed = 0, stored_failures = 0;
+    for (size_t i = 0; i < calls.size(); ++i) {
+        const Call& call = calls[i];
         size_t found = 0;
         for (const std::string& key : call.keys) {
             const auto at = stored.count_by_key.find(key);
@@ -131,27 +115,52 @@ int check_stored(const std::string& source, const std::vector<Call>& calls) {
             EXPECT_LE(count, 1) << key << " stored twice";
             if (count > 0) ++found;
         }
+        expected_total += found;
         if (call.acknowledged) {
             EXPECT_EQ(found, call.keys.size()) << "acknowledged row lost: " << call.keys.front();
-        } else {
-            EXPECT_TRUE(found == 0 || found == call.keys.size())
-                << "a failed call of " << call.keys.size() << " rows stored " << found;
-            if (found > 0) ++stored_failures;
+            continue;
         }
-        expected_total += found;
+        ++failed;
+        EXPECT_TRUE(found == 0 || found == call.keys.size())
+            << "a failed call of " << call.keys.size() << " rows stored " << found;
+        if (found > 0) ++stored_failures;
+        // The log names the datastore and a lost or refused connection
+        // (psqlODBC reports a connection lost inside a transaction as HY000,
+        // so the SQLSTATE alone does not tell).
+        bool lost = false;
+        for (const char* sign :
+             {"connection was lost", "lost connection", "57P01", "57P03", "08S01", "08001"})
+            lost = lost || call.log.find(sign) != std::string::npos;
+        EXPECT_TRUE(lost && call.log.find("\"" + instance + "\"") != std::string::npos)
+            << "the log of the failed call " << call.keys.front() << ": \"" << call.log << "\"";
+        EXPECT_TRUE(!next_works || (i + 1 < calls.size() && calls[i + 1].acknowledged))
+            << "the call after " << call.keys.front();
     }
     EXPECT_EQ(stored.total, expected_total) << "rows that no call wrote";
-    return stored_failures;
+    std::printf("%zu calls, %d failed (%d of them stored all the same)\n", calls.size(), failed,
+                stored_failures);
+    return failed;
+}
+
+// Writes while `faults` runs on a thread of its own; what `faults` reports
+// ("" when it made every fault).
+std::string write_during(Writer& writer, const std::function<std::string()>& faults) {
+    std::atomic<bool> done{false};
+    std::string error;
+    std::thread thread([&] {
+        error = faults();
+        done = true;
+    });
+    while (!done) writer.write_one();
+    thread.join();
+    return error;
 }
 
 class OdbcFaultTest : public PgTest {
 protected:
-    void SetUp() override {
-        PgTest::SetUp();
-        if (IsSkipped() || HasFatalFailure()) return;
-        std::string error;
-        ASSERT_TRUE(fresh_database(conn_string, "vesk_faults", error)) << error;
-        source = with_database(conn_string, "vesk_faults");
+    void prepare() override {
+        source = fresh("vesk_faults");
+        ASSERT_FALSE(source.empty());
     }
     std::string source;
 };
@@ -161,29 +170,23 @@ TEST_F(OdbcFaultTest, TerminatedServerProcessCostsOneCallAndNoAcknowledgedRow) {
     OdbcDatastore store("fault_writer", source);
     ASSERT_TRUE(store.is_open()) << store.error();
     Writer writer(store, std::chrono::milliseconds(0));
-    ASSERT_TRUE(writer.write_one()) << writer.calls().back().log;
+    ASSERT_TRUE(writer.write_one()) << writer.calls.back().log;
 
     // Terminates the writer's server process at a random moment, waiting for
     // it to end; the next one waits for a call that started after that and
     // was acknowledged (so on a new connection). A fault then meets either a
     // call in flight or the connection between two calls, and each fault can
     // cost only the calls of its own connection.
-    std::atomic<bool> done{false};
-    std::string killer_error;
-    std::thread killer([&] {
+    const std::string error = write_during(writer, [&]() -> std::string {
         auto admin = connect(conn_string);
-        if (!admin) {
-            killer_error = "the terminating connection failed";
-            done = true;
-            return;
-        }
+        if (!admin) return "the terminating connection failed";
         std::mt19937 random(12345);
         while (writer.fault_epoch < kills_wanted) {
             const int epoch = writer.fault_epoch;
             const auto deadline = Clock::now() + std::chrono::seconds(30);
-            while (writer.succeeded_in_epoch() < epoch && Clock::now() < deadline)
+            while (writer.succeeded_in_epoch < epoch && Clock::now() < deadline)
                 std::this_thread::sleep_for(std::chrono::microseconds(200));
-            if (writer.succeeded_in_epoch() < epoch) break;  // no recovery: reported below
+            if (writer.succeeded_in_epoch < epoch) return "the writer stopped making progress";
             std::this_thread::sleep_for(std::chrono::microseconds(random() % 3000));
             // The victims are chosen first: a condition beside the call
             // could be evaluated after it, and end every backend.
@@ -191,73 +194,40 @@ TEST_F(OdbcFaultTest, TerminatedServerProcessCostsOneCallAndNoAcknowledgedRow) {
                 "WITH victim AS MATERIALIZED (SELECT pid FROM pg_stat_activity WHERE datname = "
                 "'vesk_faults' AND backend_type = 'client backend' AND pid <> pg_backend_pid()) "
                 "SELECT count(*) FROM victim WHERE pg_terminate_backend(pid, 10000);");
-            if (!s || s->step() != datastore::sql::StepResult::row) {
-                killer_error = admin->last_error().message;
-                break;
-            }
+            if (!s || s->step() != datastore::sql::StepResult::row)
+                return admin->last_error().message;
             if (s->column_int64(0) > 0) ++writer.fault_epoch;
         }
-        done = true;
+        return "";
     });
-    while (!done) writer.write_one();
-    killer.join();
     for (int i = 0; i < 5; ++i) writer.write_one();  // after the last fault
-    ASSERT_EQ(killer_error, "");
-    ASSERT_EQ(writer.fault_epoch.load(), kills_wanted) << "the writer stopped making progress";
+    ASSERT_EQ(error, "");
 
     // Each fault costs at most the one call that met it; the next one works.
-    const auto& calls = writer.calls();
-    int failed = 0;
-    for (size_t i = 0; i < calls.size(); ++i) {
-        if (calls[i].acknowledged) continue;
-        ++failed;
-        EXPECT_TRUE(names_a_lost_connection(calls[i], "fault_writer"));
-        ASSERT_LT(i + 1, calls.size());
-        EXPECT_TRUE(calls[i + 1].acknowledged) << "the call after " << calls[i].keys.front();
-    }
+    const int failed = check_calls(source, writer, "fault_writer", true);
     EXPECT_LE(failed, kills_wanted);
     EXPECT_GT(failed, 0) << "no fault met a call";
-    const int stored_failures = check_stored(source, calls);
-    std::printf("%d terminations, %zu calls, %d failed (%d of them stored all the same)\n",
-                kills_wanted, calls.size(), failed, stored_failures);
 }
 
 // A durable server of the test's own, which it may crash and restart.
-class OdbcCrashTest : public ::testing::Test {
+class OdbcCrashTest : public PgTest {
 protected:
     void SetUp() override {
-        script = kSourceDir + "/tests/odbc/pg-server";
-        const int status = std::system(
-            ("VESK_PG_DURABLE=1 '" + script + "' start '" + state.path() + "' >/dev/null").c_str());
-        ASSERT_EQ(status, 0) << "pg-server start failed";
-        const std::string why = read_file(state.file("unavailable"));
-        if (!why.empty()) {
-            if (running_in_ci()) {
-                FAIL() << "no PostgreSQL test server: " << why;
-            }
-            GTEST_SKIP() << "no PostgreSQL test server: " << why;
-        }
-        started = true;
-        conn_string = read_file(state.file("connection-string"));
-        while (!conn_string.empty() && conn_string.back() == '\n') conn_string.pop_back();
-        ASSERT_FALSE(conn_string.empty());
-        std::string error;
-        ASSERT_TRUE(fresh_database(conn_string, "vesk_crash", error)) << error;
-        source = with_database(conn_string, "vesk_crash");
+        ASSERT_EQ(std::system(("VESK_PG_DURABLE=1 " + command("start") + " >/dev/null").c_str()), 0)
+            << "pg-server start failed";
+        std::string why;
+        use_server(pg_state_connection_string(state.path(), why), why);
     }
-    void TearDown() override {
-        if (started) {
-            EXPECT_EQ(server("stop"), 0);
-        }
+    void prepare() override {
+        source = fresh("vesk_crash");
+        ASSERT_FALSE(source.empty());
     }
-    int server(const std::string& command) {
-        return std::system(("'" + script + "' " + command + " '" + state.path() + "'").c_str());
+    void TearDown() override { EXPECT_EQ(std::system(command("stop").c_str()), 0); }
+    std::string command(const std::string& what) {
+        return "'" + kSourceDir + "/tests/odbc/pg-server' " + what + " '" + state.path() + "'";
     }
 
     TempDir state;
-    std::string script;
-    bool started = false;
-    std::string conn_string;
     std::string source;
 };
 
@@ -267,49 +237,31 @@ TEST_F(OdbcCrashTest, ImmediateStopLosesNoAcknowledgedRow) {
     ASSERT_TRUE(store.is_open()) << store.error();
     // While the server is down every call fails at once: pause between them.
     Writer writer(store, std::chrono::milliseconds(20));
-    ASSERT_TRUE(writer.write_one()) << writer.calls().back().log;
+    ASSERT_TRUE(writer.write_one()) << writer.calls.back().log;
 
-    std::atomic<bool> done{false};
-    std::string fault_error;
-    std::thread faults([&] {
-        std::mt19937 random(54321);
-        for (int r = 0; r < restarts && fault_error.empty(); ++r) {
-            // Some progress first, then a crash at a random moment.
-            const long seen = writer.acknowledged();
-            const auto deadline = Clock::now() + std::chrono::seconds(60);
-            while (writer.acknowledged() < seen + 50 && Clock::now() < deadline)
-                std::this_thread::sleep_for(std::chrono::milliseconds(1));
-            if (writer.acknowledged() < seen + 50) {
-                fault_error = "the writer made no progress";
-                break;
-            }
-            std::this_thread::sleep_for(std::chrono::milliseconds(random() % 50));
-            if (server("crash") != 0) fault_error = "pg-server crash failed";
-            std::this_thread::sleep_for(std::chrono::milliseconds(100));
-            if (server("restart") != 0) fault_error = "pg-server restart failed";
-        }
-        const long seen = writer.acknowledged();
+    // Whether the writer has 50 more calls acknowledged within 60 s.
+    const auto progress = [&writer] {
+        const long goal = writer.acknowledged + 50;
         const auto deadline = Clock::now() + std::chrono::seconds(60);
-        while (fault_error.empty() && writer.acknowledged() < seen + 50 && Clock::now() < deadline)
+        while (writer.acknowledged < goal && Clock::now() < deadline)
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        if (writer.acknowledged() < seen + 50 && fault_error.empty())
-            fault_error = "the writer made no progress after the last restart";
-        done = true;
+        return writer.acknowledged >= goal;
+    };
+    const std::string error = write_during(writer, [&]() -> std::string {
+        std::mt19937 random(54321);
+        for (int r = 0; r < restarts; ++r) {
+            // Some progress first, then a crash at a random moment.
+            if (!progress()) return "the writer made no progress";
+            std::this_thread::sleep_for(std::chrono::milliseconds(random() % 50));
+            if (std::system(command("crash").c_str()) != 0) return "pg-server crash failed";
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+            if (std::system(command("restart").c_str()) != 0) return "pg-server restart failed";
+        }
+        return progress() ? "" : "the writer made no progress after the last restart";
     });
-    while (!done) writer.write_one();
-    faults.join();
-    ASSERT_EQ(fault_error, "");
-
-    int failed = 0;
-    for (const Call& call : writer.calls()) {
-        if (call.acknowledged) continue;
-        ++failed;
-        EXPECT_TRUE(names_a_lost_connection(call, "crash_writer"));
-    }
-    EXPECT_GE(failed, restarts) << "each stop must fail at least one call";
-    const int stored_failures = check_stored(source, writer.calls());
-    std::printf("%d crashes, %zu calls, %d failed (%d of them stored all the same)\n", restarts,
-                writer.calls().size(), failed, stored_failures);
+    ASSERT_EQ(error, "");
+    EXPECT_GE(check_calls(source, writer, "crash_writer", false), restarts)
+        << "each stop must fail at least one call";
 }
 
 }  // namespace
