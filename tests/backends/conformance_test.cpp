@@ -44,15 +44,6 @@ struct Backend {
 // Names the backend in test output, instead of its bytes.
 void PrintTo(const Backend& backend, std::ostream* os) { *os << backend.name; }
 
-// A new, empty database vesk_conformance on the test server `server`.
-void new_pg_database(const std::string& server) {
-    vd::sql::Error error;
-    auto c = vd::odbc_backend::OdbcConnection::connect(server, {}, error);
-    ASSERT_NE(c, nullptr) << "cannot connect to the test server: " << error.message;
-    exec(*c, "DROP DATABASE IF EXISTS vesk_conformance WITH (FORCE);");
-    exec(*c, "CREATE DATABASE vesk_conformance;");
-}
-
 // PostgreSQL through ODBC, on the test server of the ctest fixture vesk_pg,
 // in a database of its own that the first open of a test makes anew.
 std::string postgresql_source(const std::string& /*dir*/, bool fresh) {
@@ -62,7 +53,8 @@ std::string postgresql_source(const std::string& /*dir*/, bool fresh) {
         ADD_FAILURE() << "no PostgreSQL test server: " << why;
         return "";  // refused by the extension
     }
-    if (fresh) new_pg_database(server);
+    if (std::string error; fresh && !fresh_database(server, "vesk_conformance", error))
+        ADD_FAILURE() << error;
     return with_database(server, "vesk_conformance");
 }
 
