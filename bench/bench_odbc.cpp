@@ -19,6 +19,7 @@
 // VESK_BENCH_SCALE and VESK_BENCH_DIR: see bench_support.h;
 // VESK_BENCH_REPS the number of repetitions (default 5, the median counts).
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <cctype>
 #include <cerrno>
@@ -270,21 +271,54 @@ public:
     }
 
     // Runs `sql` and reads every row into `rows`, columns in the view's
-    // order, texts in chunks, as hand-written ODBC code would.
+    // order, as hand-written ODBC code would: every column bound, so that one
+    // SQLFetch converts the row, and a text longer than its bound buffer read
+    // again, whole, in chunks with SQLGetData.
     size_t rows(const std::string& sql, std::vector<vd::Row>& rows) {
         SQLHSTMT stmt = statement();
         if (!ok(SQLExecDirect(stmt, reinterpret_cast<SQLCHAR*>(const_cast<char*>(sql.c_str())),
                               SQL_NTS)))
             die(sql + ": " + diagnostics(SQL_HANDLE_STMT, stmt));
+        constexpr int columns = 15;
+        constexpr size_t text_size = 1024;
+        static const bool is_text[columns + 1] = {false, false, true,  true,  false, true,
+                                                  false, false, false, false, true,  true,
+                                                  true,  false, true,  false};
+        SQLBIGINT integers[columns + 1] = {};
+        SQLDOUBLE duration = 0;
+        std::vector<std::array<char, text_size + 1>> texts(columns + 1);
+        SQLLEN indicators[columns + 1] = {};
+        for (SQLUSMALLINT c = 1; c <= columns; ++c) {
+            SQLRETURN rc;
+            if (c == 8)
+                rc = SQLBindCol(stmt, c, SQL_C_DOUBLE, &duration, 0, &indicators[c]);
+            else if (is_text[c])
+                rc =
+                    SQLBindCol(stmt, c, SQL_C_CHAR, texts[c].data(), text_size + 1, &indicators[c]);
+            else
+                rc = SQLBindCol(stmt, c, SQL_C_SBIGINT, &integers[c], 0, &indicators[c]);
+            if (!ok(rc)) die("SQLBindCol: " + diagnostics(SQL_HANDLE_STMT, stmt));
+        }
+        auto integer = [&](SQLUSMALLINT c) {
+            return indicators[c] == SQL_NULL_DATA ? 0 : static_cast<int64_t>(integers[c]);
+        };
+        auto text_of = [&](SQLUSMALLINT c, std::string& out) {
+            if (indicators[c] == SQL_NULL_DATA)
+                out.clear();
+            else if (indicators[c] >= 0 && static_cast<size_t>(indicators[c]) <= text_size)
+                out.assign(texts[c].data(), static_cast<size_t>(indicators[c]));
+            else
+                text(stmt, c, out);
+        };
         std::string nodes;
         SQLRETURN rc;
         while ((rc = SQLFetch(stmt)) == SQL_SUCCESS || rc == SQL_SUCCESS_WITH_INFO) {
             vd::Row& r = rows.emplace_back();
-            r.rowid = static_cast<int>(integer(stmt, 1));
-            text(stmt, 2, r.Provider);
-            text(stmt, 3, r.Hostname);
-            r.num_nodes = static_cast<int>(integer(stmt, 4));
-            text(stmt, 5, nodes);
+            r.rowid = static_cast<int>(integer(1));
+            text_of(2, r.Provider);
+            text_of(3, r.Hostname);
+            r.num_nodes = static_cast<int>(integer(4));
+            text_of(5, nodes);
             r.node_names.clear();
             for (size_t start = 0; start <= nodes.size();) {
                 size_t end = nodes.find(',', start);
@@ -296,18 +330,16 @@ public:
                 }
                 start = end + 1;
             }
-            r.Exit_status = static_cast<int>(integer(stmt, 6));
-            r.Timestamp = integer(stmt, 7);
-            SQLDOUBLE duration = 0;
-            SQLGetData(stmt, 8, SQL_C_DOUBLE, &duration, sizeof duration, nullptr);
-            r.Duration = duration;
-            r.Encoding = static_cast<int>(integer(stmt, 9));
-            text(stmt, 10, r.STDOUT);
-            text(stmt, 11, r.STDERR);
-            text(stmt, 12, r.OptionID);
-            r.version = static_cast<int>(integer(stmt, 13));
-            text(stmt, 14, r.Username);
-            r.Unique_timestamp = integer(stmt, 15);
+            r.Exit_status = static_cast<int>(integer(6));
+            r.Timestamp = integer(7);
+            r.Duration = indicators[8] == SQL_NULL_DATA ? 0 : duration;
+            r.Encoding = static_cast<int>(integer(9));
+            text_of(10, r.STDOUT);
+            text_of(11, r.STDERR);
+            text_of(12, r.OptionID);
+            r.version = static_cast<int>(integer(13));
+            text_of(14, r.Username);
+            r.Unique_timestamp = integer(15);
         }
         if (rc != SQL_NO_DATA) die(sql + ": " + diagnostics(SQL_HANDLE_STMT, stmt));
         SQLFreeHandle(SQL_HANDLE_STMT, stmt);
@@ -319,12 +351,6 @@ private:
         SQLHSTMT stmt = SQL_NULL_HSTMT;
         if (!ok(SQLAllocHandle(SQL_HANDLE_STMT, dbc_, &stmt))) die("cannot allocate a statement");
         return stmt;
-    }
-    static int64_t integer(SQLHSTMT stmt, SQLUSMALLINT column) {
-        SQLBIGINT value = 0;
-        SQLLEN indicator = 0;
-        SQLGetData(stmt, column, SQL_C_SBIGINT, &value, sizeof value, &indicator);
-        return indicator == SQL_NULL_DATA ? 0 : value;
     }
     static void text(SQLHSTMT stmt, SQLUSMALLINT column, std::string& out) {
         out.clear();

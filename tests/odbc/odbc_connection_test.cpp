@@ -87,10 +87,12 @@ TEST_F(OdbcConnectionTest, RoundTripsEveryTypeNullAndLargeTexts) {
         {std::numeric_limits<int64_t>::min(), -2.2250738585072014e-308, "quote ' and \" ? ;"},
         {-1, 3.141592653589793, std::string(100000, 'x')},
     };
-    // Around the chunking thresholds, and 16 MiB.
+    // Around the bound buffer's size (a character across its end too), the
+    // chunking thresholds, and 16 MiB.
+    cases.push_back({1026, 0.25, std::string(1023, 'a') + "\xE2\x82\xAC"});
     unsigned seed = 1;
-    for (std::size_t size :
-         {64 * 1024, 64 * 1024 + 1, 256 * 1024, 256 * 1024 + 1, 1024 * 1024 + 3, 16 * 1024 * 1024})
+    for (std::size_t size : {1023, 1024, 1025, 64 * 1024, 64 * 1024 + 1, 256 * 1024, 256 * 1024 + 1,
+                             1024 * 1024 + 3, 16 * 1024 * 1024})
         cases.push_back({static_cast<int64_t>(size), 0.5, mixed_text(size, seed++)});
     auto insert = connection->prepare("INSERT INTO t(i, d, s, n) VALUES(?, ?, ?, ?);");
     ASSERT_NE(insert, nullptr) << connection->last_error().message;
@@ -125,6 +127,15 @@ TEST_F(OdbcConnectionTest, RoundTripsEveryTypeNullAndLargeTexts) {
     ASSERT_EQ(read->step(), StepResult::row);
     for (int k = 0; k < 4; ++k) EXPECT_EQ(read->column_type(k), ColumnType::null) << k;
     EXPECT_EQ(read->step(), StepResult::done);
+
+    // Run again, the same statement reads the same first rows.
+    ASSERT_TRUE(read->reset());
+    for (std::size_t n = 0; n < 3; ++n) {
+        ASSERT_EQ(read->step(), StepResult::row) << connection->last_error().message;
+        std::string text;
+        ASSERT_TRUE(read->column_text(2, text));
+        EXPECT_TRUE(text == cases[n].s) << n;
+    }
 
     ASSERT_EQ(read->column_count(), 5);
     const char* names[] = {"i", "d", "s", "n", "octet_length"};

@@ -21,6 +21,11 @@ constexpr std::size_t put_data_chunk = 1024 * 1024;
 // one gets its whole remaining length (the driver reports it) on the second.
 constexpr std::size_t get_data_first_chunk = 256;
 constexpr std::size_t get_data_max_chunk = 4 * 1024 * 1024;
+// Bytes of each text column that SQLFetch copies into a bound buffer. One
+// SQLFetch converting every column costs the driver far less than one
+// SQLGetData call per column; a longer text is read again, whole, by the
+// SQLGetData loop.
+constexpr std::size_t bound_text_size = 1024;
 
 bool ok(SQLRETURN rc) { return rc == SQL_SUCCESS || rc == SQL_SUCCESS_WITH_INFO; }
 
@@ -57,6 +62,9 @@ struct Handles {
     std::string dbms_name;
     int query_timeout_s = 0;
     bool require_utf8 = false;
+    // The driver lets SQLGetData read a bound column, in any order: result
+    // columns are then bound, and only long texts are read with SQLGetData.
+    bool bind_columns = false;
     bool in_transaction = false;
     bool dead = false;
 
@@ -299,6 +307,11 @@ private:
         int64_t integer_value = 0;
         double real_value = 0;
         std::string text;
+        // Where SQLFetch puts the value of a bound column.
+        SQLBIGINT bound_integer = 0;
+        double bound_real = 0;
+        std::vector<char> bound_text;
+        SQLLEN indicator = 0;
     };
     enum class State { ready, rows, finished };
 
@@ -412,6 +425,11 @@ private:
     }
 
     bool describe_columns() {
+        if (!row_.empty() && bound_ && !ok(SQLFreeStmt(stmt_.get(), SQL_UNBIND))) {
+            handles_->fail("SQLFreeStmt(UNBIND)", SQL_HANDLE_STMT, stmt_.get());
+            return false;
+        }
+        bound_ = false;
         columns_.clear();
         row_.clear();
         SQLSMALLINT count = 0;
@@ -464,6 +482,37 @@ private:
             columns_.push_back(std::move(c));
         }
         row_.resize(columns_.size());
+        return handles_->bind_columns ? bind_columns() : true;
+    }
+
+    // Binds every result column to its cell; row_ is not resized until the
+    // next describe_columns, which unbinds first.
+    bool bind_columns() {
+        for (std::size_t i = 0; i < row_.size(); ++i) {
+            Cell& c = row_[i];
+            const auto number = static_cast<SQLUSMALLINT>(i + 1);
+            SQLRETURN rc;
+            switch (columns_[i].kind) {
+                case sql::ColumnType::integer:
+                    rc = SQLBindCol(stmt_.get(), number, SQL_C_SBIGINT, &c.bound_integer, 0,
+                                    &c.indicator);
+                    break;
+                case sql::ColumnType::real:
+                    rc = SQLBindCol(stmt_.get(), number, SQL_C_DOUBLE, &c.bound_real, 0,
+                                    &c.indicator);
+                    break;
+                default:
+                    c.bound_text.resize(bound_text_size + 1);
+                    rc = SQLBindCol(stmt_.get(), number, SQL_C_CHAR, c.bound_text.data(),
+                                    static_cast<SQLLEN>(c.bound_text.size()), &c.indicator);
+                    break;
+            }
+            if (!ok(rc)) {
+                handles_->fail("SQLBindCol", SQL_HANDLE_STMT, stmt_.get());
+                return false;
+            }
+            bound_ = true;
+        }
         return true;
     }
 
@@ -485,6 +534,7 @@ private:
     }
 
     bool fetch(SQLUSMALLINT number, sql::ColumnType kind, Cell& c) {
+        if (bound_) return from_bound(number, kind, c);
         SQLLEN indicator = 0;
         SQLRETURN rc;
         if (kind == sql::ColumnType::integer) {
@@ -502,6 +552,32 @@ private:
         }
         c.type = indicator == SQL_NULL_DATA ? sql::ColumnType::null : kind;
         return true;
+    }
+
+    // The value SQLFetch left in the cell's bound buffer; a text that did not
+    // fit (or whose length the driver does not know) is read with SQLGetData.
+    bool from_bound(SQLUSMALLINT number, sql::ColumnType kind, Cell& c) {
+        if (c.indicator == SQL_NULL_DATA) {
+            c.type = sql::ColumnType::null;
+            c.text.clear();
+            return true;
+        }
+        c.type = kind;
+        switch (kind) {
+            case sql::ColumnType::integer:
+                c.integer_value = c.bound_integer;
+                return true;
+            case sql::ColumnType::real:
+                c.real_value = c.bound_real;
+                return true;
+            default:
+                break;
+        }
+        if (c.indicator >= 0 && static_cast<std::size_t>(c.indicator) < c.bound_text.size()) {
+            c.text.assign(c.bound_text.data(), static_cast<std::size_t>(c.indicator));
+            return true;
+        }
+        return fetch_text(number, c);
     }
 
     // Reads a text in a loop until the driver has no more: the described
@@ -557,6 +633,7 @@ private:
     std::vector<Param> params_;
     std::vector<Column> columns_;
     std::vector<Cell> row_;
+    bool bound_ = false;  // the columns of row_ are bound
     State state_ = State::ready;
 };
 
@@ -619,6 +696,12 @@ std::unique_ptr<OdbcConnection> OdbcConnection::connect(const std::string& conne
     if (!ok(SQLGetInfo(dbc, SQL_DBMS_NAME, name, sizeof name, &name_length)))
         return failed("SQLGetInfo(DBMS_NAME)", SQL_HANDLE_DBC, dbc);
     h->dbms_name.assign(reinterpret_cast<const char*>(name));
+
+    SQLUINTEGER getdata = 0;
+    constexpr SQLUINTEGER needed = SQL_GD_BOUND | SQL_GD_ANY_COLUMN | SQL_GD_ANY_ORDER;
+    h->bind_columns =
+        ok(SQLGetInfo(dbc, SQL_GETDATA_EXTENSIONS, &getdata, sizeof getdata, nullptr)) &&
+        (getdata & needed) == needed;
 
     return std::unique_ptr<OdbcConnection>(new OdbcConnection(std::move(h)));
 }
