@@ -177,6 +177,28 @@ TEST_F(OdbcExtensionTest, OpensCreatesTheSchemaAndRefusesBadParameters) {
         EXPECT_EQ(open_with(p), kFailed) << p;
 }
 
+// Opening a datastore whose schema exists takes no lock on its table or
+// view: with a writer's transaction open, an open whose statements may wait
+// one second at most still succeeds. A missing index is made again.
+TEST_F(OdbcExtensionTest, OpeningAnExistingSchemaWaitsForNoWriterAndRepairsAMissingIndex) {
+    ASSERT_EQ(open_with("source=" + source), kOk);
+    auto writer = connect(source);
+    ASSERT_NE(writer, nullptr);
+    ASSERT_TRUE(writer->begin());
+    exec(*writer, "INSERT INTO " + vd::table_name + "(Provider) VALUES ('pending');");
+    EXPECT_EQ(open_with("source=" + source + "|query_timeout_s=1"), kOk);
+    ASSERT_TRUE(writer->rollback());
+
+    auto c = connect(source);
+    ASSERT_NE(c, nullptr);
+    exec(*c, "DROP INDEX provider_datastore_run;");
+    ASSERT_EQ(open_with("source=" + source), kOk);
+    EXPECT_EQ(query_int(*c,
+                        "SELECT count(*) FROM pg_indexes WHERE indexname = "
+                        "'provider_datastore_run';"),
+              1);
+}
+
 TEST_F(OdbcExtensionTest, BulkInsertSplitsIntoStatementsAndTheServerRollsBackAllOfThem) {
     auto i = open_instance("|rows_per_statement=3");
     ASSERT_TRUE(i);

@@ -391,9 +391,17 @@ TEST_F(SqliteExtensionTest, LockedFileMakesEveryCallWaitThenNameTheTimeout) {
 
     ASSERT_EQ(sqlite3_open(db().c_str(), &raw), SQLITE_OK);
     const std::unique_ptr<sqlite3, int (*)(sqlite3*)> holder(raw, &sqlite3_close_v2);
-    ASSERT_EQ(
-        sqlite3_exec(raw, "BEGIN IMMEDIATE; INSERT INTO old VALUES(1);", nullptr, nullptr, nullptr),
-        SQLITE_OK);
+    const char* const hold = "BEGIN IMMEDIATE; INSERT INTO old VALUES(1);";
+    ASSERT_EQ(sqlite3_exec(raw, hold, nullptr, nullptr, nullptr), SQLITE_OK);
+    // A file whose schema is complete opens without the write lock.
+    int32_t status = -1;
+    EXPECT_NE(open_sqlite(params_for(db(), false, "|busy_timeout_ms=400"), &status), nullptr);
+    EXPECT_EQ(status, kOk);
+    // One that lacks an index needs the lock to make it again.
+    ASSERT_EQ(sqlite3_exec(raw, "ROLLBACK; DROP INDEX provider_datastore_run;", nullptr, nullptr,
+                           nullptr),
+              SQLITE_OK);
+    ASSERT_EQ(sqlite3_exec(raw, hold, nullptr, nullptr, nullptr), SQLITE_OK);
     const std::vector<std::pair<const char*, std::function<bool()>>> calls = {
         {"open",
          [&] {
@@ -422,6 +430,10 @@ TEST_F(SqliteExtensionTest, LockedFileMakesEveryCallWaitThenNameTheTimeout) {
         EXPECT_TRUE(call());
     }
     EXPECT_EQ(raw_count(db()), 5);
+    EXPECT_EQ(raw_column(db(),
+                         "SELECT name FROM sqlite_master WHERE name = "
+                         "'provider_datastore_run'"),
+              std::vector<std::string>{"provider_datastore_run"});
 }
 
 // The extension's latest-rows query against the base class's text

@@ -26,6 +26,16 @@ std::vector<std::string> Dialect::create_statements() const {
                 "(baseline_id, datastore_rowid);"};
 }
 
+std::vector<std::string> Dialect::schema_object_names() const {
+    return {table_name,
+            table_baseline,
+            table_view,
+            "provider_datastore_latest",
+            "provider_datastore_failed",
+            "provider_datastore_run",
+            "baseline_datastore_id"};
+}
+
 std::string Dialect::latest_rows_sql(const std::string& condition) const {
     // The same rows as "SELECT *, MAX(unique_timestamp) ... GROUP BY OptionID,
     // Hostname, Provider", found in two steps. That text reads the index on

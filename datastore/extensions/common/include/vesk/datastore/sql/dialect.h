@@ -15,6 +15,9 @@ public:
     // The create statements, one per element: provider table, baseline
     // table, view, then the indexes the queries use. Each is idempotent.
     virtual std::vector<std::string> create_statements() const;
+    // The names of the objects create_statements() makes, in its order; an
+    // open that finds them all runs no create statement.
+    virtual std::vector<std::string> schema_object_names() const;
     // The latest row per (OptionID, Hostname, Provider). `condition` is the
     // WHERE condition built from the provider and host lists.
     virtual std::string latest_rows_sql(const std::string& condition) const;
