@@ -806,17 +806,30 @@ bool OdbcConnection::rollback_keeping_error() {
     return done;
 }
 
+bool OdbcConnection::execute_direct(const std::string& sql) {
+    Handles& h = *handles_;
+    SQLHANDLE raw = nullptr;
+    if (!ok(SQLAllocHandle(SQL_HANDLE_STMT, h.dbc.get(), &raw))) {
+        h.fail("SQLAllocHandle(STMT)", SQL_HANDLE_DBC, h.dbc.get());
+        return false;
+    }
+    const std::unique_ptr<void, StmtFree> stmt(raw);
+    const SQLRETURN rc =
+        SQLExecDirect(raw, reinterpret_cast<SQLCHAR*>(const_cast<char*>(sql.c_str())),
+                      static_cast<SQLINTEGER>(sql.size()));
+    if (ok(rc) || rc == SQL_NO_DATA) return true;
+    h.fail("SQLExecDirect", SQL_HANDLE_STMT, raw);
+    return false;
+}
+
 bool OdbcConnection::execute_keeping_error(const std::string& sql) {
     Handles& h = *handles_;
     sql::Error error = h.error;
     std::vector<Diagnostic> diagnostics = h.diagnostics;
-    std::unique_ptr<sql::Statement> statement = prepare(sql);
-    sql::StepResult r = statement ? statement->step() : sql::StepResult::error;
-    while (r == sql::StepResult::row) r = statement->step();
-    statement.reset();
+    const bool done = execute_direct(sql);
     h.error = std::move(error);
     h.diagnostics = std::move(diagnostics);
-    return r == sql::StepResult::done;
+    return done;
 }
 
 bool OdbcConnection::in_transaction() const { return handles_->in_transaction; }

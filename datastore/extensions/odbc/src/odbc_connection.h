@@ -67,7 +67,10 @@ public:
     // Rolls back like rollback() but leaves last_error() and the diagnostics
     // of the failure before it as they were.
     bool rollback_keeping_error();
-    // Runs `sql` to its end and leaves last_error() as it was; false on failure.
+    // Runs `sql`, which returns no rows, in one round trip: no prepared
+    // statement is left on the server to be released. False on failure.
+    bool execute_direct(const std::string& sql);
+    // Like execute_direct, but leaves last_error() as it was.
     bool execute_keeping_error(const std::string& sql);
     // True while a transaction is open (between begin and commit or rollback).
     bool in_transaction() const;

@@ -203,7 +203,7 @@ protected:
         // statement of a transaction inside a savepoint, whose end would
         // undo a switch made within the transaction.
         if (postgres_ && !parameters_.read_only) {
-            if (!run(kSessionReadOnly)) {
+            if (!c.execute_direct(kSessionReadOnly)) {
                 VESK_ODBC_LOG(kErrorLevel)
                     << where() << "cannot make a select read-only: " << describe(c.last_error());
                 return nullptr;
@@ -317,7 +317,8 @@ private:
         }
         postgres_ = connection_->dbms_name() == "PostgreSQL";
         connection_->set_require_utf8(postgres_);
-        if (postgres_ && parameters_.read_only && !run(pg::read_only_session_sql)) {
+        if (postgres_ && parameters_.read_only &&
+            !connection_->execute_direct(pg::read_only_session_sql)) {
             error = "cannot make the session read-only: " + connection_->last_error().message;
             connection_.reset();
             return false;
