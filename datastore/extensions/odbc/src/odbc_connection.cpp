@@ -307,9 +307,8 @@ private:
         int64_t integer_value = 0;
         double real_value = 0;
         std::string text;
-        // Where SQLFetch puts the value of a bound column.
-        SQLBIGINT bound_integer = 0;
-        double bound_real = 0;
+        // Where SQLFetch puts a bound text (integers and doubles go to their
+        // values above), and the length or NULL of a bound column.
         std::vector<char> bound_text;
         SQLLEN indicator = 0;
     };
@@ -488,17 +487,18 @@ private:
     // Binds every result column to its cell; row_ is not resized until the
     // next describe_columns, which unbinds first.
     bool bind_columns() {
+        static_assert(sizeof(int64_t) == sizeof(SQLBIGINT), "integers are bound as SQLBIGINT");
         for (std::size_t i = 0; i < row_.size(); ++i) {
             Cell& c = row_[i];
             const auto number = static_cast<SQLUSMALLINT>(i + 1);
             SQLRETURN rc;
             switch (columns_[i].kind) {
                 case sql::ColumnType::integer:
-                    rc = SQLBindCol(stmt_.get(), number, SQL_C_SBIGINT, &c.bound_integer, 0,
+                    rc = SQLBindCol(stmt_.get(), number, SQL_C_SBIGINT, &c.integer_value, 0,
                                     &c.indicator);
                     break;
                 case sql::ColumnType::real:
-                    rc = SQLBindCol(stmt_.get(), number, SQL_C_DOUBLE, &c.bound_real, 0,
+                    rc = SQLBindCol(stmt_.get(), number, SQL_C_DOUBLE, &c.real_value, 0,
                                     &c.indicator);
                     break;
                 default:
@@ -563,16 +563,7 @@ private:
             return true;
         }
         c.type = kind;
-        switch (kind) {
-            case sql::ColumnType::integer:
-                c.integer_value = c.bound_integer;
-                return true;
-            case sql::ColumnType::real:
-                c.real_value = c.bound_real;
-                return true;
-            default:
-                break;
-        }
+        if (kind != sql::ColumnType::text) return true;  // already in its value
         if (c.indicator >= 0 && static_cast<std::size_t>(c.indicator) < c.bound_text.size()) {
             c.text.assign(c.bound_text.data(), static_cast<std::size_t>(c.indicator));
             return true;

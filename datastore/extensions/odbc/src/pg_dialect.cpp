@@ -117,24 +117,24 @@ bool run(sql::Connection& connection, const std::string& sql, std::string& error
     return false;
 }
 
-// The number of the schema's objects that the current schema holds,
-// -1 when the question fails. The catalog is read without locking anything:
+// Whether the current schema holds every object of the schema; false when
+// the question fails too. The catalog is read without locking anything:
 // CREATE INDEX IF NOT EXISTS would take a share lock on the table even when
 // the index exists, and CREATE OR REPLACE VIEW an exclusive lock on the view,
 // so every open would wait for the writers and readers of the moment.
-int64_t schema_objects_present(sql::Connection& connection) {
+bool schema_complete(sql::Connection& connection) {
+    static const std::vector<std::string> names = PgDialect().schema_object_names();
     static const std::string sql = [] {
-        std::string names;
-        for (const std::string& name : PgDialect().schema_object_names())
-            names += (names.empty() ? "'" : ", '") + name + "'";
+        std::string list;
+        for (const std::string& name : names) list += (list.empty() ? "'" : ", '") + name + "'";
         return "SELECT count(*) FROM pg_catalog.pg_class WHERE relnamespace = (SELECT oid FROM "
                "pg_catalog.pg_namespace WHERE nspname = current_schema()) AND relname IN (" +
-               names + ");";
+               list + ");";
     }();
     std::unique_ptr<sql::Statement> statement = connection.prepare(sql);
-    if (!statement || statement->step() != sql::StepResult::row) return -1;
-    const int64_t count = statement->column_int64(0);
-    return statement->step() == sql::StepResult::done ? count : -1;
+    if (!statement || statement->step() != sql::StepResult::row) return false;
+    const bool complete = statement->column_int64(0) == static_cast<int64_t>(names.size());
+    return statement->step() == sql::StepResult::done && complete;
 }
 
 }  // namespace
@@ -142,9 +142,7 @@ int64_t schema_objects_present(sql::Connection& connection) {
 bool create_schema(sql::Connection& connection, std::string& error) {
     // Nearly every open finds the schema complete; only a new or incomplete
     // one is (re)created, under the lock.
-    if (schema_objects_present(connection) ==
-        static_cast<int64_t>(PgDialect().schema_object_names().size()))
-        return true;
+    if (schema_complete(connection)) return true;
     if (!connection.begin()) {
         error = "cannot begin the schema transaction: " + connection.last_error().message;
         return false;

@@ -358,7 +358,7 @@ private:
     bool use_wal();
     bool set_checkpoint_size();
     bool create_schema();
-    int count_schema_objects(int64_t& count);
+    int schema_complete(bool& complete);
     void release();
 
     // Runs `attempt` (which answers an SQLite code) again while it answers
@@ -647,11 +647,11 @@ bool SqliteExtension::use_wal() {
     return fail_open("cannot switch to WAL: " + reason(rc));
 }
 
-// How many of the schema's objects the file holds. A read like any other,
+// Whether the file holds every object of the schema. A read like any other,
 // which in WAL mode waits for no writer.
-int SqliteExtension::count_schema_objects(int64_t& count) {
-    std::string sql = "SELECT count(*) FROM sqlite_master WHERE name IN (";
+int SqliteExtension::schema_complete(bool& complete) {
     const std::vector<std::string> names = dialect_.schema_object_names();
+    std::string sql = "SELECT count(*) FROM sqlite_master WHERE name IN (";
     for (size_t i = 0; i < names.size(); ++i) sql += (i ? ", '" : "'") + names[i] + "'";
     sql += ");";
     sqlite3_stmt* raw = nullptr;
@@ -660,17 +660,15 @@ int SqliteExtension::count_schema_objects(int64_t& count) {
     if (code != SQLITE_OK) return code;
     code = sqlite3_step(statement.get());
     if (code != SQLITE_ROW) return code;
-    count = sqlite3_column_int64(statement.get(), 0);
+    complete = sqlite3_column_int64(statement.get(), 0) == static_cast<int64_t>(names.size());
     return SQLITE_OK;
 }
 
 bool SqliteExtension::create_schema() {
     // Nearly every open finds the schema complete and so takes no write
     // lock: it would wait for any writer of the moment, readers included.
-    int64_t present = -1;
-    if (retry_busy([&] { return count_schema_objects(present); }) == SQLITE_OK &&
-        present == static_cast<int64_t>(dialect_.schema_object_names().size()))
-        return true;
+    bool complete = false;
+    if (retry_busy([&] { return schema_complete(complete); }) == SQLITE_OK && complete) return true;
     std::string statements;
     for (const std::string& sql : dialect_.create_statements()) statements += sql;
     const int rc = retry_busy([&] {
