@@ -73,6 +73,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     VESK_FUZZ_CHECK(vesk::tool::row_to_line(raw) ==
                     vesk::tool::row_to_json(raw).dump(-1, ' ', false,
                                                       vesk::tool::Json::error_handler_t::replace));
+    vesk::tool::Json pretty = vesk::tool::row_to_json(raw);
+    pretty["datastore"] = line;
+    VESK_FUZZ_CHECK(vesk::tool::row_to_pretty_json(raw, {{"datastore", &line, false}}, 0) ==
+                    pretty.dump(2, ' ', false, vesk::tool::Json::error_handler_t::replace));
 
     static JsonLineReader reused;  // keeps the buffers of every earlier input
     JsonLineReader fresh;

@@ -276,10 +276,29 @@ TEST(JsonLines, WritesWhatNlohmannWrites) {
             EXPECT_EQ(row_to_line(row),
                       row_to_json(row).dump(-1, ' ', false, Json::error_handler_t::replace))
                 << text << " " << duration;
+            // `rows --format json`: pretty, with members after the columns,
+            // one level inside an array.
+            Json j = row_to_json(row);
+            j["datastore"] = text;
+            j["stale"] = i % 2 == 0;
+            j["stdout_text"] = text + "\x80";
+            std::string expected = j.dump(2, ' ', false, Json::error_handler_t::replace);
+            for (size_t at = expected.find('\n'); at != std::string::npos;
+                 at = expected.find('\n', at + 3))
+                expected.replace(at, 1, "\n  ");
+            const std::string out = text + "\x80";
+            EXPECT_EQ(row_to_pretty_json(row,
+                                         {{"datastore", &text, false},
+                                          {"stale", nullptr, i % 2 == 0},
+                                          {"stdout_text", &out, false}},
+                                         1),
+                      expected)
+                << text << " " << duration;
         }
     }
     vesk::datastore::Row empty;
     EXPECT_NE(row_to_line(empty).find(R"("node_names":[],)"), std::string::npos);
+    EXPECT_EQ(row_to_pretty_json(empty, {}, 0), row_to_json(empty).dump(2));
 }
 
 ProviderCommand shell(const std::string& name, const std::string& command, double timeout = 10) {

@@ -27,6 +27,7 @@
 #include "collect.h"
 #include "errors.h"
 #include "filter.h"
+#include "jsonl.h"
 #include "session.h"
 #include "validate.h"
 
@@ -394,21 +395,24 @@ int print_rows(const GlobalOptions& global, const RowSource& source, bool show_o
     if (global.format == Format::json) {
         // One array, written element by element.
         source([&](const RowPart& part) {
+            std::vector<JsonExtra> members;
+            std::string origin, out_text, err_text;
             for (size_t i = 0; i < part.rows.size(); ++i) {
                 const Row& row = part.rows[i];
-                Json j = row_to_json(row);
-                if (extra.datastore) j["datastore"] = origin_of(part, i);
-                if (extra.stale) j["stale"] = stale_of(part, i);
-                if (show_output) {
-                    j["stdout_text"] = decode_output(row.STDOUT, row.Encoding);
-                    j["stderr_text"] = decode_output(row.STDERR, row.Encoding);
+                members.clear();
+                if (extra.datastore) {
+                    origin = origin_of(part, i);
+                    members.push_back({"datastore", &origin, false});
                 }
-                std::string text = j.dump(2, ' ', false, Json::error_handler_t::replace);
+                if (extra.stale) members.push_back({"stale", nullptr, stale_of(part, i)});
+                if (show_output) {
+                    out_text = decode_output(row.STDOUT, row.Encoding);
+                    err_text = decode_output(row.STDERR, row.Encoding);
+                    members.push_back({"stdout_text", &out_text, false});
+                    members.push_back({"stderr_text", &err_text, false});
+                }
                 // Indented one level inside the array.
-                for (size_t at = text.find('\n'); at != std::string::npos;
-                     at = text.find('\n', at + 3))
-                    text.replace(at, 1, "\n  ");
-                std::cout << (count++ ? ",\n  " : "[\n  ") << text;
+                std::cout << (count++ ? ",\n  " : "[\n  ") << row_to_pretty_json(row, members, 1);
             }
             check_stdout();
         });

@@ -471,19 +471,63 @@ void append_string(std::string& out, const std::string& text) {
     out += '"';
 }
 
-}  // namespace
+// Writes one object as nlohmann-json's dump(indent) writes it: on one line
+// when `indent` is negative, otherwise a member a line, `indent` spaces a
+// level, the object nested `depth` levels deep.
+class ObjectWriter {
+public:
+    ObjectWriter(std::string& out, int indent, int depth)
+        : out_(out), indent_(indent), depth_(depth) {}
 
-std::string row_to_line(const vesk::datastore::Row& row) {
+    void key(const char* name) {  // plain ASCII: nothing to escape
+        out_ += empty_ ? '{' : ',';
+        empty_ = false;
+        line(depth_ + 1);
+        out_ += '"';
+        out_ += name;
+        out_ += indent_ < 0 ? "\":" : "\": ";
+    }
+    void texts(const std::vector<std::string>& list) {
+        if (list.empty()) {
+            out_ += "[]";
+            return;
+        }
+        char open = '[';
+        for (const auto& text : list) {
+            out_ += open;
+            open = ',';
+            line(depth_ + 2);
+            append_string(out_, text);
+        }
+        line(depth_ + 1);
+        out_ += ']';
+    }
+    void close() {
+        if (empty_) {
+            out_ += "{}";
+            return;
+        }
+        line(depth_);
+        out_ += '}';
+    }
+
+private:
+    void line(int level) {
+        if (indent_ < 0) return;
+        out_ += '\n';
+        out_.append(size_t(indent_) * size_t(level), ' ');
+    }
+
+    std::string& out_;
+    const int indent_;
+    const int depth_;
+    bool empty_ = true;
+};
+
+void write_row(ObjectWriter& object, std::string& out, const vesk::datastore::Row& row) {
     using vesk::datastore::FieldKind;
-    std::string out;
-    out.reserve(256 + row.STDOUT.size() + row.STDERR.size());
-    char sep = '{';
     for (const auto& field : vesk::datastore::kRowFields) {
-        out += sep;
-        sep = ',';
-        out += '"';
-        out += field.name;  // plain ASCII: nothing to escape
-        out += "\":";
+        object.key(field.name);
         switch (field.kind) {
             case FieldKind::int32:
                 out += std::to_string(row.*field.int32);
@@ -498,19 +542,38 @@ std::string row_to_line(const vesk::datastore::Row& row) {
             case FieldKind::text:
                 append_string(out, row.*field.text);
                 break;
-            case FieldKind::node_list: {
-                char open = '[';
-                for (const auto& name : row.*field.list) {
-                    out += open;
-                    open = ',';
-                    append_string(out, name);
-                }
-                out += open == '[' ? "[]" : "]";
+            case FieldKind::node_list:
+                object.texts(row.*field.list);
                 break;
-            }
         }
     }
-    out += '}';
+}
+
+}  // namespace
+
+std::string row_to_line(const vesk::datastore::Row& row) {
+    std::string out;
+    out.reserve(256 + row.STDOUT.size() + row.STDERR.size());
+    ObjectWriter object(out, -1, 0);
+    write_row(object, out, row);
+    object.close();
+    return out;
+}
+
+std::string row_to_pretty_json(const vesk::datastore::Row& row, const std::vector<JsonExtra>& extra,
+                               int depth) {
+    std::string out;
+    out.reserve(512 + row.STDOUT.size() + row.STDERR.size());
+    ObjectWriter object(out, 2, depth);
+    write_row(object, out, row);
+    for (const JsonExtra& member : extra) {
+        object.key(member.name);
+        if (member.text)
+            append_string(out, *member.text);
+        else
+            out += member.flag ? "true" : "false";
+    }
+    object.close();
     return out;
 }
 

@@ -6,6 +6,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "vesk/datastore/records.h"
 
@@ -51,5 +52,18 @@ bool parse_row_line(const std::string& line, int64_t default_run,
 
 // One row as one line of JSON, without the line break.
 std::string row_to_line(const vesk::datastore::Row& row);
+
+// A member written after a row's columns: a text, or a flag when `text` is
+// null.
+struct JsonExtra {
+    const char* name;  // plain ASCII
+    const std::string* text;
+    bool flag;
+};
+
+// One row and its `extra` members laid out as nlohmann-json's dump(2) lays
+// out an object nested `depth` levels deep (its first line not indented).
+std::string row_to_pretty_json(const vesk::datastore::Row& row, const std::vector<JsonExtra>& extra,
+                               int depth);
 
 }  // namespace vesk::tool

@@ -225,6 +225,13 @@ size_t display_width(const std::string& text) {
     const char* p = text.data();
     const char* const end = p + text.size();
     while (p < end) {
+        // A byte below 0x80 is one column in every locale: a printable
+        // character, or a control byte counted as one.
+        if (static_cast<unsigned char>(*p) < 0x80) {
+            ++width;
+            ++p;
+            continue;
+        }
         wchar_t wc = 0;
         const size_t len = std::mbrtowc(&wc, p, size_t(end - p), &state);
         if (len == size_t(-1) || len == size_t(-2) || len == 0) {
