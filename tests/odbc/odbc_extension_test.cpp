@@ -299,6 +299,31 @@ TEST_F(OdbcExtensionTest, CallerStatementsCannotWriteAndReadOnlyHoldsAtTheServer
             EXPECT_NE(log.find("25006"), std::string::npos) << log;
             EXPECT_TRUE(rows.empty());
         }
+        // A second statement could end the read-only transaction and write
+        // in the next one: refused before anything is sent.
+        for (const std::string& text :
+             {"SELECT set_config('default_transaction_read_only', 'off', false) AS Provider; "
+              "COMMIT; DELETE FROM " +
+                  vd::table_name + " RETURNING *;",
+              "SELECT 'a'';'; END; DELETE FROM " + vd::table_name + " RETURNING *",
+              "SELECT $$'$$; COMMIT; DELETE FROM " + vd::table_name + "; SELECT '$$'"}) {
+            std::vector<vd::Row> rows;
+            testing::internal::CaptureStderr();
+            EXPECT_EQ(select(*i, rows, text), kFailed) << text;
+            const std::string log = testing::internal::GetCapturedStderr();
+            EXPECT_NE(log.find("more than one statement"), std::string::npos) << log;
+        }
+        // One statement that ends the transaction, or changes the session's
+        // default, changes nothing past its own select.
+        std::vector<vd::Row> none;
+        EXPECT_EQ(select(*i, none, "COMMIT"), kOk);
+        EXPECT_EQ(select(*i, none,
+                         "SELECT set_config('default_transaction_read_only', 'off', false) AS "
+                         "Provider;"),
+                  kOk);
+        testing::internal::CaptureStderr();
+        EXPECT_EQ(select(*i, none, "DELETE FROM " + vd::table_name + " RETURNING *;"), kFailed);
+        EXPECT_NE(testing::internal::GetCapturedStderr().find("25006"), std::string::npos);
         EXPECT_EQ(stored_rows(source).total, 1u);
         // The session is read-only while a select runs (the reader's for good).
         std::vector<vd::Row> setting;

@@ -2,6 +2,7 @@
 #include "odbc_parameters.h"
 
 #include <algorithm>
+#include <cctype>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -80,6 +81,33 @@ TEST(OdbcParameters, RefusesMalformedStringsNamingTheCulprit) {
         EXPECT_FALSE(parse_odbc_parameters(c.text, p, error));
         EXPECT_NE(error.find(c.named), std::string::npos) << error;
     }
+}
+
+TEST(TextCheck, ACallersSelectIsOneStatementOrRefused) {
+    // Accepted, without trailing blanks and semicolons.
+    for (const char* text :
+         {"SELECT 1", "SELECT 1; \n;;", "SELECT * FROM t WHERE a = 'x;y'", "SELECT 'it''s; ok'",
+          "SELECT \"a;b\" FROM t", "SELECT 'a\"; b' AS \"c'd\"", "SELECT $1 -- no semicolon"}) {
+        std::string body = text;
+        while (body.back() == ';' || std::isspace(static_cast<unsigned char>(body.back())))
+            body.pop_back();
+        EXPECT_EQ(single_statement(text), body) << text;
+    }
+    // Refused: a ";" that ends a statement, or one that dollar quotes,
+    // backslash escapes, comments, brackets or backticks might hide.
+    for (const char* text : {
+             "SELECT 1; DELETE FROM t",
+             "SELECT 1; COMMIT;",
+             "SELECT 'it''s'; DELETE FROM t",
+             "SELECT '\"'; DELETE FROM t; SELECT '\"'",
+             "SELECT \"'\"; DELETE FROM t; SELECT \"'\"",
+             "SELECT $$'$$; DELETE FROM t; SELECT '$$'",
+             "SELECT E'\\'; DELETE FROM t; --'",
+             "SELECT 1 /* ; */",
+             "SELECT [x']; DELETE FROM t; SELECT ['y]",
+             "SELECT `a;b`",
+         })
+        EXPECT_FALSE(single_statement(text).has_value()) << text;
 }
 
 TEST(TextCheck, AcceptsValidUtf8AndFindsTheFirstFault) {

@@ -31,6 +31,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -197,6 +198,15 @@ protected:
         // driver wraps its cursor in a transaction of its own and ends it
         // with the cursor's close, without the guard's round trips below.
         if (own_text()) return prepare_logged(sql);
+        // A second statement could end the read-only transaction below
+        // (COMMIT) and write in the next, or make the session writable.
+        const std::optional<std::string> statement = single_statement(sql);
+        if (!statement) {
+            VESK_ODBC_LOG(kErrorLevel)
+                << where()
+                << "refused statement: more than one statement (a \";\" outside quotes): " << sql;
+            return nullptr;
+        }
         // On PostgreSQL a caller's transaction is read-only from its start:
         // the session's default is switched around it (a read-only
         // datastore's session is read-only for good). The driver runs each
@@ -216,7 +226,7 @@ protected:
                 << "cannot start the transaction of a select: " << describe(c.last_error());
             return nullptr;
         }
-        return prepare_logged(sql);
+        return prepare_logged(*statement);
     }
 
     std::unique_ptr<sql::Statement> prepare_logged(const std::string& sql) {

@@ -1,5 +1,6 @@
 #include "text_check.h"
 
+#include <cctype>
 #include <cstdint>
 #include <cstring>
 
@@ -57,11 +58,32 @@ std::optional<std::string> text_problem(std::string_view text) {
     return std::nullopt;
 }
 
-std::string refused_text_message(std::size_t row, const std::string& field,
-                                 const std::string& problem) {
-    return "row " + std::to_string(row) + ", field " + field + ": the text " + problem +
-           ", which a PostgreSQL text column cannot store; nothing was written. Store such "
-           "output base64-encoded (and set the row's Encoding accordingly)";
+std::optional<std::string> single_statement(const std::string& sql) {
+    std::size_t end = sql.size();
+    while (end > 0 &&
+           (sql[end - 1] == ';' || std::isspace(static_cast<unsigned char>(sql[end - 1]))))
+        --end;
+    std::string body = sql.substr(0, end);
+    if (body.find(';') == std::string::npos) return body;
+    // Dollar quotes, comments, backslash escapes (whose meaning depends on a
+    // server setting), brackets and backticks change what is quoted: with
+    // any of them, a ";" is taken for a separator wherever it stands.
+    if (body.find_first_of("$\\[`") != std::string::npos || body.find("--") != std::string::npos ||
+        body.find("/*") != std::string::npos)
+        return std::nullopt;
+    // Otherwise a text in '...' or a name in "..." (each doubling its quote
+    // inside) is the only place where ";" does not end a statement.
+    char quote = 0;
+    for (const char c : body) {
+        if (quote != 0) {
+            if (c == quote) quote = 0;  // a doubled quote reopens at once
+        } else if (c == '\'' || c == '"') {
+            quote = c;
+        } else if (c == ';') {
+            return std::nullopt;
+        }
+    }
+    return body;
 }
 
 }  // namespace vesk::datastore::odbc_backend

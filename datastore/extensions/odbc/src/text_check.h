@@ -1,9 +1,11 @@
 #pragma once
-// Checks of text values before they are sent to a server.
+// Checks of texts before they are sent to a server.
 //
 // PostgreSQL text holds neither a NUL byte nor invalid UTF-8, and the ODBC
 // driver passes a value with a NUL cut short while answering success. Such
-// values are refused before anything is sent.
+// values are refused before anything is sent. A caller's select is refused
+// when it may hold a second statement, which could end the read-only
+// transaction that guards it.
 
 #include <cstddef>
 #include <optional>
@@ -17,9 +19,10 @@ namespace vesk::datastore::odbc_backend {
 // wrong and at which byte offset.
 std::optional<std::string> text_problem(std::string_view text);
 
-// The message for a refused value: names the row (1-based position in the
-// call) and the field, and suggests base64 encoding.
-std::string refused_text_message(std::size_t row, const std::string& field,
-                                 const std::string& problem);
+// A caller's statement without its trailing blanks and semicolons, or
+// nothing when the text may hold more than one statement: a ";" outside
+// quotes, or anywhere when the text also holds what could hide it from this
+// scan (dollar quotes, comments, backslashes, brackets, backticks).
+std::optional<std::string> single_statement(const std::string& sql);
 
 }  // namespace vesk::datastore::odbc_backend
