@@ -353,6 +353,26 @@ TEST_F(OdbcExtensionTest, CallerStatementsCannotWriteAndReadOnlyHoldsAtTheServer
     EXPECT_EQ(rows[2].rowid, rows[1].rowid + 1);
 }
 
+TEST_F(OdbcExtensionTest, NamesEndingInABackslashStayPlainWhateverTheDatabaseSays) {
+    // With backslash escapes in literals, 'x\' would run on into the next
+    // name, and the rest of that name would be SQL.
+    exec(*connection, "ALTER DATABASE vesk_extension SET standard_conforming_strings = off;");
+    auto i = open_instance();
+    ASSERT_TRUE(i);
+    ASSERT_EQ(insert(i, row("p", 1)), kOk);
+    ASSERT_EQ(insert(i, row("x\\", 2)), kOk);
+    vd::SQLParameters all{"", "", vd::row_field_index};
+    for (const uint16_t op :
+         {vd::OP_LATEST_ROWS_PROVIDER, vd::OP_LATEST_COLLECT_ROWS, vd::OP_SELECT_PROVIDER}) {
+        std::vector<vd::Row> rows;
+        vd::ReadParameters request{
+            {"x\\", ") OR 1=1 --"}, {}, {}, op == vd::OP_SELECT_PROVIDER ? &all : nullptr};
+        ASSERT_EQ(i->control(op, &request, &rows, nullptr), kOk) << op;
+        ASSERT_EQ(rows.size(), 1u) << op;
+        EXPECT_EQ(rows[0].Provider, "x\\") << op;
+    }
+}
+
 TEST_F(OdbcExtensionTest, LostConnectionFailsTheWriteThenTheNextCallReopens) {
     auto i = open_instance();
     ASSERT_TRUE(i);

@@ -327,6 +327,15 @@ private:
         }
         postgres_ = connection_->dbms_name() == "PostgreSQL";
         connection_->set_require_utf8(postgres_);
+        // Names go into the kit's texts as '...' literals. Were backslashes
+        // escapes there (a server or database may turn that on), a name
+        // ending in one would open the next literal to SQL of its own.
+        if (postgres_ && !connection_->execute_direct(pg::literal_session_sql)) {
+            error =
+                "cannot make backslashes plain in literals: " + connection_->last_error().message;
+            connection_.reset();
+            return false;
+        }
         if (postgres_ && parameters_.read_only &&
             !connection_->execute_direct(pg::read_only_session_sql)) {
             error = "cannot make the session read-only: " + connection_->last_error().message;

@@ -105,6 +105,8 @@ const std::vector<std::string>& resync_rowid_statements() {
 
 const char* const read_only_session_sql = "SET SESSION CHARACTERISTICS AS TRANSACTION READ ONLY;";
 
+const char* const literal_session_sql = "SET standard_conforming_strings = on;";
+
 namespace {
 
 // Runs `sql` to its end; false with `error` set on failure.

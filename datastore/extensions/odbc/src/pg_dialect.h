@@ -56,6 +56,10 @@ const std::vector<std::string>& resync_rowid_statements();
 // Makes every later transaction of the session read-only at the server.
 extern const char* const read_only_session_sql;
 
+// Makes backslashes plain characters in '...' literals for the session,
+// whatever the server's or the database's setting.
+extern const char* const literal_session_sql;
+
 // The advisory lock key that serialises schema creation between processes.
 constexpr int64_t schema_lock_key = 0x7665736b5f736368;  // "vesk_sch"
 
