@@ -383,7 +383,10 @@ TEST_P(BackendConformance, NamesWithQuotesAreRefusedBeforeAnySqlRuns) {
     EXPECT_FALSE(latest(vd::OP_LATEST_ROWS_PROVIDER, {"p"}, {quoted}, rows));
     EXPECT_FALSE(latest(vd::OP_LATEST_COLLECT_ROWS, {quoted}, {}, rows));
     EXPECT_TRUE(rows.empty());
-    EXPECT_FALSE(record_snapshot({{quoted, {{all_rows().at(0).rowid, "p", nullptr}}}}));
+    // Snapshot ids too, and ids that readers (which strip blanks) would miss.
+    for (const std::string& id :
+         {quoted, std::string(" s1"), std::string("s1\t"), std::string(" "), std::string()})
+        EXPECT_FALSE(record_snapshot({{id, {{all_rows().at(0).rowid, "p", nullptr}}}})) << id;
     vd::ReadParameters snapshot{{quoted}, {"p"}, {}, nullptr};
     std::map<std::string, std::vector<vd::Row_baseline>> baselines;
     std::map<std::string, std::vector<vd::Row>> found;

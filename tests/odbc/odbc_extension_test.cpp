@@ -276,6 +276,29 @@ TEST_F(OdbcExtensionTest, TextThePostgreSqlServerCannotHoldIsRefusedNamingRowAnd
     }
 }
 
+TEST_F(OdbcExtensionTest, ANulIsRefusedOnOtherServersWhereverItStands) {
+    // The SQLite ODBC driver takes bytes that are not UTF-8, and would cut a
+    // value at its NUL.
+    const std::string driver = "/usr/lib/x86_64-linux-gnu/odbc/libsqlite3odbc.so";
+    TempDir dir;
+    Instance i = make();
+    ASSERT_EQ(i->open("source=DRIVER=" + driver + ";Database=" + dir.file("vesk.db") + ";"), kOk);
+    vd::InsertRecord late = row("p", 1);
+    late.std_out = std::string("\xff\0x", 3);
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(bulk(i, {row("p", 2), late}), kFailed);
+    const std::string log = testing::internal::GetCapturedStderr();
+    EXPECT_NE(log.find("row 1: field STDOUT: the text contains a NUL byte at offset 1"),
+              std::string::npos)
+        << log;
+    late.std_out = "\xff";
+    EXPECT_EQ(bulk(i, {row("p", 2), late}), kOk);
+    std::vector<vd::Row> rows;
+    ASSERT_EQ(select(i, rows, "SELECT * FROM " + vd::table_name + " ORDER BY rowid;"), kOk);
+    ASSERT_EQ(rows.size(), 2u);
+    EXPECT_EQ(rows[1].STDOUT, "\xff");
+}
+
 TEST_F(OdbcExtensionTest, CallerStatementsCannotWriteAndReadOnlyHoldsAtTheServer) {
     auto writer = open_instance();
     ASSERT_TRUE(writer);
@@ -351,6 +374,28 @@ TEST_F(OdbcExtensionTest, CallerStatementsCannotWriteAndReadOnlyHoldsAtTheServer
     ASSERT_EQ(rows.size(), 3u);
     EXPECT_EQ(rows[1].rowid, rows[0].rowid + 1);
     EXPECT_EQ(rows[2].rowid, rows[1].rowid + 1);
+}
+
+TEST_F(OdbcExtensionTest, ACommitTheServerRefusesIsReportedWithTheServersReason) {
+    auto i = open_instance();
+    ASSERT_TRUE(i);
+    auto c = connect(source);
+    ASSERT_TRUE(c);
+    // A deferred check runs at the commit, after every statement succeeded.
+    exec(*c,
+         "CREATE FUNCTION refuse_h7() RETURNS trigger LANGUAGE plpgsql AS $$ BEGIN IF "
+         "NEW.Hostname = 'h7' THEN RAISE EXCEPTION 'h7 refused at commit'; END IF; RETURN NULL; "
+         "END $$;");
+    exec(*c, "CREATE CONSTRAINT TRIGGER refuse_h7 AFTER INSERT ON " + vd::table_name +
+                 " DEFERRABLE INITIALLY DEFERRED FOR EACH ROW EXECUTE FUNCTION refuse_h7();");
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(bulk(i, {row("p", 1), row("p", 7)}), kFailed);
+    const std::string log = testing::internal::GetCapturedStderr();
+    EXPECT_NE(log.find("h7 refused at commit"), std::string::npos) << log;
+    EXPECT_EQ(log.find("no transaction is open"), std::string::npos) << log;
+    EXPECT_EQ(stored_rows(source).total, 0u);
+    EXPECT_EQ(bulk(i, {row("p", 1), row("p", 2)}), kOk);
+    EXPECT_EQ(stored_rows(source).total, 2u);
 }
 
 TEST_F(OdbcExtensionTest, NamesEndingInABackslashStayPlainWhateverTheDatabaseSays) {

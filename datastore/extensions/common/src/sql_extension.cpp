@@ -11,7 +11,6 @@
 #include "vesk/datastore/sql/checks.h"
 #include "vesk/datastore/vocabulary.h"
 #include "vesk/log.h"
-#include "vesk/str.h"
 
 namespace vesk::datastore::sql {
 namespace {
@@ -199,7 +198,15 @@ SqlExtension::Outcome SqlExtension::transaction(const std::function<Outcome()>& 
     return attempt([&] {
         Connection& c = *connection();
         if (!c.begin()) return Outcome::failed;
-        Outcome outcome = body();
+        Outcome outcome = Outcome::failed;
+        try {
+            outcome = body();
+        } catch (...) {
+            // Out of memory while building a statement: an open transaction
+            // would take in the next calls' writes and never commit them.
+            (void)c.rollback();
+            throw;
+        }
         if (outcome == Outcome::ok) {
             if (c.commit()) return Outcome::ok;
             outcome = Outcome::failed;
@@ -402,9 +409,11 @@ Probe probe(Statement& stmt) {
 bool SqlExtension::update_snapshot(const std::map<std::string, ProviderInfoSet>& snapshots) {
     if (!writable("snapshot update")) return false;
     for (const auto& [id, entries] : snapshots) {
-        if (vesk::str::stripws(id).empty() || !names_safe({id}, "snapshot")) {
+        // An id that the readers, which strip blanks, could not find as
+        // written is refused like a provider or host name.
+        if (const std::string why = checks::name_problem(id); !why.empty()) {
             VESK_SQL_LOG(kErrorLevel)
-                << where() << "refused snapshot update: bad id \"" << id << "\"";
+                << where() << "refused snapshot update: id \"" << id << "\" " << why;
             return false;
         }
     }
@@ -618,7 +627,13 @@ bool SqlExtension::run_select(const std::string& sql, std::vector<Record>& out,
             ended = true;
             return stopped;
         }
-        ~Guard() { end(); }
+        ~Guard() {
+            try {
+                end();
+            } catch (...) {
+                // Out of memory while ending: the select has failed already.
+            }
+        }
     };
     Outcome done = Outcome::failed;
     bool too_big = false;

@@ -784,6 +784,9 @@ bool OdbcConnection::commit() {
 }
 
 bool OdbcConnection::rollback() {
+    // A commit that failed has ended its transaction already: nothing is
+    // left to roll back, and the commit's failure stays the one reported.
+    if (!handles_->in_transaction) return true;
     return end_transaction(*handles_, SQL_ROLLBACK, "SQLEndTran(ROLLBACK)");
 }
 

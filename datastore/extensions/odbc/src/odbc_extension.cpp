@@ -60,14 +60,28 @@ constexpr size_t kPgMaxRowBytes = (size_t{1} << 30) - (size_t{1} << 20);
 
 #define VESK_ODBC_LOG(level) vesk::log::ErrorLog(__FILE__, __func__, __LINE__, level).stream()
 
+// True when an item of the connection string `conn` has the key `key`
+// (lower case; keys are compared without regard to case or blanks).
+bool sets_key(const std::string& conn, const std::string& key) {
+    for (size_t start = 0; start < conn.size();) {
+        size_t end = conn.find(';', start);
+        if (end == std::string::npos) end = conn.size();
+        std::string name;
+        for (size_t k = start; k < end && conn[k] != '='; ++k)
+            if (!std::isspace(static_cast<unsigned char>(conn[k])))
+                name += static_cast<char>(std::tolower(static_cast<unsigned char>(conn[k])));
+        if (name == key) return true;
+        start = end + 1;
+    }
+    return false;
+}
+
 // psqlODBC holds a whole answer in memory before the first row is read,
 // besides the rows the caller builds from it; through a cursor it holds
 // `Fetch` rows at a time. Added unless the connection string sets
 // UseDeclareFetch itself (other drivers ignore keywords they do not know).
 std::string with_cursor_reads(std::string conn) {
-    std::string lower = conn;
-    for (char& c : lower) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-    if (lower.find("usedeclarefetch") != std::string::npos) return conn;
+    if (sets_key(conn, "usedeclarefetch")) return conn;
     if (!conn.empty() && conn.back() != ';') conn += ';';
     return conn + "UseDeclareFetch=1;Fetch=400;";
 }
@@ -266,10 +280,14 @@ private:
 
     // Why `text` of `field` cannot be sent to this server, "" if it can.
     std::string text_refusal(const char* field, const std::string& text) const {
-        const auto problem = text_problem(text);
+        // Other servers take any bytes but NUL, which the driver would cut
+        // the value at.
+        std::optional<std::string> problem;
+        if (postgres_)
+            problem = text_problem(text);
+        else if (const size_t at = text.find('\0'); at != std::string::npos)
+            problem = "contains a NUL byte at offset " + std::to_string(at);
         if (!problem) return "";
-        const bool nul = problem->find("NUL") != std::string::npos;
-        if (!nul && !postgres_) return "";
         return std::string("field ") + field + ": the text " + *problem + ", which " +
                (postgres_ ? "a PostgreSQL text column" : "a text value sent through ODBC") +
                " cannot hold; nothing was written. Store such output base64-encoded (and set "
