@@ -32,6 +32,7 @@ void split_nodes(const std::string& text, std::vector<std::string>& out) {
         while (first < last && blank(*first)) ++first;
         while (last > first && blank(last[-1])) --last;
         if (first < last) out.emplace_back(first, static_cast<size_t>(last - first));
+        if (stop == end) break;
         piece = stop + 1;
     }
 }
@@ -174,7 +175,7 @@ bool SqlExtension::names_safe(const std::vector<std::string>& names, const char*
     for (const auto& name : names) {
         if (name.find('\'') == std::string::npos && name.find('\0') == std::string::npos) continue;
         VESK_SQL_LOG(kErrorLevel) << where() << "refused " << what
-                                  << " name with a quote: " << name;
+                                  << " name with a quote or a NUL byte: " << name;
         return false;
     }
     return true;
