@@ -188,6 +188,33 @@ TEST_F(OdbcConnectionTest, DiagnosticsCarrySqlstateAndEveryRecord) {
     EXPECT_EQ(query_int(*connection, "SELECT 7;"), 7);
 }
 
+// A long server message is kept whole, or as much of it as a diagnostic
+// record can hold, with its state.
+TEST_F(OdbcConnectionTest, LongDiagnosticMessagesAreKept) {
+    exec(*connection,
+         "CREATE FUNCTION pg_temp.refuse(n integer) RETURNS integer LANGUAGE plpgsql AS "
+         "$$ BEGIN RAISE EXCEPTION '%', repeat('x', n); END $$;");
+    // Around the first buffer's 1024 bytes the driver's own words around the
+    // message fall on either side of it; psqlODBC keeps 4095 bytes of a
+    // message, so the longer ones come back cut.
+    struct Case {
+        int size;
+        std::size_t whole;  // at least this much of the message comes back
+    } cases[] = {{1, 1},        {1000, 1000},  {1010, 1010},  {1023, 1023},
+                 {1024, 1024},  {2000, 2000},  {4000, 4000},  {32700, 4000},
+                 {32767, 4000}, {40000, 4000}, {100000, 4000}};
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.size);
+        auto s = connection->prepare("SELECT pg_temp.refuse(" + std::to_string(c.size) + ");");
+        ASSERT_TRUE(s == nullptr || s->step() == StepResult::error);
+        const auto& records = connection->last_diagnostics();
+        ASSERT_FALSE(records.empty()) << connection->last_error().message.substr(0, 200);
+        EXPECT_EQ(records.front().sqlstate, "P0001");
+        EXPECT_NE(records.front().message.find(std::string(c.whole, 'x')), std::string::npos)
+            << records.front().message.size();
+    }
+}
+
 TEST_F(OdbcConnectionTest, TransactionsAndReusedStatements) {
     ASSERT_TRUE(connection->begin());
     ASSERT_TRUE(insert_text("rolled back"));

@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <limits>
 #include <string_view>
 
 #include "text_check.h"
@@ -109,8 +110,12 @@ std::vector<Diagnostic> collect_diagnostics(SQLSMALLINT handle_type, SQLHANDLE h
         std::vector<SQLCHAR> text(1024);
         SQLRETURN rc = SQLGetDiagRec(handle_type, handle, i, state, &native, text.data(),
                                      static_cast<SQLSMALLINT>(text.size()), &length);
-        if (rc == SQL_SUCCESS_WITH_INFO && length >= static_cast<SQLSMALLINT>(text.size())) {
-            text.resize(static_cast<std::size_t>(length) + 1);
+        // A full buffer is read again, as large as the length's type can name:
+        // a longer message may come back cut without a word (unixODBC with
+        // psqlODBC answers SQL_SUCCESS and the cut length), and a reported
+        // length plus one for the NUL overflows that type at 32767.
+        if (ok(rc) && length >= static_cast<SQLSMALLINT>(text.size() - 1)) {
+            text.resize(std::numeric_limits<SQLSMALLINT>::max());
             rc = SQLGetDiagRec(handle_type, handle, i, state, &native, text.data(),
                                static_cast<SQLSMALLINT>(text.size()), &length);
         }
@@ -119,7 +124,8 @@ std::vector<Diagnostic> collect_diagnostics(SQLSMALLINT handle_type, SQLHANDLE h
         d.sqlstate.assign(reinterpret_cast<const char*>(state),
                           strnlen(reinterpret_cast<const char*>(state), 5));
         d.native_code = native;
-        d.message.assign(reinterpret_cast<const char*>(text.data()));
+        d.message.assign(reinterpret_cast<const char*>(text.data()),
+                         strnlen(reinterpret_cast<const char*>(text.data()), text.size()));
         while (!d.message.empty() && (d.message.back() == '\n' || d.message.back() == ' '))
             d.message.pop_back();
         records.push_back(std::move(d));
