@@ -31,6 +31,9 @@ constexpr std::size_t get_data_max_chunk = 4 * 1024 * 1024;
 // SQLGetData loop.
 constexpr std::size_t bound_text_size = 1024;
 
+// What an integer read of a value that is none says.
+constexpr const char* not_int64 = "a whole number in the 64-bit integer range";
+
 bool ok(SQLRETURN rc) { return rc == SQL_SUCCESS || rc == SQL_SUCCESS_WITH_INFO; }
 
 // `d` as an integer when it is a whole number within int64_t (NaN and the
@@ -315,12 +318,12 @@ public:
                 return c->integer_value;
             case sql::ColumnType::real: {
                 int64_t v = 0;
-                return whole_int64(c->real_value, v) ? v : refuse(i, "a whole number in range");
+                return whole_int64(c->real_value, v) ? v : refuse(i, not_int64);
             }
             case sql::ColumnType::text:
                 if (decimal(i)) {
                     int64_t v = 0;
-                    return decimal_int64(c->text, v) ? v : refuse(i, "a whole number in range");
+                    return decimal_int64(c->text, v) ? v : refuse(i, not_int64);
                 }
                 return std::strtoll(c->text.c_str(), nullptr, 10);
             case sql::ColumnType::null:
