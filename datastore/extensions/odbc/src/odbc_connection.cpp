@@ -691,10 +691,15 @@ private:
             }
             // Truncated (01004): the buffer holds a NUL-terminated piece. Its
             // length is measured, not assumed, since a driver may stop short
-            // of a character boundary.
-            got += strnlen(&out[got], chunk);
-            if (indicator != SQL_NO_TOTAL && indicator > static_cast<SQLLEN>(chunk))
-                chunk = std::min(get_data_max_chunk, static_cast<std::size_t>(indicator) - chunk);
+            // of a character boundary; the indicator counted what remained
+            // before this call. A call that gave nothing (not one whole
+            // character fitted) is followed by a larger buffer.
+            const std::size_t received = strnlen(&out[got], chunk);
+            got += received;
+            if (received > 0 && indicator != SQL_NO_TOTAL &&
+                indicator > static_cast<SQLLEN>(received))
+                chunk =
+                    std::min(get_data_max_chunk, static_cast<std::size_t>(indicator) - received);
             else
                 chunk = std::min(get_data_max_chunk, chunk * 2);
         }
