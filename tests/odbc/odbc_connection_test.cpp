@@ -193,8 +193,8 @@ TEST_F(OdbcConnectionTest, DiagnosticsCarrySqlstateAndEveryRecord) {
 // NUMERIC values come back as the server wrote them, whatever the scale of
 // the first rows the driver fetched; a number is made of them only when one is
 // asked for. A value that is not what was asked (a fraction or out of range
-// for an integer, out of range for a double) reads as 0, names itself in the
-// error, and fails the statement's next step: it is never truncated or
+// for an integer, out of range for a double) reads as 0, its column is named
+// in the error, and the statement's next step fails: it is never truncated or
 // saturated. Doubles asked for as integers keep to the same rule.
 TEST_F(OdbcConnectionTest, NumericValuesAreExactAndBadConversionsFail) {
     constexpr int64_t max = std::numeric_limits<int64_t>::max();
