@@ -1,8 +1,10 @@
 // The statement seam over ODBC against the real PostgreSQL test server.
 #include "odbc_connection.h"
 
+#include <cmath>
 #include <cstdint>
 #include <limits>
+#include <optional>
 #include <random>
 #include <set>
 #include <string>
@@ -186,6 +188,127 @@ TEST_F(OdbcConnectionTest, DiagnosticsCarrySqlstateAndEveryRecord) {
     }
     // The session goes on after errors.
     EXPECT_EQ(query_int(*connection, "SELECT 7;"), 7);
+}
+
+// NUMERIC values come back as the server wrote them, whatever the scale of
+// the first rows the driver fetched; a number is made of them only when one is
+// asked for. A value that is not what was asked (a fraction or out of range
+// for an integer, out of range for a double) reads as 0, its column is named
+// in the error, and the statement's next step fails: it is never truncated or
+// saturated. Doubles asked for as integers keep to the same rule.
+TEST_F(OdbcConnectionTest, NumericValuesAreExactAndBadConversionsFail) {
+    constexpr int64_t max = std::numeric_limits<int64_t>::max();
+    constexpr int64_t min = std::numeric_limits<int64_t>::min();
+    const double nan = std::numeric_limits<double>::quiet_NaN();
+    const std::string huge = "1" + std::string(2000, '0');  // beyond the bound buffer too
+    struct Case {
+        std::string expression;
+        std::optional<std::string> text;  // not checked when absent
+        std::optional<int64_t> integer;   // absent: refused
+        std::optional<double> real;       // absent: refused
+    } cases[] = {
+        {"0.1::numeric", "0.1", std::nullopt, 0.1},
+        {"12345678901234567890.5", "12345678901234567890.5", std::nullopt, 12345678901234567890.5},
+        {"99999999999999999999::numeric", "99999999999999999999", std::nullopt, 1e20},
+        {"-7.00::numeric(10, 2)", "-7.00", -7, -7.0},
+        {"sum(x) FROM (VALUES (" + std::to_string(max - 1) + "::bigint), (1)) v(x)",
+         std::to_string(max), max, 9223372036854775807.0},
+        {"sum(x) FROM (VALUES (" + std::to_string(min + 1) + "::bigint), (-1)) v(x)",
+         std::to_string(min), min, -9223372036854775808.0},
+        {"9223372036854775808::numeric", "9223372036854775808", std::nullopt,
+         9223372036854775808.0},
+        {"'NaN'::numeric", "NaN", std::nullopt, nan},
+        {huge + "::numeric", huge, std::nullopt, std::nullopt},
+        {"NULL::numeric", "", 0, 0.0},
+        {"'NaN'::float8", std::nullopt, std::nullopt, nan},
+        {"'-Infinity'::float8", std::nullopt, std::nullopt, -HUGE_VAL},
+        {"2.5::float8", std::nullopt, std::nullopt, 2.5},
+        {"9223372036854775807::float8", std::nullopt, std::nullopt, 9223372036854775808.0},
+        {"-9223372036854775808::float8", std::nullopt, min, -9223372036854775808.0},
+        {"1e15::float8", std::nullopt, 1000000000000000, 1e15},
+    };
+    // Reads the value with `read` from a statement of its own; true when the
+    // statement then ends, false when its next step fails (the read was refused).
+    const auto read_one = [&](const Case& c, const auto& read) {
+        auto s = connection->prepare("SELECT " + c.expression + ";");
+        if (s == nullptr || s->step() != StepResult::row) {
+            ADD_FAILURE() << connection->last_error().message;
+            return false;
+        }
+        read(*s);
+        const std::string name = s->column_name(0);
+        const StepResult next = s->step();
+        EXPECT_NE(next, StepResult::row);
+        const std::string& message = connection->last_error().message;
+        if (next == StepResult::error) {
+            EXPECT_NE(message.find("column \"" + name + "\""), std::string::npos) << message;
+        }
+        return next == StepResult::done;
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.expression.substr(0, 60));
+        if (c.text) {
+            std::string text;
+            EXPECT_TRUE(read_one(c, [&](auto& s) { ASSERT_TRUE(s.column_text(0, text)); }));
+            EXPECT_TRUE(text == *c.text) << text.substr(0, 60);
+        }
+        int64_t integer = 1;
+        EXPECT_EQ(read_one(c, [&](auto& s) { integer = s.column_int64(0); }),
+                  c.integer.has_value());
+        EXPECT_EQ(integer, c.integer.value_or(0));
+        double real = 1;
+        EXPECT_EQ(read_one(c, [&](auto& s) { real = s.column_double(0); }), c.real.has_value());
+        if (c.real && std::isnan(*c.real)) {
+            EXPECT_TRUE(std::isnan(real)) << real;
+        } else {
+            EXPECT_EQ(real, c.real.value_or(0));
+        }
+    }
+
+    // The driver takes the scale of an unconstrained NUMERIC column from the
+    // first block of rows it fetches; a fraction in a later block stays one.
+    auto s = connection->prepare(
+        "SELECT x::numeric FROM generate_series(1, 1000) g(x) UNION ALL SELECT 0.5;");
+    ASSERT_NE(s, nullptr) << connection->last_error().message;
+    for (int64_t k = 1; k <= 1000; ++k) {
+        ASSERT_EQ(s->step(), StepResult::row) << connection->last_error().message;
+        ASSERT_EQ(s->column_int64(0), k);
+        ASSERT_EQ(s->column_type(0), ColumnType::integer);
+    }
+    ASSERT_EQ(s->step(), StepResult::row) << connection->last_error().message;
+    EXPECT_EQ(s->column_type(0), ColumnType::real);
+    EXPECT_EQ(s->column_double(0), 0.5);
+    std::string text;
+    ASSERT_TRUE(s->column_text(0, text));
+    EXPECT_EQ(text, "0.5");
+    EXPECT_EQ(s->step(), StepResult::done) << connection->last_error().message;
+}
+
+// A long server message is kept whole, or as much of it as a diagnostic
+// record can hold, with its state.
+TEST_F(OdbcConnectionTest, LongDiagnosticMessagesAreKept) {
+    exec(*connection,
+         "CREATE FUNCTION pg_temp.refuse(n integer) RETURNS integer LANGUAGE plpgsql AS "
+         "$$ BEGIN RAISE EXCEPTION '%', repeat('x', n); END $$;");
+    // Around the first buffer's 1024 bytes the driver's own words around the
+    // message fall on either side of it; psqlODBC keeps 4095 bytes of a
+    // message, so the longer ones come back cut.
+    struct Case {
+        int size;
+        std::size_t whole;  // at least this much of the message comes back
+    } cases[] = {{1, 1},        {1000, 1000},  {1010, 1010},  {1023, 1023},
+                 {1024, 1024},  {2000, 2000},  {4000, 4000},  {32700, 4000},
+                 {32767, 4000}, {40000, 4000}, {100000, 4000}};
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.size);
+        auto s = connection->prepare("SELECT pg_temp.refuse(" + std::to_string(c.size) + ");");
+        ASSERT_TRUE(s == nullptr || s->step() == StepResult::error);
+        const auto& records = connection->last_diagnostics();
+        ASSERT_FALSE(records.empty()) << connection->last_error().message.substr(0, 200);
+        EXPECT_EQ(records.front().sqlstate, "P0001");
+        EXPECT_NE(records.front().message.find(std::string(c.whole, 'x')), std::string::npos)
+            << records.front().message.size();
+    }
 }
 
 TEST_F(OdbcConnectionTest, TransactionsAndReusedStatements) {

@@ -1,9 +1,13 @@
 #include "odbc_connection.h"
 
+#include <algorithm>
+#include <charconv>
+#include <cmath>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <limits>
 #include <string_view>
 
 #include "text_check.h"
@@ -27,7 +31,43 @@ constexpr std::size_t get_data_max_chunk = 4 * 1024 * 1024;
 // SQLGetData loop.
 constexpr std::size_t bound_text_size = 1024;
 
+// What an integer read of a value that is none says.
+constexpr const char* not_int64 = "a whole number in the 64-bit integer range";
+
 bool ok(SQLRETURN rc) { return rc == SQL_SUCCESS || rc == SQL_SUCCESS_WITH_INFO; }
+
+// `d` as an integer when it is a whole number within int64_t (NaN and the
+// infinities are not).
+bool whole_int64(double d, int64_t& out) {
+    constexpr double limit = 9223372036854775808.0;  // 2^63, exact
+    if (!(d >= -limit && d < limit) || std::trunc(d) != d) return false;
+    out = static_cast<int64_t>(d);
+    return true;
+}
+
+// The decimal text of a NUMERIC ("-12", "5.00") as an integer, when it is a
+// whole number within int64_t.
+bool decimal_int64(const std::string& text, int64_t& out) {
+    const char* const last = text.data() + text.size();
+    const auto [end, error] = std::from_chars(text.data(), last, out);
+    if (error != std::errc() || (end != last && *end != '.')) return false;
+    return std::all_of(end == last ? last : end + 1, last, [](char c) { return c == '0'; });
+}
+
+// The decimal text of a NUMERIC ("0.1", "NaN", "-Infinity") as the nearest
+// double, when it is within a double's range. Unlike strtod, the locale's
+// decimal point plays no part.
+bool decimal_double(const std::string& text, double& out) {
+    const char* const last = text.data() + text.size();
+    const auto [end, error] = std::from_chars(text.data(), last, out);
+    return error == std::errc() && end == last;
+}
+
+std::string real_text(double d) {
+    char buf[32];
+    std::snprintf(buf, sizeof buf, "%.17g", d);
+    return buf;
+}
 
 struct EnvFree {
     void operator()(void* env) const { SQLFreeHandle(SQL_HANDLE_ENV, env); }
@@ -109,8 +149,12 @@ std::vector<Diagnostic> collect_diagnostics(SQLSMALLINT handle_type, SQLHANDLE h
         std::vector<SQLCHAR> text(1024);
         SQLRETURN rc = SQLGetDiagRec(handle_type, handle, i, state, &native, text.data(),
                                      static_cast<SQLSMALLINT>(text.size()), &length);
-        if (rc == SQL_SUCCESS_WITH_INFO && length >= static_cast<SQLSMALLINT>(text.size())) {
-            text.resize(static_cast<std::size_t>(length) + 1);
+        // A full buffer is read again, as large as the length's type can name:
+        // a longer message may come back cut without a word (unixODBC with
+        // psqlODBC answers SQL_SUCCESS and the cut length), and a reported
+        // length plus one for the NUL overflows that type at 32767.
+        if (ok(rc) && length >= static_cast<SQLSMALLINT>(text.size() - 1)) {
+            text.resize(std::numeric_limits<SQLSMALLINT>::max());
             rc = SQLGetDiagRec(handle_type, handle, i, state, &native, text.data(),
                                static_cast<SQLSMALLINT>(text.size()), &length);
         }
@@ -119,7 +163,8 @@ std::vector<Diagnostic> collect_diagnostics(SQLSMALLINT handle_type, SQLHANDLE h
         d.sqlstate.assign(reinterpret_cast<const char*>(state),
                           strnlen(reinterpret_cast<const char*>(state), 5));
         d.native_code = native;
-        d.message.assign(reinterpret_cast<const char*>(text.data()));
+        d.message.assign(reinterpret_cast<const char*>(text.data()),
+                         strnlen(reinterpret_cast<const char*>(text.data()), text.size()));
         while (!d.message.empty() && (d.message.back() == '\n' || d.message.back() == ' '))
             d.message.pop_back();
         records.push_back(std::move(d));
@@ -190,6 +235,12 @@ public:
 
     sql::StepResult step() override {
         if (state_ == State::finished) return sql::StepResult::done;
+        if (read_failed_) {
+            // A value of the current row could not be read as asked: the
+            // caller's copy of it (0) must not pass for data.
+            state_ = State::finished;
+            return sql::StepResult::error;
+        }
         if (state_ == State::ready) {
             if (!execute()) {
                 state_ = State::finished;
@@ -218,6 +269,7 @@ public:
     bool reset() override {
         const SQLRETURN rc = SQLFreeStmt(stmt_.get(), SQL_CLOSE);
         state_ = State::ready;
+        read_failed_ = false;
         if (ok(rc)) return true;
         handles_->fail("SQLFreeStmt", SQL_HANDLE_STMT, stmt_.get());
         return false;
@@ -231,7 +283,11 @@ public:
 
     sql::ColumnType column_type(int i) override {
         const Cell* c = cell(i);
-        return c == nullptr ? sql::ColumnType::null : c->type;
+        if (c == nullptr) return sql::ColumnType::null;
+        int64_t whole = 0;
+        if (c->type == sql::ColumnType::text && decimal(i))
+            return decimal_int64(c->text, whole) ? sql::ColumnType::integer : sql::ColumnType::real;
+        return c->type;
     }
 
     bool column_text(int i, std::string& out) override {
@@ -244,12 +300,9 @@ public:
             case sql::ColumnType::integer:
                 out = std::to_string(c->integer_value);
                 break;
-            case sql::ColumnType::real: {
-                char buf[32];
-                std::snprintf(buf, sizeof buf, "%.17g", c->real_value);
-                out = buf;
+            case sql::ColumnType::real:
+                out = real_text(c->real_value);
                 break;
-            }
             case sql::ColumnType::text:
                 out = c->text;
                 break;
@@ -263,9 +316,15 @@ public:
         switch (c->type) {
             case sql::ColumnType::integer:
                 return c->integer_value;
-            case sql::ColumnType::real:
-                return static_cast<int64_t>(c->real_value);
+            case sql::ColumnType::real: {
+                int64_t v = 0;
+                return whole_int64(c->real_value, v) ? v : refuse(i, not_int64);
+            }
             case sql::ColumnType::text:
+                if (decimal(i)) {
+                    int64_t v = 0;
+                    return decimal_int64(c->text, v) ? v : refuse(i, not_int64);
+                }
                 return std::strtoll(c->text.c_str(), nullptr, 10);
             case sql::ColumnType::null:
                 break;
@@ -282,6 +341,10 @@ public:
             case sql::ColumnType::real:
                 return c->real_value;
             case sql::ColumnType::text:
+                if (decimal(i)) {
+                    double v = 0;
+                    return decimal_double(c->text, v) ? v : refuse(i, "within a double's range");
+                }
                 return std::strtod(c->text.c_str(), nullptr);
             case sql::ColumnType::null:
                 break;
@@ -300,6 +363,7 @@ private:
     struct Column {
         std::string name;
         sql::ColumnType kind = sql::ColumnType::text;  // how the value is fetched
+        bool decimal = false;                          // a NUMERIC, fetched as its exact text
     };
     struct Cell {
         bool fetched = false;
@@ -325,6 +389,20 @@ private:
 
     bool valid_column(int i) const {
         return i >= 0 && static_cast<std::size_t>(i) < columns_.size();
+    }
+
+    bool decimal(int i) const { return columns_[static_cast<std::size_t>(i)].decimal; }
+
+    // Records that the value of column `i` is not `what` a read asked for, and
+    // fails the statement's next step; the read gives 0.
+    int refuse(int i, const char* what) {
+        const Cell& c = row_[static_cast<std::size_t>(i)];
+        std::string value = c.type == sql::ColumnType::real ? real_text(c.real_value) : c.text;
+        if (value.size() > 40) value = value.substr(0, 40) + "...";
+        handles_->fail("column \"" + columns_[static_cast<std::size_t>(i)].name + "\": " + value +
+                       " is not " + what);
+        read_failed_ = true;
+        return 0;
     }
 
     bool bind_parameters() {
@@ -472,7 +550,10 @@ private:
                     break;
                 case SQL_NUMERIC:
                 case SQL_DECIMAL:
-                    c.kind = digits == 0 ? sql::ColumnType::integer : sql::ColumnType::real;
+                    // As text, converted when a number is asked for: a double
+                    // would round it, and psqlODBC describes the scale of an
+                    // unconstrained NUMERIC from the first rows it fetched.
+                    c.decimal = true;
                     break;
                 default:
                     c.kind = sql::ColumnType::text;
@@ -526,8 +607,10 @@ private:
         Cell& c = row_[static_cast<std::size_t>(i)];
         if (!c.fetched) {
             if (!fetch(static_cast<SQLUSMALLINT>(i + 1), columns_[static_cast<std::size_t>(i)].kind,
-                       c))
+                       c)) {
+                read_failed_ = true;
                 return nullptr;
+            }
             c.fetched = true;
         }
         return &c;
@@ -608,10 +691,15 @@ private:
             }
             // Truncated (01004): the buffer holds a NUL-terminated piece. Its
             // length is measured, not assumed, since a driver may stop short
-            // of a character boundary.
-            got += strnlen(&out[got], chunk);
-            if (indicator != SQL_NO_TOTAL && indicator > static_cast<SQLLEN>(chunk))
-                chunk = std::min(get_data_max_chunk, static_cast<std::size_t>(indicator) - chunk);
+            // of a character boundary; the indicator counted what remained
+            // before this call. A call that gave nothing (not one whole
+            // character fitted) is followed by a larger buffer.
+            const std::size_t received = strnlen(&out[got], chunk);
+            got += received;
+            if (received > 0 && indicator != SQL_NO_TOTAL &&
+                indicator > static_cast<SQLLEN>(received))
+                chunk =
+                    std::min(get_data_max_chunk, static_cast<std::size_t>(indicator) - received);
             else
                 chunk = std::min(get_data_max_chunk, chunk * 2);
         }
@@ -624,7 +712,8 @@ private:
     std::vector<Param> params_;
     std::vector<Column> columns_;
     std::vector<Cell> row_;
-    bool bound_ = false;  // the columns of row_ are bound
+    bool bound_ = false;        // the columns of row_ are bound
+    bool read_failed_ = false;  // a value of the current row could not be read
     State state_ = State::ready;
 };
 
