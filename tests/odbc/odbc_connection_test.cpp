@@ -1,8 +1,10 @@
 // The statement seam over ODBC against the real PostgreSQL test server.
 #include "odbc_connection.h"
 
+#include <clocale>
 #include <cmath>
 #include <cstdint>
+#include <cstdlib>
 #include <limits>
 #include <optional>
 #include <random>
@@ -196,6 +198,44 @@ TEST_F(OdbcConnectionTest, DiagnosticsCarrySqlstateAndEveryRecord) {
 // for an integer, out of range for a double) reads as 0, its column is named
 // in the error, and the statement's next step fails: it is never truncated or
 // saturated. Doubles asked for as integers keep to the same rule.
+// Makes the process's LC_NUMERIC one whose decimal point is a comma, compiled
+// into `dir` by localedef (glibc finds it through LOCPATH); false when the
+// system cannot.
+bool comma_decimal_point(const TempDir& dir) {
+    const std::string command =
+        "localedef -i de_DE -f UTF-8 " + dir.file("de_DE.UTF-8") + " >/dev/null 2>&1";
+    if (std::system(command.c_str()) == -1) return false;
+    setenv("LOCPATH", dir.path().c_str(), 1);
+    return std::setlocale(LC_NUMERIC, "de_DE.UTF-8") != nullptr &&
+           std::string(std::localeconv()->decimal_point) == ",";
+}
+
+TEST_F(OdbcConnectionTest, NumbersReadTheSameWhateverTheHostProgramsLocale) {
+    // A host program may set LC_NUMERIC from its environment.
+    TempDir dir;
+    if (!comma_decimal_point(dir)) {
+        std::setlocale(LC_NUMERIC, "C");
+        if (running_in_ci()) FAIL() << "no de_DE locale (scripts/bootstrap installs locales)";
+        GTEST_SKIP() << "no de_DE locale: install the locales package";
+    }
+    auto s = connection->prepare(
+        "SELECT 0.5::float8, '3.75'::text, 0.1::numeric, ' +2.5e1 s'::text, 'x'::text, "
+        "-12345678901234567890.5::numeric;");
+    ASSERT_NE(s, nullptr) << connection->last_error().message;
+    ASSERT_EQ(s->step(), StepResult::row) << connection->last_error().message;
+    std::string text;
+    ASSERT_TRUE(s->column_text(0, text));
+    EXPECT_EQ(text, "0.5");
+    EXPECT_EQ(s->column_double(1), 3.75);
+    EXPECT_EQ(s->column_double(2), 0.1);
+    ASSERT_TRUE(s->column_text(5, text));
+    EXPECT_EQ(text, "-12345678901234567890.5");
+    EXPECT_EQ(s->column_double(3), 25.0);
+    EXPECT_EQ(s->column_double(4), 0.0);
+    std::setlocale(LC_NUMERIC, "C");
+    EXPECT_EQ(s->step(), StepResult::done) << connection->last_error().message;
+}
+
 TEST_F(OdbcConnectionTest, NumericValuesAreExactAndBadConversionsFail) {
     constexpr int64_t max = std::numeric_limits<int64_t>::max();
     constexpr int64_t min = std::numeric_limits<int64_t>::min();

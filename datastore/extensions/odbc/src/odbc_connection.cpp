@@ -1,7 +1,9 @@
 #include "odbc_connection.h"
 
 #include <algorithm>
+#include <cctype>
 #include <charconv>
+#include <clocale>
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
@@ -63,10 +65,35 @@ bool decimal_double(const std::string& text, double& out) {
     return error == std::errc() && end == last;
 }
 
+// `d` as "%.17g" writes it in the C locale, whatever the process's locale
+// (a host program's LC_NUMERIC could make the point a comma).
+// psqlODBC writes a NUMERIC as text with the decimal point of the process's
+// LC_NUMERIC (a host program may set it): the value's own text has '.'.
+void with_c_decimal_point(std::string& text) {
+    const char* const point = std::localeconv()->decimal_point;
+    if (point == nullptr || *point == '\0' || std::strcmp(point, ".") == 0) return;
+    const std::size_t at = text.find(point);
+    if (at != std::string::npos) text.replace(at, std::strlen(point), ".");
+}
+
 std::string real_text(double d) {
     char buf[32];
-    std::snprintf(buf, sizeof buf, "%.17g", d);
-    return buf;
+    const auto [end, error] =
+        std::to_chars(buf, buf + sizeof buf, d, std::chars_format::general, 17);
+    return error == std::errc() ? std::string(buf, end) : std::string();
+}
+
+// The number that a text starts with, as strtod reads it in the C locale:
+// leading blanks and a sign allowed, 0 when there is none.
+double leading_double(const std::string& text) {
+    const char* p = text.data();
+    const char* const last = p + text.size();
+    while (p != last && std::isspace(static_cast<unsigned char>(*p))) ++p;
+    if (p != last && *p == '+') ++p;
+    double out = 0;
+    const auto [end, error] = std::from_chars(p, last, out);
+    (void)end;
+    return error == std::errc() ? out : 0;
 }
 
 struct EnvFree {
@@ -345,7 +372,7 @@ public:
                     double v = 0;
                     return decimal_double(c->text, v) ? v : refuse(i, "within a double's range");
                 }
-                return std::strtod(c->text.c_str(), nullptr);
+                return leading_double(c->text);
             case sql::ColumnType::null:
                 break;
         }
@@ -611,6 +638,7 @@ private:
                 read_failed_ = true;
                 return nullptr;
             }
+            if (c.type == sql::ColumnType::text && decimal(i)) with_c_decimal_point(c.text);
             c.fetched = true;
         }
         return &c;
