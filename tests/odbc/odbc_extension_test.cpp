@@ -369,11 +369,28 @@ TEST_F(OdbcExtensionTest, CallerStatementsCannotWriteAndReadOnlyHoldsAtTheServer
         }
     }
     EXPECT_EQ(insert(writer, row("p", 5)), kOk);
+    // The session a caller's select leaves read-only is made writable for
+    // every kind of write.
+    const auto caller_select = [&] {
+        std::vector<vd::Row> rows;
+        EXPECT_EQ(select(writer, rows, "SELECT * FROM " + vd::table_name + ";"), kOk);
+    };
+    caller_select();
+    EXPECT_EQ(bulk(writer, {row("p", 6)}), kOk);
+    caller_select();
+    const std::map<std::string, vd::ProviderInfoSet> snapshot{
+        {"s1", {{all_rows(reader).at(0).rowid, "p", nullptr}}}};
+    const auto* snapshot_in = &snapshot;
+    EXPECT_EQ(writer->control(vd::OP_UPDATE_SNAPSHOT, nullptr, &snapshot_in, nullptr), kOk);
+    caller_select();
+    std::string id = "s1";
+    EXPECT_EQ(writer->control(vd::OP_REMOVE_SNAPSHOT, nullptr, &id, nullptr), kOk);
     // The sequence did not move: each row follows the one before.
     const std::vector<vd::Row> rows = all_rows(reader);
-    ASSERT_EQ(rows.size(), 3u);
+    ASSERT_EQ(rows.size(), 4u);
     EXPECT_EQ(rows[1].rowid, rows[0].rowid + 1);
     EXPECT_EQ(rows[2].rowid, rows[1].rowid + 1);
+    EXPECT_EQ(rows[3].rowid, rows[2].rowid + 1);
 }
 
 TEST_F(OdbcExtensionTest, ACommitTheServerRefusesIsReportedWithTheServersReason) {

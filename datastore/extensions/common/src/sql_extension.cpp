@@ -166,7 +166,7 @@ bool SqlExtension::writable(const char* what) {
         VESK_SQL_LOG(kErrorLevel) << where() << what << ": the datastore is read-only";
         return false;
     }
-    return true;
+    return prepare_write();
 }
 
 // The builders of the base class quote names without escaping them: a name

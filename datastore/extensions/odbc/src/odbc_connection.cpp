@@ -933,16 +933,6 @@ bool OdbcConnection::execute_direct(const std::string& sql) {
     return false;
 }
 
-bool OdbcConnection::execute_keeping_error(const std::string& sql) {
-    Handles& h = *handles_;
-    sql::Error error = h.error;
-    std::vector<Diagnostic> diagnostics = h.diagnostics;
-    const bool done = execute_direct(sql);
-    h.error = std::move(error);
-    h.diagnostics = std::move(diagnostics);
-    return done;
-}
-
 bool OdbcConnection::in_transaction() const { return handles_->in_transaction; }
 
 const sql::Error& OdbcConnection::last_error() const { return handles_->error; }

@@ -70,8 +70,6 @@ public:
     // Runs `sql`, which returns no rows, in one round trip: no prepared
     // statement is left on the server to be released. False on failure.
     bool execute_direct(const std::string& sql);
-    // Like execute_direct, but leaves last_error() as it was.
-    bool execute_keeping_error(const std::string& sql);
     // True while a transaction is open (between begin and commit or rollback).
     bool in_transaction() const;
     // When true, bind_text refuses invalid UTF-8 (NUL bytes are always refused:

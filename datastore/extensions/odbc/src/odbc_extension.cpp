@@ -222,17 +222,20 @@ protected:
             return nullptr;
         }
         // On PostgreSQL a caller's transaction is read-only from its start:
-        // the session's default is switched around it (a read-only
-        // datastore's session is read-only for good). The driver runs each
-        // statement of a transaction inside a savepoint, whose end would
-        // undo a switch made within the transaction.
-        if (postgres_ && !parameters_.read_only) {
+        // the session's default is switched before it (a read-only
+        // datastore's session is read-only for good), and back only before
+        // the next write, so that a run of selects pays for one switch. The
+        // driver runs each statement of a transaction inside a savepoint,
+        // whose end would undo a switch made within the transaction; and
+        // whatever the caller's one statement changes of the session is
+        // undone by the rollback that ends it.
+        if (postgres_ && !parameters_.read_only && !session_read_only_) {
             if (!c.execute_direct(kSessionReadOnly)) {
                 VESK_ODBC_LOG(kErrorLevel)
                     << where() << "cannot make a select read-only: " << describe(c.last_error());
                 return nullptr;
             }
-            session_switched_ = true;
+            session_read_only_ = true;
         }
         if (!c.begin()) {
             VESK_ODBC_LOG(kErrorLevel)
@@ -256,15 +259,20 @@ protected:
         if (!connection_) return false;
         const sql::Error error = connection_->last_error();
         if (connection_->in_transaction()) connection_->rollback_keeping_error();
-        if (session_switched_) {
-            session_switched_ = false;
-            // Should this fail on a live connection, later writes fail at
-            // the server (25006) rather than pass unnoticed.
-            if (!connection_->execute_keeping_error(kSessionReadWrite) && connection_->is_alive())
-                VESK_ODBC_LOG(kErrorLevel)
-                    << where() << "cannot make the session writable again after a select";
-        }
         return error.sqlstate == "HYT00" || error.sqlstate == "57014";
+    }
+
+    // The session a caller's select left read-only becomes writable again.
+    bool prepare_write() override {
+        if (!session_read_only_) return true;
+        if (!connection_->execute_direct(kSessionReadWrite)) {
+            VESK_ODBC_LOG(kErrorLevel)
+                << where()
+                << "cannot make the session writable: " << describe(connection_->last_error());
+            return false;
+        }
+        session_read_only_ = false;
+        return true;
     }
 
     std::string time_limit_text() const override {
@@ -334,6 +342,7 @@ private:
         options.query_timeout_s = parameters_.query_timeout_s;
         options.read_only = parameters_.read_only;
         sql::Error connect_error;
+        session_read_only_ = false;  // a new session starts with the server's default
         // The connection string may hold a password: it is never logged.
         connection_ = OdbcConnection::connect(with_cursor_reads(parameters_.connection_string()),
                                               options, connect_error);
@@ -424,7 +433,8 @@ private:
     std::unique_ptr<OdbcConnection> connection_;
     bool opened_ = false;
     bool postgres_ = false;
-    bool session_switched_ = false;  // a caller's select made the session read-only
+    // A caller's select made the session read-only; the next write undoes it.
+    bool session_read_only_ = false;
 };
 
 }  // namespace

@@ -84,6 +84,10 @@ protected:
     // Rows per INSERT statement of a bulk insert: 1 runs the prepared
     // single-row insert once per row, more sends multi-row INSERT ... VALUES.
     virtual size_t rows_per_insert() const { return 1; }
+    // Called before each write once the datastore is known open and
+    // writable: a backend that leaves its connection read-only after reads
+    // makes it writable here. False (logged by the backend) refuses the write.
+    virtual bool prepare_write() { return true; }
     // Prepares a caller's select; null (and logged) when the backend must not
     // run it. end_query() is called after it, whatever happens.
     virtual std::unique_ptr<Statement> prepare_query(const std::string& sql) = 0;
