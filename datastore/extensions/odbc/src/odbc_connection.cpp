@@ -65,8 +65,6 @@ bool decimal_double(const std::string& text, double& out) {
     return error == std::errc() && end == last;
 }
 
-// `d` as "%.17g" writes it in the C locale, whatever the process's locale
-// (a host program's LC_NUMERIC could make the point a comma).
 // psqlODBC writes a NUMERIC as text with the decimal point of the process's
 // LC_NUMERIC (a host program may set it): the value's own text has '.'.
 void with_c_decimal_point(std::string& text) {
@@ -76,6 +74,8 @@ void with_c_decimal_point(std::string& text) {
     if (at != std::string::npos) text.replace(at, std::strlen(point), ".");
 }
 
+// `d` as "%.17g" writes it in the C locale, whatever the process's locale
+// (a host program's LC_NUMERIC could make the point a comma).
 std::string real_text(double d) {
     char buf[32];
     const auto [end, error] =
