@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cstdint>
 #include <iterator>
 #include <strings.h>
 
@@ -37,13 +38,27 @@ void split_nodes(const std::string& text, std::vector<std::string>& out) {
     }
 }
 
-// Reads column `column` of the current row into field `field` of `row`.
-bool read_field(Statement& stmt, int column, const RowField& field, Row& row,
-                std::string& scratch) {
+// Reads column `column` into a 32-bit field named `name`. A value beyond
+// 32 bits is refused in `problem` rather than cut: a row number past
+// 2147483647 would otherwise name another row.
+bool read_int32(Statement& stmt, int column, const char* name, int32_t& out, std::string& problem) {
+    const int64_t value = stmt.column_int64(column);
+    if (value < INT32_MIN || value > INT32_MAX) {
+        problem = "column \"" + stmt.column_name(column) + "\": " + std::to_string(value) +
+                  " does not fit the 32-bit field " + name;
+        return false;
+    }
+    out = static_cast<int32_t>(value);
+    return true;
+}
+
+// Reads column `column` of the current row into field `field` of `row`;
+// false on failure, with the reason in `problem` when it is the kit's own.
+bool read_field(Statement& stmt, int column, const RowField& field, Row& row, std::string& scratch,
+                std::string& problem) {
     switch (field.kind) {
         case FieldKind::int32:
-            row.*field.int32 = static_cast<int32_t>(stmt.column_int64(column));
-            return true;
+            return read_int32(stmt, column, field.name, row.*field.int32, problem);
         case FieldKind::int64:
             row.*field.int64 = stmt.column_int64(column);
             return true;
@@ -60,21 +75,20 @@ bool read_field(Statement& stmt, int column, const RowField& field, Row& row,
     return false;
 }
 
-bool read_field(Statement& stmt, int column, int position, Row& row, std::string& scratch) {
-    return read_field(stmt, column, kRowFields[position], row, scratch);
+bool read_field(Statement& stmt, int column, int position, Row& row, std::string& scratch,
+                std::string& problem) {
+    return read_field(stmt, column, kRowFields[position], row, scratch, problem);
 }
 
 bool read_field(Statement& stmt, int column, int position, Row_baseline& row,
-                std::string& /*scratch*/) {
+                std::string& /*scratch*/, std::string& problem) {
     switch (position) {
         case 0:
-            row.rowid = static_cast<int32_t>(stmt.column_int64(column));
-            return true;
+            return read_int32(stmt, column, "rowid", row.rowid, problem);
         case 1:
             return stmt.column_text(column, row.baseline_id);
         case 2:
-            row.datastore_rowid = static_cast<int32_t>(stmt.column_int64(column));
-            return true;
+            return read_int32(stmt, column, "datastore_rowid", row.datastore_rowid, problem);
         case 3:
             return stmt.column_text(column, row.fwd_name);
         case 4:
@@ -639,6 +653,7 @@ bool SqlExtension::run_select(const std::string& sql, std::vector<Record>& out,
     Outcome done = Outcome::failed;
     bool too_big = false;
     bool no_memory = false;
+    std::string read_problem;  // a value the records cannot hold
     bool stopped = false;
     try {
         Guard guard{*this};
@@ -650,6 +665,7 @@ bool SqlExtension::run_select(const std::string& sql, std::vector<Record>& out,
         done = attempt([&] {
             out.resize(first);
             too_big = false;
+            read_problem.clear();
             // Counted from the records read: asking for every column's size
             // again would cost as much as reading the row.
             size_t bytes = 0;
@@ -663,11 +679,15 @@ bool SqlExtension::run_select(const std::string& sql, std::vector<Record>& out,
                 out.emplace_back();
                 Record& record = out.back();
                 for (size_t i = 0; i < columns.size(); ++i)
-                    if (columns[i] >= 0 &&
-                        !read_field(*stmt, static_cast<int>(i), columns[i], record, scratch)) {
+                    if (columns[i] >= 0 && !read_field(*stmt, static_cast<int>(i), columns[i],
+                                                       record, scratch, read_problem)) {
                         r = StepResult::error;
                         break;
                     }
+                if (!read_problem.empty()) {
+                    (void)stmt->reset();
+                    return Outcome::refused;
+                }
                 if (r == StepResult::error) break;
                 bytes += checks::record_bytes(record);
                 if (bytes > limit) {
@@ -700,6 +720,9 @@ bool SqlExtension::run_select(const std::string& sql, std::vector<Record>& out,
                 << " bytes); narrow the statement or raise the limit: " << sql;
         else if (no_memory)
             VESK_SQL_LOG(kErrorLevel) << where() << "select failed: out of memory: " << sql;
+        else if (!read_problem.empty())
+            VESK_SQL_LOG(kErrorLevel)
+                << where() << "select failed: " << read_problem << ": " << sql;
         else if (stopped)
             VESK_SQL_LOG(kErrorLevel) << where() << time_limit_text() << ": " << sql;
         else
