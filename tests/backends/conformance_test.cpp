@@ -372,26 +372,24 @@ TEST_P(BackendConformance, FieldsAtTheirLimitAreStoredAndOneByteMoreIsRefused) {
 TEST_P(BackendConformance, AValueBeyondA32BitFieldFailsTheSelectInsteadOfWrapping) {
     // A row number past 2147483647 would otherwise name another row.
     ASSERT_TRUE(insert(record("p", "h", "o", 1)));
-    for (const char* column : {"rowid", "Exit_status"}) {
+    const auto select_as = [&](const std::string& value, const std::string& column,
+                               std::vector<vd::Row>& rows) {
+        vd::SQLParameters sql{
+            "", "SELECT " + value + " AS " + column + ", Provider FROM " + vd::table_name + ";",
+            vd::row_field_index};
+        vd::ReadParameters request{{"unused"}, {}, {}, &sql};
+        return call(vd::OP_SELECT_PROVIDER, &request, &rows);
+    };
+    for (const std::string column : {"rowid", "Exit_status"}) {
         for (const char* value : {"2147483648", "-2147483649"}) {
-            vd::SQLParameters sql{"",
-                                  std::string("SELECT ") + value + " AS " + column +
-                                      ", Provider FROM " + vd::table_name + ";",
-                                  vd::row_field_index};
-            vd::ReadParameters request{{"unused"}, {}, {}, &sql};
             std::vector<vd::Row> rows;
-            EXPECT_EQ(call(vd::OP_SELECT_PROVIDER, &request, &rows), kFailed) << column << value;
+            EXPECT_EQ(select_as(value, column, rows), kFailed) << column << value;
             EXPECT_TRUE(rows.empty());
         }
-        vd::SQLParameters sql{"",
-                              std::string("SELECT 2147483647 AS ") + column + ", Provider FROM " +
-                                  vd::table_name + ";",
-                              vd::row_field_index};
-        vd::ReadParameters request{{"unused"}, {}, {}, &sql};
         std::vector<vd::Row> rows;
-        ASSERT_EQ(call(vd::OP_SELECT_PROVIDER, &request, &rows), kOk) << column;
+        ASSERT_EQ(select_as("2147483647", column, rows), kOk) << column;
         ASSERT_EQ(rows.size(), 1u);
-        EXPECT_EQ(std::string(column) == "rowid" ? rows[0].rowid : rows[0].Exit_status, 2147483647);
+        EXPECT_EQ(column == "rowid" ? rows[0].rowid : rows[0].Exit_status, 2147483647);
     }
 }
 
