@@ -885,9 +885,12 @@ bool end_transaction(Handles& h, SQLSMALLINT how, const char* call) {
     bool done = ok(rc);
     if (!done) h.fail(call, SQL_HANDLE_DBC, h.dbc.get());
     // Back to autocommit whatever the outcome; a failed commit has rolled back.
+    // A session left in manual commit would hold its next reads in one
+    // snapshot and its next writes uncommitted: it is reopened instead.
     if (!ok(SQLSetConnectAttr(h.dbc.get(), SQL_ATTR_AUTOCOMMIT,
                               reinterpret_cast<SQLPOINTER>(SQL_AUTOCOMMIT_ON), 0))) {
         if (done) h.fail("SQLSetConnectAttr(AUTOCOMMIT_ON)", SQL_HANDLE_DBC, h.dbc.get());
+        h.dead = true;
         done = false;
     }
     h.in_transaction = false;
