@@ -209,9 +209,29 @@ TEST_P(BackendConformance, EveryFieldRoundTripsByInsertAndByBulkInsertOfAllRowsO
         ASSERT_TRUE(insert(r)) << i;
     }
     // A batch larger than one multi-row statement, refused whole for its last row.
+    // Its first rows carry the values above, and texts with every byte a
+    // backend takes from all (the characters that quote or separate SQL and
+    // array values among them).
     std::vector<vd::InsertRecord> batch;
     for (int i = 0; i < 50; ++i)
         batch.push_back(record("bulk", "h" + std::to_string(i), "o", 7, i));
+    std::string ascii;
+    for (int b = 1; b < 128; ++b) ascii += static_cast<char>(b);
+    for (size_t i = 0; i < std::size(stamps); ++i) {
+        const auto& w = written[i];
+        auto& r = batch[i];
+        r.header.exit_status = w.header.exit_status;
+        r.header.timestamp = w.header.timestamp;
+        r.header.duration = w.header.duration;
+        r.header.version = w.header.version;
+        r.header.unique_timestamp = w.header.unique_timestamp;
+        r.header.node_names = w.header.node_names;
+        r.header.num_nodes = w.header.num_nodes;
+        r.header.username =
+            i ? "\\\"{NULL}\\" : ascii.substr(31, 64);  // quotes, commas, a backslash
+        r.std_out = i ? "{\"a\",\\}" : ascii;
+        r.std_err = i ? std::string(ascii.rbegin(), ascii.rend()) : "NULL";
+    }
     auto bad = batch;
     bad[49].header.node_names = {"a,b"};  // would not come back as written
     EXPECT_FALSE(bulk(bad));
@@ -224,8 +244,10 @@ TEST_P(BackendConformance, EveryFieldRoundTripsByInsertAndByBulkInsertOfAllRowsO
     ASSERT_EQ(rows.size(), written.size());
     for (size_t i = 0; i < rows.size(); ++i) {
         SCOPED_TRACE(i);
-        // The batch's durations (multiples of 0.5) are exact on every backend.
-        expect_same(rows[i], written[i], GetParam().exact_doubles || i >= std::size(stamps));
+        // The other durations (multiples of 0.5) are exact on every backend.
+        const size_t in_batch = i < std::size(stamps) ? i : i - std::size(stamps);
+        const bool thirds = in_batch < std::size(stamps);
+        expect_same(rows[i], written[i], GetParam().exact_doubles || !thirds);
         if (i > 0) {
             EXPECT_GT(rows[i].rowid, rows[i - 1].rowid);
         }

@@ -1,10 +1,12 @@
 // The staged libodbc.so: loads beside the system's unixODBC libodbc.so,
 // exports its entry points, and opens a datastore on the test server.
 #include <chrono>
+#include <cmath>
 #include <cstdio>
 #include <dlfcn.h>
 #include <filesystem>
 #include <functional>
+#include <limits>
 #include <link.h>
 #include <memory>
 #include <string>
@@ -245,6 +247,39 @@ TEST_F(OdbcExtensionTest, BulkInsertSplitsIntoStatementsAndTheServerRollsBackAll
         kOk);
     ASSERT_EQ(found.size(), large.size());
     for (size_t n = 0; n < large.size(); ++n) EXPECT_TRUE(found[n].STDOUT == large[n].std_out) << n;
+}
+
+TEST_F(OdbcExtensionTest, BulkInsertStoresEveryDoubleAsTheSingleInsertDoes) {
+    auto i = open_instance();
+    ASSERT_TRUE(i);
+    const double durations[] = {std::nan(""), HUGE_VAL,
+                                -HUGE_VAL,    -0.0,
+                                5e-324,       std::numeric_limits<double>::max(),
+                                0.1,          1.0 / 3.0,
+                                -2.5e-300,    123456789.0123456789};
+    std::vector<vd::InsertRecord> rows;
+    for (const double d : durations) {
+        rows.push_back(row("single", static_cast<int>(rows.size())));
+        rows.back().header.duration = d;
+        ASSERT_EQ(insert(i, rows.back()), kOk) << d;
+    }
+    for (auto& r : rows) r.header.provider = "bulk";
+    ASSERT_EQ(bulk(i, rows), kOk);
+    const auto found = all_rows(i);
+    ASSERT_EQ(found.size(), 2 * rows.size());
+    for (size_t n = 0; n < rows.size(); ++n) {
+        const double single = found[n].Duration;
+        const double bulk = found[n + rows.size()].Duration;
+        const double want = durations[n];
+        SCOPED_TRACE(want);
+        if (std::isnan(want)) {
+            EXPECT_TRUE(std::isnan(single) && std::isnan(bulk));
+        } else {
+            EXPECT_EQ(single, want);
+            EXPECT_EQ(bulk, want);
+            EXPECT_EQ(std::signbit(bulk), std::signbit(want));
+        }
+    }
 }
 
 TEST_F(OdbcExtensionTest, TextThePostgreSqlServerCannotHoldIsRefusedNamingRowAndField) {

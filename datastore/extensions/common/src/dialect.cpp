@@ -65,6 +65,8 @@ std::string Dialect::hosts_sql() const {
 
 std::string Dialect::placeholder(int /*index*/) const { return "?"; }
 
+std::string Dialect::array_insert_sql() const { return ""; }
+
 std::string Dialect::insert_sql() const {
     std::string values;
     for (size_t i = 1; i < kRowFieldCount; ++i) {

@@ -3,6 +3,8 @@
 
 #include <algorithm>
 #include <cctype>
+#include <charconv>
+#include <cmath>
 #include <cstdint>
 #include <iterator>
 #include <strings.h>
@@ -154,6 +156,7 @@ std::string SqlExtension::row_text_problem(const vesk::provider::header& /*heade
 void SqlExtension::release_statements() {
     insert_.reset();
     insert_rows_.reset();
+    insert_arrays_.reset();
 }
 
 int32_t SqlExtension::control(uint16_t op, const void* in, void* out, void* extra) {
@@ -310,6 +313,98 @@ std::string insert_rows_sql(const Dialect& dialect, size_t rows) {
     return sql + ";";
 }
 
+// Appends `value` to an array literal as a quoted element: inside double
+// quotes only the backslash and the double quote need one.
+void append_element(std::string& array, std::string_view value) {
+    array += '"';
+    for (const char c : value) {
+        if (c == '"' || c == '\\') array += '\\';
+        array += c;
+    }
+    array += '"';
+}
+
+void append_element(std::string& array, int64_t value) {
+    char digits[24];
+    const auto end = std::to_chars(digits, digits + sizeof digits, value).ptr;
+    array.append(digits, end);
+}
+
+// The shortest text that reads back as the same double, in the words the
+// server reads for the values that have no digits.
+void append_element(std::string& array, double value) {
+    if (std::isnan(value)) {
+        array += "NaN";
+    } else if (std::isinf(value)) {
+        array += value < 0 ? "-Infinity" : "Infinity";
+    } else {
+        char digits[32];
+        const auto end = std::to_chars(digits, digits + sizeof digits, value).ptr;
+        array.append(digits, end);
+    }
+}
+
+}  // namespace
+
+// Writes records[at, at + count) as one statement of array_insert_sql():
+// each column's values become one array parameter, built in `a`.
+bool SqlExtension::write_row_arrays(const std::vector<InsertRecord>& records, size_t at,
+                                    size_t count, std::array<std::string, 14>& a) {
+    if (!insert_arrays_) {
+        insert_arrays_ = connection()->prepare(dialect_.array_insert_sql());
+        if (!insert_arrays_) return false;
+    }
+    static_assert(kRowFieldCount == 15, "one array per column but rowid");
+    for (auto& column : a) column.assign(1, '{');
+    for (size_t i = 0; i < count; ++i) {
+        const InsertRecord& r = records[at + i];
+        const auto& h = r.header;
+        if (i > 0)
+            for (auto& column : a) column += ',';
+        append_element(a[0], h.provider);
+        append_element(a[1], h.hostname);
+        append_element(a[2], int64_t{h.num_nodes});
+        node_text_.clear();
+        for (size_t n = 0; n < h.node_names.size(); ++n) {
+            if (n) node_text_ += kNodeListSeparator;
+            node_text_ += h.node_names[n];
+        }
+        append_element(a[3], node_text_);
+        append_element(a[4], int64_t{h.exit_status});
+        append_element(a[5], int64_t{h.timestamp});
+        append_element(a[6], h.duration);
+        append_element(a[7], static_cast<int64_t>(h.encoding));
+        append_element(a[8], r.std_out);
+        append_element(a[9], r.std_err);
+        append_element(a[10], r.option_id);
+        append_element(a[11], int64_t{h.version});
+        append_element(a[12], h.username);
+        append_element(a[13], int64_t{h.unique_timestamp});
+    }
+    Statement& stmt = *insert_arrays_;
+    for (size_t c = 0; c < a.size(); ++c) {
+        a[c] += '}';
+        if (!stmt.bind_text(static_cast<int>(c) + 1, a[c])) return false;
+    }
+    return run_to_end(stmt);
+}
+
+namespace {
+
+// The number of records from `at` on that go into one statement: up to
+// `per_statement`, fewer when their values would exceed kMaxStatementBytes.
+size_t batch_size(const std::vector<InsertRecord>& records, size_t at, size_t per_statement) {
+    size_t count = 0;
+    size_t bytes = 0;
+    while (at + count < records.size() && count < per_statement) {
+        const size_t more = value_bytes(records[at + count]);
+        if (count > 0 && bytes + more > kMaxStatementBytes) break;
+        bytes += more;
+        ++count;
+    }
+    return count;
+}
+
 }  // namespace
 
 // Writes `records` in multi-row statements of up to rows_per_insert() rows
@@ -317,16 +412,16 @@ std::string insert_rows_sql(const Dialect& dialect, size_t rows) {
 // holds the transaction.
 bool SqlExtension::write_rows(const std::vector<InsertRecord>& records) {
     const size_t per_statement = rows_per_insert();
-    std::vector<std::string> nodes(per_statement);
+    const bool arrays = !dialect_.array_insert_sql().empty();
+    std::vector<std::string> nodes(arrays ? 0 : per_statement);
+    std::array<std::string, 14> array_columns;
     constexpr int columns = static_cast<int>(kRowFieldCount) - 1;
     for (size_t at = 0; at < records.size();) {
-        size_t count = 0;
-        size_t bytes = 0;
-        while (at + count < records.size() && count < per_statement) {
-            const size_t more = value_bytes(records[at + count]);
-            if (count > 0 && bytes + more > kMaxStatementBytes) break;
-            bytes += more;
-            ++count;
+        const size_t count = batch_size(records, at, per_statement);
+        if (arrays) {
+            if (!write_row_arrays(records, at, count, array_columns)) return false;
+            at += count;
+            continue;
         }
         std::unique_ptr<Statement> once;
         Statement* stmt;

@@ -102,6 +102,7 @@ public:
     }
     std::string hosts_sql() const override { return target->hosts_sql(); }
     std::string placeholder(int index) const override { return target->placeholder(index); }
+    std::string array_insert_sql() const override { return target->array_insert_sql(); }
 
     const sql::Dialect* target = &sql::default_dialect();
 };

@@ -1,5 +1,8 @@
 #include "pg_dialect.h"
 
+#include <iterator>
+
+#include "vesk/datastore/row_fields.h"
 #include "vesk/datastore/vocabulary.h"
 
 namespace vesk::datastore::odbc_backend::pg {
@@ -89,6 +92,21 @@ std::string hosts_sql() {
            "LAST, CASE WHEN unique_timestamp IS NULL THEN OptionID END DESC NULLS LAST, CASE WHEN "
            "unique_timestamp IS NOT NULL THEN OptionID END ASC NULLS FIRST, CASE WHEN "
            "unique_timestamp IS NULL THEN -rowid ELSE rowid END;";
+}
+
+std::string array_insert_sql() {
+    // The element types of the columns in the order of the insert, rowid
+    // left out. unnest() gives the rows in array order, so rowids follow
+    // the order of the records as with VALUES.
+    static const char* const types[] = {
+        "text",    "text", "integer", "text", "integer", "bigint", "double precision",
+        "integer", "text", "text",    "text", "integer", "text",   "bigint"};
+    static_assert(std::size(types) == kRowFieldCount - 1, "one array per column but rowid");
+    std::string arrays;
+    for (const char* type : types)
+        arrays += std::string(arrays.empty() ? "" : ", ") + "?::" + type + "[]";
+    return "INSERT INTO " + table_name + "(" + row_column_list(1) + ") SELECT * FROM unnest(" +
+           arrays + ");";
 }
 
 const std::vector<std::string>& resync_rowid_statements() {

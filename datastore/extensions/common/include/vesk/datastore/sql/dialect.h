@@ -27,6 +27,10 @@ public:
     virtual std::string hosts_sql() const;
     // The placeholder of bind parameter `index` (1-based): "?" by default.
     virtual std::string placeholder(int index) const;
+    // A bulk insert that binds each column of insert_sql() once, as a
+    // PostgreSQL array literal of that column's values ({"text",1,0.5}), or
+    // "" (the default): bulk inserts then send multi-row INSERT ... VALUES.
+    virtual std::string array_insert_sql() const;
 
     // The insert of one provider row: every column but rowid, in the order
     // of kRowFields, with placeholder(1) to placeholder(14).

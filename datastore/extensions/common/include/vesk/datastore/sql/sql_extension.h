@@ -11,6 +11,7 @@
 // the connection, open and close, and the hooks below. Messages go to the
 // error log, each starting with where().
 
+#include <array>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -120,6 +121,8 @@ private:
                   const std::string& option_id, const std::string& std_out,
                   const std::string& std_err, std::string& nodes);
     bool write_rows(const std::vector<InsertRecord>& records);
+    bool write_row_arrays(const std::vector<InsertRecord>& records, size_t at, size_t count,
+                          std::array<std::string, 14>& columns);
     std::string write_failure();
     Outcome transaction(const std::function<Outcome()>& body);
     std::unique_ptr<Statement> prepare(const std::string& sql);
@@ -133,9 +136,10 @@ private:
                     const std::map<std::string, int>& fields, int field_count);
 
     std::unique_ptr<Statement> insert_;
-    std::unique_ptr<Statement> insert_rows_;  // rows_per_insert() rows
-    std::string node_text_;                   // joined node list of the row being written
-    bool own_text_ = false;                   // see own_text()
+    std::unique_ptr<Statement> insert_rows_;    // rows_per_insert() rows
+    std::unique_ptr<Statement> insert_arrays_;  // the dialect's array_insert_sql()
+    std::string node_text_;                     // joined node list of the row being written
+    bool own_text_ = false;                     // see own_text()
 };
 
 }  // namespace vesk::datastore::sql
