@@ -306,17 +306,19 @@ TEST_F(OdbcExtensionTest, CallerStatementsCannotWriteAndReadOnlyHoldsAtTheServer
     auto reader = open_instance("|read_only=true");
     ASSERT_TRUE(reader);
 
-    // A caller's statement, or a filter (the caller's text too) that writes
+    // A caller's query, or a filter (the caller's text too) that writes
     // through nextval, fails at the server on both.
     const std::string bump =
         "nextval(pg_get_serial_sequence('" + vd::table_name + "', 'rowid')) > 0";
+    const std::string move_sequence = "SELECT setval(pg_get_serial_sequence('" + vd::table_name +
+                                      "', 'rowid'), 1000) AS num_nodes;";
+    const std::string remove_all =
+        "WITH gone AS (DELETE FROM " + vd::table_name + " RETURNING *) SELECT * FROM gone;";
     for (Instance* i : {&writer, &reader}) {
         for (const bool as_filter : {false, true}) {
             std::vector<vd::Row> rows;
             testing::internal::CaptureStderr();
-            EXPECT_EQ(as_filter
-                          ? select(*i, rows, "", bump)
-                          : select(*i, rows, "DELETE FROM " + vd::table_name + " RETURNING *;"),
+            EXPECT_EQ(as_filter ? select(*i, rows, "", bump) : select(*i, rows, move_sequence),
                       kFailed);
             const std::string log = testing::internal::GetCapturedStderr();
             EXPECT_NE(log.find("25006"), std::string::npos) << log;
@@ -336,17 +338,31 @@ TEST_F(OdbcExtensionTest, CallerStatementsCannotWriteAndReadOnlyHoldsAtTheServer
             const std::string log = testing::internal::GetCapturedStderr();
             EXPECT_NE(log.find("more than one statement"), std::string::npos) << log;
         }
-        // One statement that ends the transaction, or changes the session's
-        // default, changes nothing past its own select.
+        // A statement that is no query could end the transaction or change
+        // the session for good (DEALLOCATE would drop the statements the
+        // writes were prepared as): refused before anything is sent.
+        for (const char* text : {"COMMIT", "DEALLOCATE ALL", "/* SELECT */ DISCARD ALL",
+                                 "SET SESSION CHARACTERISTICS AS TRANSACTION READ WRITE"}) {
+            std::vector<vd::Row> rows;
+            testing::internal::CaptureStderr();
+            EXPECT_EQ(select(*i, rows, text), kFailed) << text;
+            const std::string log = testing::internal::GetCapturedStderr();
+            EXPECT_NE(log.find("not a query"), std::string::npos) << log;
+        }
+        // A query that changes the session's default changes nothing past
+        // its own select.
         std::vector<vd::Row> none;
-        EXPECT_EQ(select(*i, none, "COMMIT"), kOk);
         EXPECT_EQ(select(*i, none,
                          "SELECT set_config('default_transaction_read_only', 'off', false) AS "
                          "Provider;"),
                   kOk);
         testing::internal::CaptureStderr();
-        EXPECT_EQ(select(*i, none, "DELETE FROM " + vd::table_name + " RETURNING *;"), kFailed);
+        EXPECT_EQ(select(*i, none, move_sequence), kFailed);
         EXPECT_NE(testing::internal::GetCapturedStderr().find("25006"), std::string::npos);
+        // A query that deletes through its WITH fails too.
+        testing::internal::CaptureStderr();
+        EXPECT_EQ(select(*i, none, remove_all), kFailed);
+        testing::internal::GetCapturedStderr();
         EXPECT_EQ(stored_rows(source).total, 1u);
         // The session is read-only while a select runs (the reader's for good).
         std::vector<vd::Row> setting;
@@ -391,6 +407,22 @@ TEST_F(OdbcExtensionTest, CallerStatementsCannotWriteAndReadOnlyHoldsAtTheServer
     EXPECT_EQ(rows[1].rowid, rows[0].rowid + 1);
     EXPECT_EQ(rows[2].rowid, rows[1].rowid + 1);
     EXPECT_EQ(rows[3].rowid, rows[2].rowid + 1);
+}
+
+// The driver reads an answer through a cursor, appending its fetch to the
+// caller's text: a comment at the end of that text must not swallow it.
+TEST_F(OdbcExtensionTest, ACallersQueryEndingInALineCommentReturnsItsRows) {
+    auto i = open_instance();
+    ASSERT_TRUE(i);
+    ASSERT_EQ(bulk(i, {row("p", 1), row("p", 2)}), kOk);
+    for (const std::string& text :
+         {"SELECT * FROM " + vd::table_name + " -- every row",
+          "SELECT * FROM " + vd::table_name + " -- every row\n;",
+          "-- every row\nSELECT * FROM " + vd::table_name + " /* all */"}) {
+        std::vector<vd::Row> rows;
+        EXPECT_EQ(select(i, rows, text), kOk) << text;
+        EXPECT_EQ(rows.size(), 2u) << text;
+    }
 }
 
 TEST_F(OdbcExtensionTest, ACommitTheServerRefusesIsReportedWithTheServersReason) {

@@ -15,9 +15,10 @@
 // rows_per_statement rows, in one transaction: all rows or none.
 //
 // Read-only: the kit refuses every write, and the server refuses them too
-// (a read-only session on PostgreSQL). A caller's select always runs inside
-// a transaction that is rolled back afterwards, read-only at the server on
-// PostgreSQL, so that it cannot change the datastore.
+// (a read-only session on PostgreSQL). A caller's select must be one query
+// (SELECT, WITH, VALUES, TABLE); it always runs inside a transaction that is
+// rolled back afterwards, read-only at the server on PostgreSQL, so that it
+// cannot change the datastore.
 //
 // Lost connection: when the server or the network drops the connection
 // (SQLSTATE 57P01, 08S01, 08001 ..., or the driver's dead flag), the call
@@ -221,14 +222,22 @@ protected:
                 << "refused statement: more than one statement (a \";\" outside quotes): " << sql;
             return nullptr;
         }
+        if (!is_query(*statement)) {
+            VESK_ODBC_LOG(kErrorLevel)
+                << where()
+                << "refused statement: not a query (a select starts with SELECT, WITH, VALUES "
+                   "or TABLE): "
+                << sql;
+            return nullptr;
+        }
         // On PostgreSQL a caller's transaction is read-only from its start:
         // the session's default is switched before it (a read-only
         // datastore's session is read-only for good), and back only before
         // the next write, so that a run of selects pays for one switch. The
         // driver runs each statement of a transaction inside a savepoint,
         // whose end would undo a switch made within the transaction; and
-        // whatever the caller's one statement changes of the session is
-        // undone by the rollback that ends it.
+        // whatever the caller's one query changes of the session's settings
+        // is undone by the rollback that ends it.
         if (postgres_ && !parameters_.read_only && !session_read_only_) {
             if (!c.execute_direct(kSessionReadOnly)) {
                 VESK_ODBC_LOG(kErrorLevel)
