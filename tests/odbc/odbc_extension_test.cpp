@@ -276,6 +276,52 @@ TEST_F(OdbcExtensionTest, TextThePostgreSqlServerCannotHoldIsRefusedNamingRowAnd
     }
 }
 
+TEST_F(OdbcExtensionTest, SnapshotTextThePostgreSqlServerCannotHoldIsRefusedNamingIt) {
+    auto i = open_instance();
+    ASSERT_TRUE(i);
+    ASSERT_EQ(bulk(i, {row("p", 1), row("p", 2)}), kOk);
+    const std::vector<vd::Row> rows = all_rows(i);
+    ASSERT_EQ(rows.size(), 2u);
+    struct Case {
+        const char* field;
+        std::function<void(std::string&, vesk::provider_config&)> spoil;
+        const char* problem;
+    };
+    const Case cases[] = {
+        {"baseline_id", [](auto& id, auto&) { id = "s\xff"; }, "not valid UTF-8 at offset 1"},
+        {"fwd_name", [](auto&, auto& c) { c.fwd_name = std::string("a\0b", 3); },
+         "NUL byte at offset 1"},
+        {"provider_checksum", [](auto&, auto& c) { c.provider_checksum = "\xc3"; },
+         "not valid UTF-8 at offset 0"},
+        {"command_checksum", [](auto&, auto& c) { c.command_checksum = "ok \xed\xa0\x80"; },
+         "not valid UTF-8 at offset 3"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.field);
+        std::string id = "s1";
+        auto config = std::make_shared<vesk::provider_config>();
+        config->name = "p";
+        auto spoiled = std::make_shared<vesk::provider_config>(*config);
+        c.spoil(id, *spoiled);
+        // The spoiled entry is the second: the first must not be written either.
+        const std::map<std::string, vd::ProviderInfoSet> snapshot{
+            {id, {{rows[0].rowid, "p", config}, {rows[1].rowid, "p", spoiled}}}};
+        const auto* in = &snapshot;
+        testing::internal::CaptureStderr();
+        EXPECT_EQ(i->control(vd::OP_UPDATE_SNAPSHOT, nullptr, &in, nullptr), kFailed);
+        const std::string log = testing::internal::GetCapturedStderr();
+        const bool of_entry = std::string(c.field) != "baseline_id";
+        EXPECT_NE(log.find((of_entry ? "row " + std::to_string(rows[1].rowid) + ": " : "") +
+                           "field " + c.field),
+                  std::string::npos)
+            << log;
+        EXPECT_NE(log.find(c.problem), std::string::npos) << log;
+        vd::SnapshotInfoSet ids;
+        ASSERT_EQ(i->control(vd::OP_QUERY_BASELINE_IDS, nullptr, &ids, nullptr), kOk);
+        EXPECT_TRUE(ids.empty());
+    }
+}
+
 TEST_F(OdbcExtensionTest, ANulIsRefusedOnOtherServersWhereverItStands) {
     // The SQLite ODBC driver takes bytes that are not UTF-8, and would cut a
     // value at its NUL.

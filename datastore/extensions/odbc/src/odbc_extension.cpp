@@ -203,6 +203,14 @@ protected:
         return "";
     }
 
+    std::string snapshot_text_problem(const char* /*field*/,
+                                      const std::string& text) const override {
+        const std::optional<std::string> problem = text_fault(text);
+        return problem ? "the text " + *problem + ", which " + holder() +
+                             " cannot hold; nothing was written"
+                       : "";
+    }
+
     size_t rows_per_insert() const override {
         return static_cast<size_t>(parameters_.rows_per_statement);
     }
@@ -295,18 +303,26 @@ private:
     static constexpr const char* kSessionReadWrite =
         "SET SESSION CHARACTERISTICS AS TRANSACTION READ WRITE;";
 
-    // Why `text` of `field` cannot be sent to this server, "" if it can.
-    std::string text_refusal(const char* field, const std::string& text) const {
+    // What is wrong with `text` for this server, nothing if it can be sent.
+    std::optional<std::string> text_fault(const std::string& text) const {
         // Other servers take any bytes but NUL, which the driver would cut
         // the value at.
-        std::optional<std::string> problem;
-        if (postgres_)
-            problem = text_problem(text);
-        else if (const size_t at = text.find('\0'); at != std::string::npos)
-            problem = "contains a NUL byte at offset " + std::to_string(at);
+        if (postgres_) return text_problem(text);
+        if (const size_t at = text.find('\0'); at != std::string::npos)
+            return "contains a NUL byte at offset " + std::to_string(at);
+        return std::nullopt;
+    }
+
+    // What cannot hold a text that text_fault refuses.
+    const char* holder() const {
+        return postgres_ ? "a PostgreSQL text column" : "a text value sent through ODBC";
+    }
+
+    // Why `text` of `field` cannot be sent to this server, "" if it can.
+    std::string text_refusal(const char* field, const std::string& text) const {
+        const std::optional<std::string> problem = text_fault(text);
         if (!problem) return "";
-        return std::string("field ") + field + ": the text " + *problem + ", which " +
-               (postgres_ ? "a PostgreSQL text column" : "a text value sent through ODBC") +
+        return std::string("field ") + field + ": the text " + *problem + ", which " + holder() +
                " cannot hold; nothing was written. Store such output base64-encoded (and set "
                "the row's Encoding to base64)";
     }
