@@ -345,6 +345,28 @@ TEST_F(OdbcExtensionTest, ANulIsRefusedOnOtherServersWhereverItStands) {
     EXPECT_EQ(rows[1].STDOUT, "\xff");
 }
 
+TEST_F(OdbcExtensionTest, ACallersSelectLoadsNoCodeThroughTheSqliteDriver) {
+    // The SQLite ODBC driver lets SQL load a shared library (and call any
+    // function of it): the SQLite extension's authorizer denies that, and
+    // so does this extension, before the driver sees the text.
+    const std::string driver = "/usr/lib/x86_64-linux-gnu/odbc/libsqlite3odbc.so";
+    TempDir dir;
+    Instance i = make();
+    ASSERT_EQ(i->open("source=DRIVER=" + driver + ";Database=" + dir.file("vesk.db") + ";"), kOk);
+    for (const std::string& text :
+         {"SELECT load_extension('" + dir.file("x.so") + "') AS Provider",
+          "SELECT 1 AS rowid WHERE LOAD_EXTENSION('" + dir.file("x.so") + "', 'main') IS NULL",
+          "SELECT \"Load_Extension\"('" + dir.file("x.so") + "') AS Provider",
+          std::string("SELECT fts3_tokenizer('simple') AS Provider")}) {
+        std::vector<vd::Row> rows;
+        testing::internal::CaptureStderr();
+        EXPECT_EQ(select(i, rows, text), kFailed) << text;
+        const std::string log = testing::internal::GetCapturedStderr();
+        EXPECT_NE(log.find("refused statement: it names"), std::string::npos) << log;
+        EXPECT_EQ(log.find("shared object"), std::string::npos) << log;
+    }
+}
+
 TEST_F(OdbcExtensionTest, CallerStatementsCannotWriteAndReadOnlyHoldsAtTheServer) {
     auto writer = open_instance();
     ASSERT_TRUE(writer);

@@ -128,6 +128,12 @@ TEST(TextCheck, ACallersStatementIsAQueryOrRefused) {
         EXPECT_FALSE(is_query(text)) << text;
 }
 
+TEST(TextCheck, FindsTheFunctionsThatLoadCodeInAnyCase) {
+    EXPECT_EQ(names_code_loader("SELECT Load_Extension('x')"), "load_extension");
+    EXPECT_EQ(names_code_loader("SELECT \"FTS3_TOKENIZER\"('simple')"), "fts3_tokenizer");
+    EXPECT_FALSE(names_code_loader("SELECT load_ext, extension FROM t").has_value());
+}
+
 TEST(TextCheck, AcceptsValidUtf8AndFindsTheFirstFault) {
     for (const char* v :
          {"", "plain", "caf\xc3\xa9", "\x7f", "\xc2\x80", "\xdf\xbf", "\xe0\xa0\x80",

@@ -238,6 +238,13 @@ protected:
                 << sql;
             return nullptr;
         }
+        // The SQLite ODBC driver lets SQL load a shared library into this
+        // process: a caller's text must not even name the functions that do.
+        if (const auto loader = names_code_loader(*statement); loader && !postgres_) {
+            VESK_ODBC_LOG(kErrorLevel) << where() << "refused statement: it names " << *loader
+                                       << ", which loads code into this process: " << sql;
+            return nullptr;
+        }
         // On PostgreSQL a caller's transaction is read-only from its start:
         // the session's default is switched before it (a read-only
         // datastore's session is read-only for good), and back only before

@@ -130,4 +130,12 @@ bool is_query(std::string_view sql) {
     return false;
 }
 
+std::optional<std::string> names_code_loader(std::string_view sql) {
+    std::string lower(sql);
+    for (char& c : lower) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    for (const char* name : {"load_extension", "fts3_tokenizer"})
+        if (lower.find(name) != std::string::npos) return std::string(name);
+    return std::nullopt;
+}
+
 }  // namespace vesk::datastore::odbc_backend

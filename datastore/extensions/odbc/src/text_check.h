@@ -33,4 +33,9 @@ std::optional<std::string> single_statement(const std::string& sql);
 // statements prepared for writes).
 bool is_query(std::string_view sql);
 
+// The name of an SQLite function that loads code into the process
+// (load_extension, fts3_tokenizer) when `sql` names one anywhere, in any
+// case; otherwise nothing.
+std::optional<std::string> names_code_loader(std::string_view sql);
+
 }  // namespace vesk::datastore::odbc_backend
