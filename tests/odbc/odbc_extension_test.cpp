@@ -7,6 +7,7 @@
 #include <functional>
 #include <link.h>
 #include <memory>
+#include <random>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -567,6 +568,75 @@ TEST_F(OdbcExtensionTest, LostConnectionFailsTheWriteThenTheNextCallReopens) {
         EXPECT_NE(again.find("reading again"), std::string::npos) << again;
         EXPECT_EQ(rows.size(), k < 3 ? 3u : 0u) << k;  // the last reads snapshot ids
     }
+}
+
+// A writer whose session a caller's select left read-only, and a reader,
+// lose their connections between calls of every kind: the call that meets
+// the lost connection may fail, naming it; the next one works; no write is
+// refused by a session left read-only, and every acknowledged row is stored
+// once.
+TEST_F(OdbcExtensionTest, ReadsAndWritesInAnyOrderSurviveLostConnections) {
+    auto w = open_instance();
+    auto r = open_instance("|read_only=true");
+    ASSERT_TRUE(w && r);
+    std::mt19937 random(7);
+    int next = 0;
+    size_t acknowledged = 0;
+    bool failed_before = false;
+    int failures = 0;
+    for (int call = 0; call < 120; ++call) {
+        // Both datastores' server processes end, and are waited for.
+        if (random() % 3 == 0)
+            query_int(*connection,
+                      "SELECT count(pg_terminate_backend(pid, 10000)) FROM pg_stat_activity "
+                      "WHERE datname = 'vesk_extension' AND pid <> pg_backend_pid();");
+        const int kind = static_cast<int>(random() % 5);
+        std::vector<vd::Row> rows;
+        testing::internal::CaptureStderr();
+        int32_t status = kFailed;
+        switch (kind) {
+            case 0:
+                status = insert(w, row("p", next++));
+                if (status == kOk) ++acknowledged;
+                break;
+            case 1: {
+                std::vector<vd::InsertRecord> three{row("p", next), row("p", next + 1),
+                                                    row("p", next + 2)};
+                next += 3;
+                status = bulk(w, three);
+                if (status == kOk) acknowledged += 3;
+                break;
+            }
+            case 2:
+                status = select(w, rows, "SELECT * FROM " + vd::table_name + ";");
+                break;
+            case 3:
+                status = latest(w, vd::OP_LATEST_ROWS_PROVIDER, rows);
+                break;
+            default:
+                status = select(r, rows, "SELECT * FROM " + vd::table_name + ";");
+                break;
+        }
+        const std::string log = testing::internal::GetCapturedStderr();
+        SCOPED_TRACE("call " + std::to_string(call) + " of kind " + std::to_string(kind) + ": " +
+                     log);
+        EXPECT_EQ(log.find("25006"), std::string::npos);
+        if (status == kOk) {
+            if (kind >= 2) {
+                EXPECT_EQ(rows.size(), acknowledged);
+            }
+            failed_before = false;
+            continue;
+        }
+        // Reads are read again on a new connection: only writes fail.
+        EXPECT_LT(kind, 2);
+        EXPECT_NE(log.find("connection to the server was lost"), std::string::npos);
+        EXPECT_FALSE(failed_before) << "two calls in a row failed";
+        failed_before = true;
+        ++failures;
+    }
+    EXPECT_GT(failures, 0) << "no lost connection met a write";
+    EXPECT_EQ(stored_rows(source).total, acknowledged);
 }
 
 TEST_F(OdbcExtensionTest, QueryTimeLimitStopsALongStatement) {
