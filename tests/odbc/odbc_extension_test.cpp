@@ -9,6 +9,7 @@
 #include <limits>
 #include <link.h>
 #include <memory>
+#include <random>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -311,6 +312,52 @@ TEST_F(OdbcExtensionTest, TextThePostgreSqlServerCannotHoldIsRefusedNamingRowAnd
     }
 }
 
+TEST_F(OdbcExtensionTest, SnapshotTextThePostgreSqlServerCannotHoldIsRefusedNamingIt) {
+    auto i = open_instance();
+    ASSERT_TRUE(i);
+    ASSERT_EQ(bulk(i, {row("p", 1), row("p", 2)}), kOk);
+    const std::vector<vd::Row> rows = all_rows(i);
+    ASSERT_EQ(rows.size(), 2u);
+    struct Case {
+        const char* field;
+        std::function<void(std::string&, vesk::provider_config&)> spoil;
+        const char* problem;
+    };
+    const Case cases[] = {
+        {"baseline_id", [](auto& id, auto&) { id = "s\xff"; }, "not valid UTF-8 at offset 1"},
+        {"fwd_name", [](auto&, auto& c) { c.fwd_name = std::string("a\0b", 3); },
+         "NUL byte at offset 1"},
+        {"provider_checksum", [](auto&, auto& c) { c.provider_checksum = "\xc3"; },
+         "not valid UTF-8 at offset 0"},
+        {"command_checksum", [](auto&, auto& c) { c.command_checksum = "ok \xed\xa0\x80"; },
+         "not valid UTF-8 at offset 3"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.field);
+        std::string id = "s1";
+        auto config = std::make_shared<vesk::provider_config>();
+        config->name = "p";
+        auto spoiled = std::make_shared<vesk::provider_config>(*config);
+        c.spoil(id, *spoiled);
+        // The spoiled entry is the second: the first must not be written either.
+        const std::map<std::string, vd::ProviderInfoSet> snapshot{
+            {id, {{rows[0].rowid, "p", config}, {rows[1].rowid, "p", spoiled}}}};
+        const auto* in = &snapshot;
+        testing::internal::CaptureStderr();
+        EXPECT_EQ(i->control(vd::OP_UPDATE_SNAPSHOT, nullptr, &in, nullptr), kFailed);
+        const std::string log = testing::internal::GetCapturedStderr();
+        const bool of_entry = std::string(c.field) != "baseline_id";
+        EXPECT_NE(log.find((of_entry ? "row " + std::to_string(rows[1].rowid) + ": " : "") +
+                           "field " + c.field),
+                  std::string::npos)
+            << log;
+        EXPECT_NE(log.find(c.problem), std::string::npos) << log;
+        vd::SnapshotInfoSet ids;
+        ASSERT_EQ(i->control(vd::OP_QUERY_BASELINE_IDS, nullptr, &ids, nullptr), kOk);
+        EXPECT_TRUE(ids.empty());
+    }
+}
+
 TEST_F(OdbcExtensionTest, ANulIsRefusedOnOtherServersWhereverItStands) {
     // The SQLite ODBC driver takes bytes that are not UTF-8, and would cut a
     // value at its NUL.
@@ -334,6 +381,28 @@ TEST_F(OdbcExtensionTest, ANulIsRefusedOnOtherServersWhereverItStands) {
     EXPECT_EQ(rows[1].STDOUT, "\xff");
 }
 
+TEST_F(OdbcExtensionTest, ACallersSelectLoadsNoCodeThroughTheSqliteDriver) {
+    // The SQLite ODBC driver lets SQL load a shared library (and call any
+    // function of it): the SQLite extension's authorizer denies that, and
+    // so does this extension, before the driver sees the text.
+    const std::string driver = "/usr/lib/x86_64-linux-gnu/odbc/libsqlite3odbc.so";
+    TempDir dir;
+    Instance i = make();
+    ASSERT_EQ(i->open("source=DRIVER=" + driver + ";Database=" + dir.file("vesk.db") + ";"), kOk);
+    for (const std::string& text :
+         {"SELECT load_extension('" + dir.file("x.so") + "') AS Provider",
+          "SELECT 1 AS rowid WHERE LOAD_EXTENSION('" + dir.file("x.so") + "', 'main') IS NULL",
+          "SELECT \"Load_Extension\"('" + dir.file("x.so") + "') AS Provider",
+          std::string("SELECT fts3_tokenizer('simple') AS Provider")}) {
+        std::vector<vd::Row> rows;
+        testing::internal::CaptureStderr();
+        EXPECT_EQ(select(i, rows, text), kFailed) << text;
+        const std::string log = testing::internal::GetCapturedStderr();
+        EXPECT_NE(log.find("refused statement: it names"), std::string::npos) << log;
+        EXPECT_EQ(log.find("shared object"), std::string::npos) << log;
+    }
+}
+
 TEST_F(OdbcExtensionTest, CallerStatementsCannotWriteAndReadOnlyHoldsAtTheServer) {
     auto writer = open_instance();
     ASSERT_TRUE(writer);
@@ -341,17 +410,19 @@ TEST_F(OdbcExtensionTest, CallerStatementsCannotWriteAndReadOnlyHoldsAtTheServer
     auto reader = open_instance("|read_only=true");
     ASSERT_TRUE(reader);
 
-    // A caller's statement, or a filter (the caller's text too) that writes
+    // A caller's query, or a filter (the caller's text too) that writes
     // through nextval, fails at the server on both.
     const std::string bump =
         "nextval(pg_get_serial_sequence('" + vd::table_name + "', 'rowid')) > 0";
+    const std::string move_sequence = "SELECT setval(pg_get_serial_sequence('" + vd::table_name +
+                                      "', 'rowid'), 1000) AS num_nodes;";
+    const std::string remove_all =
+        "WITH gone AS (DELETE FROM " + vd::table_name + " RETURNING *) SELECT * FROM gone;";
     for (Instance* i : {&writer, &reader}) {
         for (const bool as_filter : {false, true}) {
             std::vector<vd::Row> rows;
             testing::internal::CaptureStderr();
-            EXPECT_EQ(as_filter
-                          ? select(*i, rows, "", bump)
-                          : select(*i, rows, "DELETE FROM " + vd::table_name + " RETURNING *;"),
+            EXPECT_EQ(as_filter ? select(*i, rows, "", bump) : select(*i, rows, move_sequence),
                       kFailed);
             const std::string log = testing::internal::GetCapturedStderr();
             EXPECT_NE(log.find("25006"), std::string::npos) << log;
@@ -371,17 +442,31 @@ TEST_F(OdbcExtensionTest, CallerStatementsCannotWriteAndReadOnlyHoldsAtTheServer
             const std::string log = testing::internal::GetCapturedStderr();
             EXPECT_NE(log.find("more than one statement"), std::string::npos) << log;
         }
-        // One statement that ends the transaction, or changes the session's
-        // default, changes nothing past its own select.
+        // A statement that is no query could end the transaction or change
+        // the session for good (DEALLOCATE would drop the statements the
+        // writes were prepared as): refused before anything is sent.
+        for (const char* text : {"COMMIT", "DEALLOCATE ALL", "/* SELECT */ DISCARD ALL",
+                                 "SET SESSION CHARACTERISTICS AS TRANSACTION READ WRITE"}) {
+            std::vector<vd::Row> rows;
+            testing::internal::CaptureStderr();
+            EXPECT_EQ(select(*i, rows, text), kFailed) << text;
+            const std::string log = testing::internal::GetCapturedStderr();
+            EXPECT_NE(log.find("not a query"), std::string::npos) << log;
+        }
+        // A query that changes the session's default changes nothing past
+        // its own select.
         std::vector<vd::Row> none;
-        EXPECT_EQ(select(*i, none, "COMMIT"), kOk);
         EXPECT_EQ(select(*i, none,
                          "SELECT set_config('default_transaction_read_only', 'off', false) AS "
                          "Provider;"),
                   kOk);
         testing::internal::CaptureStderr();
-        EXPECT_EQ(select(*i, none, "DELETE FROM " + vd::table_name + " RETURNING *;"), kFailed);
+        EXPECT_EQ(select(*i, none, move_sequence), kFailed);
         EXPECT_NE(testing::internal::GetCapturedStderr().find("25006"), std::string::npos);
+        // A query that deletes through its WITH fails too.
+        testing::internal::CaptureStderr();
+        EXPECT_EQ(select(*i, none, remove_all), kFailed);
+        testing::internal::GetCapturedStderr();
         EXPECT_EQ(stored_rows(source).total, 1u);
         // The session is read-only while a select runs (the reader's for good).
         std::vector<vd::Row> setting;
@@ -426,6 +511,22 @@ TEST_F(OdbcExtensionTest, CallerStatementsCannotWriteAndReadOnlyHoldsAtTheServer
     EXPECT_EQ(rows[1].rowid, rows[0].rowid + 1);
     EXPECT_EQ(rows[2].rowid, rows[1].rowid + 1);
     EXPECT_EQ(rows[3].rowid, rows[2].rowid + 1);
+}
+
+// The driver reads an answer through a cursor, appending its fetch to the
+// caller's text: a comment at the end of that text must not swallow it.
+TEST_F(OdbcExtensionTest, ACallersQueryEndingInALineCommentReturnsItsRows) {
+    auto i = open_instance();
+    ASSERT_TRUE(i);
+    ASSERT_EQ(bulk(i, {row("p", 1), row("p", 2)}), kOk);
+    for (const std::string& text :
+         {"SELECT * FROM " + vd::table_name + " -- every row",
+          "SELECT * FROM " + vd::table_name + " -- every row\n;",
+          "-- every row\nSELECT * FROM " + vd::table_name + " /* all */"}) {
+        std::vector<vd::Row> rows;
+        EXPECT_EQ(select(i, rows, text), kOk) << text;
+        EXPECT_EQ(rows.size(), 2u) << text;
+    }
 }
 
 TEST_F(OdbcExtensionTest, ACommitTheServerRefusesIsReportedWithTheServersReason) {
@@ -502,6 +603,75 @@ TEST_F(OdbcExtensionTest, LostConnectionFailsTheWriteThenTheNextCallReopens) {
         EXPECT_NE(again.find("reading again"), std::string::npos) << again;
         EXPECT_EQ(rows.size(), k < 3 ? 3u : 0u) << k;  // the last reads snapshot ids
     }
+}
+
+// A writer whose session a caller's select left read-only, and a reader,
+// lose their connections between calls of every kind: the call that meets
+// the lost connection may fail, naming it; the next one works; no write is
+// refused by a session left read-only, and every acknowledged row is stored
+// once.
+TEST_F(OdbcExtensionTest, ReadsAndWritesInAnyOrderSurviveLostConnections) {
+    auto w = open_instance();
+    auto r = open_instance("|read_only=true");
+    ASSERT_TRUE(w && r);
+    std::mt19937 random(7);
+    int next = 0;
+    size_t acknowledged = 0;
+    bool failed_before = false;
+    int failures = 0;
+    for (int call = 0; call < 120; ++call) {
+        // Both datastores' server processes end, and are waited for.
+        if (random() % 3 == 0)
+            query_int(*connection,
+                      "SELECT count(pg_terminate_backend(pid, 10000)) FROM pg_stat_activity "
+                      "WHERE datname = 'vesk_extension' AND pid <> pg_backend_pid();");
+        const int kind = static_cast<int>(random() % 5);
+        std::vector<vd::Row> rows;
+        testing::internal::CaptureStderr();
+        int32_t status = kFailed;
+        switch (kind) {
+            case 0:
+                status = insert(w, row("p", next++));
+                if (status == kOk) ++acknowledged;
+                break;
+            case 1: {
+                std::vector<vd::InsertRecord> three{row("p", next), row("p", next + 1),
+                                                    row("p", next + 2)};
+                next += 3;
+                status = bulk(w, three);
+                if (status == kOk) acknowledged += 3;
+                break;
+            }
+            case 2:
+                status = select(w, rows, "SELECT * FROM " + vd::table_name + ";");
+                break;
+            case 3:
+                status = latest(w, vd::OP_LATEST_ROWS_PROVIDER, rows);
+                break;
+            default:
+                status = select(r, rows, "SELECT * FROM " + vd::table_name + ";");
+                break;
+        }
+        const std::string log = testing::internal::GetCapturedStderr();
+        SCOPED_TRACE("call " + std::to_string(call) + " of kind " + std::to_string(kind) + ": " +
+                     log);
+        EXPECT_EQ(log.find("25006"), std::string::npos);
+        if (status == kOk) {
+            if (kind >= 2) {
+                EXPECT_EQ(rows.size(), acknowledged);
+            }
+            failed_before = false;
+            continue;
+        }
+        // Reads are read again on a new connection: only writes fail.
+        EXPECT_LT(kind, 2);
+        EXPECT_NE(log.find("connection to the server was lost"), std::string::npos);
+        EXPECT_FALSE(failed_before) << "two calls in a row failed";
+        failed_before = true;
+        ++failures;
+    }
+    EXPECT_GT(failures, 0) << "no lost connection met a write";
+    EXPECT_EQ(stored_rows(source).total, acknowledged);
 }
 
 TEST_F(OdbcExtensionTest, QueryTimeLimitStopsALongStatement) {

@@ -91,8 +91,12 @@ TEST(TextCheck, ACallersSelectIsOneStatementOrRefused) {
         std::string body = text;
         while (body.back() == ';' || std::isspace(static_cast<unsigned char>(body.back())))
             body.pop_back();
+        if (body.find("--") != std::string::npos) body += '\n';
         EXPECT_EQ(single_statement(text), body) << text;
     }
+    // A line comment ends at a line break, whatever followed it.
+    EXPECT_EQ(single_statement("SELECT 1 -- note\n;"), "SELECT 1 -- note\n");
+    EXPECT_EQ(single_statement("SELECT '--' AS a"), "SELECT '--' AS a\n");
     // Refused: a ";" that ends a statement, or one that dollar quotes,
     // backslash escapes, comments, brackets or backticks might hide.
     for (const char* text : {
@@ -108,6 +112,26 @@ TEST(TextCheck, ACallersSelectIsOneStatementOrRefused) {
              "SELECT `a;b`",
          })
         EXPECT_FALSE(single_statement(text).has_value()) << text;
+}
+
+TEST(TextCheck, ACallersStatementIsAQueryOrRefused) {
+    for (const char* text :
+         {"SELECT 1", "select 1", "  (SELECT 1) UNION (SELECT 2)", "WITH a AS (SELECT 1) TABLE a",
+          "VALUES (1)", "TABLE vesk_1", "-- note\nSELECT 1", "/* a /* nested */ b */ SELECT 1",
+          "\n\t/**/((Select(1)))", "SELECT*FROM t"})
+        EXPECT_TRUE(is_query(text)) << text;
+    for (const char* text :
+         {"", "   ", "-- SELECT 1", "/* SELECT 1", "/* a /* b */ SELECT */ DEALLOCATE ALL",
+          "DEALLOCATE ALL", "COMMIT", "SET SESSION CHARACTERISTICS AS TRANSACTION READ WRITE",
+          "DELETE FROM t RETURNING *", "SELECTED", "select_1", "SELECT\xc3\xa9 1", "DO 'BEGIN END'",
+          "LOAD 'x'", "COPY t TO STDOUT", "EXPLAIN ANALYZE DELETE FROM t", "\"SELECT\""})
+        EXPECT_FALSE(is_query(text)) << text;
+}
+
+TEST(TextCheck, FindsTheFunctionsThatLoadCodeInAnyCase) {
+    EXPECT_EQ(names_code_loader("SELECT Load_Extension('x')"), "load_extension");
+    EXPECT_EQ(names_code_loader("SELECT \"FTS3_TOKENIZER\"('simple')"), "fts3_tokenizer");
+    EXPECT_FALSE(names_code_loader("SELECT load_ext, extension FROM t").has_value());
 }
 
 TEST(TextCheck, AcceptsValidUtf8AndFindsTheFirstFault) {

@@ -153,6 +153,11 @@ std::string SqlExtension::row_text_problem(const vesk::provider::header& /*heade
     return "";
 }
 
+std::string SqlExtension::snapshot_text_problem(const char* /*field*/,
+                                                const std::string& /*text*/) const {
+    return "";
+}
+
 void SqlExtension::release_statements() {
     insert_.reset();
     insert_rows_.reset();
@@ -524,6 +529,29 @@ bool SqlExtension::update_snapshot(const std::map<std::string, ProviderInfoSet>&
         if (const std::string why = checks::name_problem(id); !why.empty()) {
             VESK_SQL_LOG(kErrorLevel)
                 << where() << "refused snapshot update: id \"" << id << "\" " << why;
+            return false;
+        }
+        // A text the backend cannot store is refused before anything is
+        // sent, naming the entry and the field.
+        std::string refusal = snapshot_text_problem("baseline_id", id);
+        for (auto entry = entries.begin(); refusal.empty() && entry != entries.end(); ++entry) {
+            if (entry->config == nullptr) continue;
+            const std::pair<const char*, const std::string*> texts[] = {
+                {"fwd_name", &entry->config->fwd_name},
+                {"provider_checksum", &entry->config->provider_checksum},
+                {"command_checksum", &entry->config->command_checksum},
+            };
+            for (const auto& [field, text] : texts) {
+                const std::string why = snapshot_text_problem(field, *text);
+                if (why.empty()) continue;
+                refusal = "row " + std::to_string(entry->rowid) + ": field " + field + ": " + why;
+                break;
+            }
+        }
+        if (!refusal.empty()) {
+            if (refusal.compare(0, 4, "row ") != 0) refusal = "field baseline_id: " + refusal;
+            VESK_SQL_LOG(kErrorLevel)
+                << where() << "refused snapshot \"" << id << "\": " << refusal;
             return false;
         }
     }

@@ -15,9 +15,10 @@
 // rows_per_statement rows, in one transaction: all rows or none.
 //
 // Read-only: the kit refuses every write, and the server refuses them too
-// (a read-only session on PostgreSQL). A caller's select always runs inside
-// a transaction that is rolled back afterwards, read-only at the server on
-// PostgreSQL, so that it cannot change the datastore.
+// (a read-only session on PostgreSQL). A caller's select must be one query
+// (SELECT, WITH, VALUES, TABLE); it always runs inside a transaction that is
+// rolled back afterwards, read-only at the server on PostgreSQL, so that it
+// cannot change the datastore.
 //
 // Lost connection: when the server or the network drops the connection
 // (SQLSTATE 57P01, 08S01, 08001 ..., or the driver's dead flag), the call
@@ -203,6 +204,14 @@ protected:
         return "";
     }
 
+    std::string snapshot_text_problem(const char* /*field*/,
+                                      const std::string& text) const override {
+        const std::optional<std::string> problem = text_fault(text);
+        return problem ? "the text " + *problem + ", which " + holder() +
+                             " cannot hold; nothing was written"
+                       : "";
+    }
+
     size_t rows_per_insert() const override {
         return static_cast<size_t>(parameters_.rows_per_statement);
     }
@@ -222,14 +231,29 @@ protected:
                 << "refused statement: more than one statement (a \";\" outside quotes): " << sql;
             return nullptr;
         }
+        if (!is_query(*statement)) {
+            VESK_ODBC_LOG(kErrorLevel)
+                << where()
+                << "refused statement: not a query (a select starts with SELECT, WITH, VALUES "
+                   "or TABLE): "
+                << sql;
+            return nullptr;
+        }
+        // The SQLite ODBC driver lets SQL load a shared library into this
+        // process: a caller's text must not even name the functions that do.
+        if (const auto loader = names_code_loader(*statement); loader && !postgres_) {
+            VESK_ODBC_LOG(kErrorLevel) << where() << "refused statement: it names " << *loader
+                                       << ", which loads code into this process: " << sql;
+            return nullptr;
+        }
         // On PostgreSQL a caller's transaction is read-only from its start:
         // the session's default is switched before it (a read-only
         // datastore's session is read-only for good), and back only before
         // the next write, so that a run of selects pays for one switch. The
         // driver runs each statement of a transaction inside a savepoint,
         // whose end would undo a switch made within the transaction; and
-        // whatever the caller's one statement changes of the session is
-        // undone by the rollback that ends it.
+        // whatever the caller's one query changes of the session's settings
+        // is undone by the rollback that ends it.
         if (postgres_ && !parameters_.read_only && !session_read_only_) {
             if (!c.execute_direct(kSessionReadOnly)) {
                 VESK_ODBC_LOG(kErrorLevel)
@@ -287,18 +311,26 @@ private:
     static constexpr const char* kSessionReadWrite =
         "SET SESSION CHARACTERISTICS AS TRANSACTION READ WRITE;";
 
-    // Why `text` of `field` cannot be sent to this server, "" if it can.
-    std::string text_refusal(const char* field, const std::string& text) const {
+    // What is wrong with `text` for this server, nothing if it can be sent.
+    std::optional<std::string> text_fault(const std::string& text) const {
         // Other servers take any bytes but NUL, which the driver would cut
         // the value at.
-        std::optional<std::string> problem;
-        if (postgres_)
-            problem = text_problem(text);
-        else if (const size_t at = text.find('\0'); at != std::string::npos)
-            problem = "contains a NUL byte at offset " + std::to_string(at);
+        if (postgres_) return text_problem(text);
+        if (const size_t at = text.find('\0'); at != std::string::npos)
+            return "contains a NUL byte at offset " + std::to_string(at);
+        return std::nullopt;
+    }
+
+    // What cannot hold a text that text_fault refuses.
+    const char* holder() const {
+        return postgres_ ? "a PostgreSQL text column" : "a text value sent through ODBC";
+    }
+
+    // Why `text` of `field` cannot be sent to this server, "" if it can.
+    std::string text_refusal(const char* field, const std::string& text) const {
+        const std::optional<std::string> problem = text_fault(text);
         if (!problem) return "";
-        return std::string("field ") + field + ": the text " + *problem + ", which " +
-               (postgres_ ? "a PostgreSQL text column" : "a text value sent through ODBC") +
+        return std::string("field ") + field + ": the text " + *problem + ", which " + holder() +
                " cannot hold; nothing was written. Store such output base64-encoded (and set "
                "the row's Encoding to base64)";
     }

@@ -64,6 +64,7 @@ std::optional<std::string> single_statement(const std::string& sql) {
            (sql[end - 1] == ';' || std::isspace(static_cast<unsigned char>(sql[end - 1]))))
         --end;
     std::string body = sql.substr(0, end);
+    if (body.find("--") != std::string::npos) body += '\n';
     if (body.find(';') == std::string::npos) return body;
     // Dollar quotes, comments, backslash escapes (whose meaning depends on a
     // server setting), brackets and backticks change what is quoted: with
@@ -84,6 +85,57 @@ std::optional<std::string> single_statement(const std::string& sql) {
         }
     }
     return body;
+}
+
+bool is_query(std::string_view sql) {
+    std::size_t i = 0;
+    const std::size_t size = sql.size();
+    while (i < size) {
+        const char c = sql[i];
+        if (std::isspace(static_cast<unsigned char>(c)) || c == '(') {
+            ++i;
+        } else if (sql.compare(i, 2, "--") == 0) {
+            const std::size_t eol = sql.find('\n', i);
+            i = eol == std::string_view::npos ? size : eol + 1;
+        } else if (sql.compare(i, 2, "/*") == 0) {
+            // PostgreSQL nests block comments.
+            int depth = 0;
+            do {
+                if (sql.compare(i, 2, "/*") == 0) {
+                    ++depth;
+                    i += 2;
+                } else if (sql.compare(i, 2, "*/") == 0) {
+                    --depth;
+                    i += 2;
+                } else {
+                    ++i;
+                }
+            } while (depth > 0 && i < size);
+        } else {
+            break;
+        }
+    }
+    std::size_t end = i;
+    while (end < size && (std::isalnum(static_cast<unsigned char>(sql[end])) || sql[end] == '_' ||
+                          sql[end] == '$' || static_cast<unsigned char>(sql[end]) >= 0x80))
+        ++end;
+    const std::string_view word = sql.substr(i, end - i);
+    for (const char* keyword : {"select", "with", "values", "table"}) {
+        if (word.size() != std::strlen(keyword)) continue;
+        bool same = true;
+        for (std::size_t k = 0; k < word.size() && same; ++k)
+            same = std::tolower(static_cast<unsigned char>(word[k])) == keyword[k];
+        if (same) return true;
+    }
+    return false;
+}
+
+std::optional<std::string> names_code_loader(std::string_view sql) {
+    std::string lower(sql);
+    for (char& c : lower) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    for (const char* name : {"load_extension", "fts3_tokenizer"})
+        if (lower.find(name) != std::string::npos) return std::string(name);
+    return std::nullopt;
 }
 
 }  // namespace vesk::datastore::odbc_backend

@@ -22,7 +22,20 @@ std::optional<std::string> text_problem(std::string_view text);
 // A caller's statement without its trailing blanks and semicolons, or
 // nothing when the text may hold more than one statement: a ";" outside
 // quotes, or anywhere when the text also holds what could hide it from this
-// scan (dollar quotes, comments, backslashes, brackets, backticks).
+// scan (dollar quotes, comments, backslashes, brackets, backticks). A text
+// with "--" ends in a line break: the driver may append a statement of its
+// own to the line, which a line comment would swallow.
 std::optional<std::string> single_statement(const std::string& sql);
+
+// True when `sql`, after blanks, comments and opening parentheses, starts
+// with SELECT, WITH, VALUES or TABLE: a query. Other statements can change
+// the session beyond a rolled-back transaction (DEALLOCATE drops the
+// statements prepared for writes).
+bool is_query(std::string_view sql);
+
+// The name of an SQLite function that loads code into the process
+// (load_extension, fts3_tokenizer) when `sql` names one anywhere, in any
+// case; otherwise nothing.
+std::optional<std::string> names_code_loader(std::string_view sql);
 
 }  // namespace vesk::datastore::odbc_backend

@@ -82,6 +82,9 @@ protected:
     virtual std::string row_text_problem(const vesk::provider::header& header,
                                          const std::string& option_id, const std::string& std_out,
                                          const std::string& std_err) const;
+    // Why `text`, field `field` of a snapshot entry, cannot be stored by
+    // this backend ("" if it can).
+    virtual std::string snapshot_text_problem(const char* field, const std::string& text) const;
     // Rows per INSERT statement of a bulk insert: 1 runs the prepared
     // single-row insert once per row, more sends multi-row INSERT ... VALUES.
     virtual size_t rows_per_insert() const { return 1; }
