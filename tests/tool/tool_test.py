@@ -1291,6 +1291,19 @@ class Retention(ToolCase):
             with self.subTest(args):
                 self.run_tool("prune", *args, expect=ERROR)
 
+    def test_prune_leaves_a_read_only_datastore_alone(self):
+        ro = ("--config", self.read_only_config())
+        before = self.stored_rows()
+        for args in (["--keep-runs", "1", "--yes"], ["--older-than", "1h", "--yes", "--compact"]):
+            with self.subTest(args):
+                line = self.stderr_line(self.run_tool(*ro, "prune", *args, expect=ERROR))
+                self.assertIn("datastore ro is read-only", line)
+        self.assertEqual(self.stored_rows(), before)
+        # Counting reads only, and counts as the writable datastore does.
+        self.assertEqual(self.json_of(*ro, "prune", "--keep-runs", "1", "--dry-run")["rows"],
+                         self.json_of("prune", "--keep-runs", "1", "--dry-run")["rows"])
+        self.assertEqual(self.stored_rows(), before)
+
     def test_readers_alongside_prune_never_fail(self):
         import threading
         for round_ in range(3):
