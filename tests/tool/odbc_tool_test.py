@@ -72,8 +72,9 @@ class OdbcDatastore(OdbcToolCase):
         pg = ("--config", self.pg)
         collected = self.json_of(*pg, "collect", "--providers-file", self.providers_file(
             "hello : echo hello\nfailing : echo oops >&2; exit 3\n"
-            "binary : printf 'caf\\351\\000\\n'\n"), expect=NOTHING)
-        self.assertEqual(len(collected["rows"]), 3)
+            "binary : printf 'caf\\351\\000\\n'\n"
+            "zeroes : printf 'ok\\n'; printf 'a\\000b' >&2\n"), expect=NOTHING)
+        self.assertEqual(len(collected["rows"]), 4)
         rows = {r["Provider"]: r for r in self.json_of(*pg, "rows", "--show-output")}
         self.assertEqual(rows["hello"]["STDOUT"], "hello\n")
         self.assertEqual(rows["failing"]["STDERR"], "oops\n")
@@ -81,11 +82,13 @@ class OdbcDatastore(OdbcToolCase):
         # Output PostgreSQL cannot hold as text arrives base64-encoded.
         self.assertEqual(rows["binary"]["Encoding"], 1)
         self.assertEqual(base64.b64decode(rows["binary"]["STDOUT"]), b"caf\xe9\x00\n")
+        # So does valid UTF-8 with a NUL byte, which a text column refuses.
+        self.assertEqual((rows["zeroes"]["Encoding"], rows["zeroes"]["stderr_text"]), (1, "a\0b"))
 
         cluster = cluster_lines(hosts=4, runs=3, stale=())
         for _ in range(2):  # the second import stores nothing twice
             self.import_lines(cluster, before=pg)
-            self.assertEqual(self.count(), 3 + 4 * 3 * 5)
+            self.assertEqual(self.count(), 4 + 4 * 3 * 5)
 
         latest = self.json_of(*pg, "rows", "--latest", "--provider", "uptime")
         self.assertEqual(sorted(r["Hostname"] for r in latest),
@@ -109,8 +112,8 @@ class OdbcDatastore(OdbcToolCase):
         self.assertEqual(len(runs), 1 + 4 * 3)
 
         made = self.json_of(*pg, "snapshot", "create", "base")
-        self.assertEqual(made["rows"], 3 + 4 * 5)
-        self.assertEqual(self.count("baseline_datastore"), 3 + 4 * 5)
+        self.assertEqual(made["rows"], 4 + 4 * 5)
+        self.assertEqual(self.count("baseline_datastore"), 4 + 4 * 5)
         self.assertEqual(self.json_of(*pg, "snapshot", "diff", "base")["differences"], [])
         changed = [dict(line, Unique_timestamp=NOW + 7, STDOUT="up 9\n")
                    for line in cluster_lines(hosts=1, runs=1, stale=())
@@ -126,7 +129,7 @@ class OdbcDatastore(OdbcToolCase):
         self.assertEqual(listed(), ["after"])
         proc = self.run_tool(*pg, "snapshot", "remove", "base", expect=ERROR)
         self.assertIn('no snapshot named "base"', self.stderr_line(proc))
-        self.assertEqual(self.count(), 3 + 4 * 3 * 5 + 1)  # the rows stay
+        self.assertEqual(self.count(), 4 + 4 * 3 * 5 + 1)  # the rows stay
 
     def test_file_commands_refuse_an_odbc_datastore(self):
         pg = ("--config", self.pg)

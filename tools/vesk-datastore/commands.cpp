@@ -263,8 +263,13 @@ int cmd_collect(const GlobalOptions& global, const CollectOptions& options) {
         h.username = user.substr(0, size_t(vesk::datastore::max_username_size));
         h.unique_timestamp = run;
         record.option_id = r.option_id;
-        // Both texts share one encoding: base64 when either is not UTF-8.
-        if (is_valid_utf8(r.std_out) && is_valid_utf8(r.std_err)) {
+        // Both texts share one encoding: base64 when either is not UTF-8
+        // or holds a NUL byte, which a server's text column (PostgreSQL)
+        // cannot store.
+        const auto plain = [](const std::string& text) {
+            return is_valid_utf8(text) && text.find('\0') == std::string::npos;
+        };
+        if (plain(r.std_out) && plain(r.std_err)) {
             h.encoding = vesk::provider::none;
             record.std_out = r.std_out;
             record.std_err = r.std_err;
