@@ -179,6 +179,31 @@ class MixedGroup(OdbcToolCase):
         self.json_of(*both, "--datastore", "pg", "snapshot", "remove", "s")
         self.assertEqual(self.count("baseline_datastore"), 0)
 
+    def test_snapshots_of_every_datastore_are_seen(self):
+        both = ("--config", self.group)
+        # The first datastore's snapshots do not hide the second's.
+        self.json_of(*both, "--datastore", "lite", "snapshot", "create", "t")
+        self.json_of(*both, "--datastore", "pg", "snapshot", "create", "s")
+        self.assertEqual({s["snapshot"]: s["rows"] for s in self.json_of(*both, "snapshot", "list")},
+                         {"s": 10, "t": 10})
+        for name, datastore in (("s", "pg"), ("t", "lite")):
+            with self.subTest(name):
+                shown = self.json_of(*both, "snapshot", "show", name)
+                self.assertEqual(len(shown), 10)
+                self.assertEqual({r["datastore"] for r in shown}, {datastore})
+                # Its rows against the latest rows of both: the other
+                # datastore's hosts are new, nothing of its own changed.
+                diff = self.json_of(*both, "diff", name, expect=NOTHING)["differences"]
+                self.assertEqual({d["change"] for d in diff}, {"new"})
+                self.assertEqual(len(diff), 10)
+        # A snapshot recorded in both shows the members of both.
+        self.json_of(*both, "--datastore", "lite", "snapshot", "create", "s")
+        self.assertEqual({r["datastore"] for r in self.json_of(*both, "snapshot", "show", "s")},
+                         {"lite", "pg"})
+        members = [json.loads(line) for line in
+                   self.run_tool(*both, "export", "--snapshots").stdout.splitlines()
+                   if line.startswith(b'{"Snapshot"')]
+        self.assertEqual(sorted(m["Snapshot"] for m in members), ["s"] * 20 + ["t"] * 10)
 
 if __name__ == "__main__":
     unittest.main()

@@ -31,20 +31,6 @@ bool has_snapshot(const vesk::datastore::SnapshotInfoSet& known, const std::stri
     return known.count(vesk::datastore::SnapshotInfo{name, 0}) > 0;
 }
 
-// The rows recorded under snapshot `name` for `providers`.
-std::vector<Row> snapshot_rows(const std::string& name, const std::vector<std::string>& providers) {
-    std::map<std::string, std::vector<Row>> rows_by_provider;
-    std::map<std::string, std::vector<vesk::datastore::Row_baseline>> baselines;
-    std::vector<Row> rows;
-    if (providers.empty()) return rows;
-    if (!vesk::datastore::get_snapshot_provider_data(name, rows_by_provider, baselines, providers,
-                                                     {}, false))
-        throw ToolError(kExitError, "reading snapshot \"" + name + "\" failed", true);
-    for (auto& [provider, list] : rows_by_provider)
-        for (auto& row : list) rows.push_back(std::move(row));
-    return rows;
-}
-
 // A missing snapshot is an error, never "a difference".
 ToolError no_snapshot(const std::string& name) {
     return ToolError(kExitError, "no snapshot named \"" + name +
@@ -190,15 +176,32 @@ int cmd_snapshot_show(const GlobalOptions& global, const std::string& name, bool
     auto store = open_store(global, Access::read);
     require_snapshot(*store, name);
     const auto providers = store->queryable_provider_names();
+    const auto names = store->data_names();
+    RowColumns extra;
+    extra.datastore = names.size() > 1;
+    // Each datastore is asked itself; several answers are merged in the
+    // order of one.
     const RowSource source = [&](const auto& sink) {
         for (const auto& provider : providers) {
+            std::vector<std::pair<Row, std::string>> found;
+            for (const auto& datastore : names)
+                for (auto& row : store->snapshot_rows(datastore, name, {provider}))
+                    found.emplace_back(std::move(row), datastore);
+            std::stable_sort(found.begin(), found.end(), [](const auto& a, const auto& b) {
+                const Row& x = a.first;
+                const Row& y = b.first;
+                return std::tie(x.Hostname, x.OptionID, x.Unique_timestamp, x.rowid) <
+                       std::tie(y.Hostname, y.OptionID, y.Unique_timestamp, y.rowid);
+            });
             RowPart part;
-            part.rows = snapshot_rows(name, {provider});
-            sort_rows(part.rows);
+            for (auto& [row, datastore] : found) {
+                part.rows.push_back(std::move(row));
+                part.origin.push_back(datastore);
+            }
             sink(part);
         }
     };
-    return print_rows(global, source, show_output);
+    return print_rows(global, source, show_output, true, extra);
 }
 
 int cmd_snapshot_remove(const GlobalOptions& global, const std::string& name) {

@@ -423,16 +423,11 @@ int cmd_export(const GlobalOptions& global, const RowsOptions& options, bool sna
     size_t members = 0;
     if (snapshots) {
         for (const auto& info : store->snapshots()) {
-            std::map<std::string, std::vector<Row>> by_provider;
-            std::map<std::string, std::vector<vesk::datastore::Row_baseline>> baselines;
-            if (!vesk::datastore::get_snapshot_provider_data(info.baseline_id, by_provider,
-                                                             baselines, providers, {}, false) &&
-                !providers.empty())
-                throw ToolError(kExitError, "reading snapshot \"" + info.baseline_id + "\" failed",
-                                true);
+            // The members of every datastore that records the snapshot.
             std::vector<Row> rows;
-            for (auto& [provider, list] : by_provider)
-                for (auto& row : list) rows.push_back(std::move(row));
+            for (const auto& name : store->data_names())
+                for (auto& row : store->snapshot_rows(name, info.baseline_id, providers))
+                    rows.push_back(std::move(row));
             sort_rows(rows);
             for (const auto& row : rows) {
                 out += snapshot_line(info.baseline_id, row);
