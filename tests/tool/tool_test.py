@@ -193,6 +193,21 @@ class Config(ToolCase):
         self.assertEqual(line, f"vesk-datastore: cannot read configuration file {missing}: "
                                "No such file or directory")
 
+    def test_config_check_reads_odbc_parameters_without_a_server(self):
+        source = "source=DRIVER=/nonexistent/driver.so;Server=127.0.0.1;Port=1;"
+        for params, problem in (
+                ("|bogus=1", 'unknown parameter "bogus"'),
+                ("|read_only=maybe", 'parameter "read_only" has value "maybe"'),
+                ("|rows_per_statement=0", 'parameter "rows_per_statement" has value "0"'),
+                ("|login_timeout_s=1|login_timeout_s=2",
+                 'parameter "login_timeout_s" given twice')):
+            with self.subTest(params):
+                conf = self.config("odbc.xml", "central", source + params, kind="odbc")
+                line = self.stderr_line(self.run_tool("config", "check", conf, expect=ERROR))
+                self.assertIn(f'{conf}: datastore "central" (ODBC): {problem}', line)
+        conf = self.config("odbc.xml", "central", source + "|read_only=true", kind="odbc")
+        self.assertIn(b"ok, 1 datastore", self.run_tool("config", "check", conf).stdout)
+
 
 class Collect(ToolCase):
     PROVIDERS = """\

@@ -28,6 +28,7 @@
 #include "errors.h"
 #include "filter.h"
 #include "jsonl.h"
+#include "odbc_parameters.h"
 #include "session.h"
 #include "validate.h"
 
@@ -114,6 +115,17 @@ int cmd_config_check(const GlobalOptions& global, const std::string& file) {
         if (c.type != vesk::datastore::other && ::access(library.c_str(), R_OK) != 0)
             throw ToolError(kExitError, file + ": datastore \"" + c.instance_name +
                                             "\": extension library " + library + " not found");
+    }
+    // An ODBC datastore's parameters are read as its extension reads them,
+    // without reaching for the server.
+    for (const auto& c : configs) {
+        if (c.type != vesk::datastore::odbc) continue;
+        vesk::datastore::odbc_backend::OdbcParameters parameters;
+        std::string problem;
+        if (!vesk::datastore::odbc_backend::parse_odbc_parameters(c.source_parameters, parameters,
+                                                                  problem))
+            throw ToolError(kExitError,
+                            file + ": datastore \"" + c.instance_name + "\" (ODBC): " + problem);
     }
     // A datastore whose file exists is opened as configured, so that its
     // extension judges the parameters; none is created here.
