@@ -453,6 +453,15 @@ class Failures(ToolCase):
         self.assertEqual(len(self.json_of("--config", conf, "rows")), 1)
         self.assertEqual(self.stored_count(), 1)
 
+    def test_unreadable_import_names_the_reason(self):
+        for path, message in ((self.home, f"cannot read {self.home}: Is a directory"),
+                              ("/proc/self/mem", "cannot read /proc/self/mem after line 0: "
+                                                 "Input/output error")):
+            with self.subTest(path):
+                line = self.stderr_line(self.run_tool("import", path, expect=ERROR))
+                self.assertIn(message, line)
+        self.assertEqual(self.stored_count(), 0)
+
     def test_unwritable_home(self):
         if os.geteuid() == 0:
             self.skipTest("permissions do not bind root")

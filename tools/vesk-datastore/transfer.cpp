@@ -1,5 +1,6 @@
 // import and export: rows as JSON Lines.
 #include <algorithm>
+#include <cerrno>
 #include <condition_variable>
 #include <cstdio>
 #include <cstring>
@@ -9,6 +10,7 @@
 #include <mutex>
 #include <optional>
 #include <set>
+#include <sys/stat.h>
 #include <thread>
 
 #include "vesk/datastore/parse_utility.h"
@@ -43,7 +45,10 @@ public:
                 pos_ = 0;
                 if (end_ == 0) {
                     eof_ = true;
-                    if (std::ferror(file_)) failed_ = true;
+                    if (std::ferror(file_)) {
+                        failed_ = true;
+                        error_ = errno;
+                    }
                     return !line.empty();
                 }
             }
@@ -61,6 +66,8 @@ public:
         }
     }
     bool failed() const { return failed_; }
+    // The reason of a failed read.
+    std::string reason() const { return std::strerror(error_); }
 
 private:
     std::FILE* file_;
@@ -69,6 +76,7 @@ private:
     size_t end_ = 0;
     bool eof_ = false;
     bool failed_ = false;
+    int error_ = 0;
 };
 
 // A parsed batch and the line number of each of its records.
@@ -206,6 +214,13 @@ int cmd_import(const GlobalOptions& global, const std::string& file, size_t batc
         input = std::fopen(file.c_str(), "rb");
         if (input == nullptr)
             throw ToolError(kExitError, "cannot read " + file + ": " + std::strerror(errno));
+        // A folder opens, and fails only at the first read: refused before
+        // any datastore is opened (or created).
+        struct stat info {};
+        if (::fstat(::fileno(input), &info) == 0 && S_ISDIR(info.st_mode)) {
+            std::fclose(input);
+            throw ToolError(kExitError, "cannot read " + file + ": " + std::strerror(EISDIR));
+        }
     }
     struct Closer {
         std::FILE* f;
@@ -263,7 +278,8 @@ int cmd_import(const GlobalOptions& global, const std::string& file, size_t batc
             }
         }
         if (reader.failed()) {
-            queue.finish(name + ": read error after line " + std::to_string(number));
+            queue.finish("cannot read " + name + " after line " + std::to_string(number) + ": " +
+                         reader.reason());
             return;
         }
         if (!batch.records.empty()) queue.push(std::move(batch));
