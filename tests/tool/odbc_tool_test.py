@@ -141,6 +141,15 @@ class OdbcDatastore(OdbcToolCase):
         self.assertIn('"pg" is an ODBC datastore', self.stderr_line(proc))
         self.assertEqual(self.count(), 5)
 
+    def test_verbose_names_the_source_without_its_password(self):
+        self.assertIn("Pwd=;", self.source)
+        conf = self.config("pw.xml", "pg", "source=" +
+                           self.source.replace("Pwd=;", "Pwd={s3;kr1t};"), kind="odbc")
+        err = self.run_tool("-v", "--config", conf, "hosts", expect=NOTHING).stderr.decode()
+        self.assertIn('datastore "pg": ODBC DRIVER=', err)
+        self.assertIn(f"Database={DATABASE};Uid=postgres;Pwd=***;ConnSettings=", err)
+        self.assertNotIn("kr1t", err)
+
     def test_unreachable_server_is_one_clear_error(self):
         bad = self.write("bad.xml", """<configuration instance_name="bad" type="odbc"
             source_types="data" source_parameters="source=vesk_no_such_dsn|login_timeout_s=2"/>""")
