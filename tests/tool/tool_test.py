@@ -220,6 +220,19 @@ class Collect(ToolCase):
         slow timeout=1        : sleep 30 & sleep 30; echo never
         """
 
+    def test_output_beyond_the_limit_is_reported_not_silently_cut(self):
+        limit = 64 << 20
+        for size, cut in ((limit, False), (limit + 1, True)):
+            with self.subTest(size=size):
+                proc = self.run_tool("--format", "json", "collect", "--provider", "big", "--",
+                                     "sh", "-c", f"yes | head -c {size}",
+                                     expect=NOTHING if cut else OK)
+                [row] = json.loads(proc.stdout)["rows"]
+                self.assertEqual((row["stdout_bytes"], row["output_cut"]), (limit, cut))
+                self.assertEqual(b"output cut at 64 MiB" in proc.stderr, cut)
+        self.assertEqual(self.sql("SELECT length(CAST(STDOUT AS BLOB)), Encoding FROM "
+                                  "provider_datastore ORDER BY rowid"), [(limit, 0)] * 2)
+
     def test_one_run_with_every_outcome(self):
         started = time.monotonic()
         result = self.collect(self.PROVIDERS, expect=NOTHING)  # some providers failed

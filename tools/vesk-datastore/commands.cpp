@@ -41,6 +41,10 @@ using vesk::datastore::Row;
 
 namespace {
 
+// The most of one output (stdout or stderr) that collect keeps per provider.
+constexpr size_t kMaxCollectedOutput = size_t(64) << 20;
+const char* const kOutputCutNote = "output cut at 64 MiB";
+
 const char* type_name(vesk::datastore::DatabaseType type) {
     switch (type) {
         case vesk::datastore::sqlite3:
@@ -257,7 +261,7 @@ int cmd_collect(const GlobalOptions& global, const CollectOptions& options) {
         }
         progress.show(text, true);
     };
-    const auto results = run_providers(providers, options.jobs, size_t(64) << 20, show);
+    const auto results = run_providers(providers, options.jobs, kMaxCollectedOutput, show);
     progress.clear();
 
     std::vector<InsertRecord> records;
@@ -297,10 +301,11 @@ int cmd_collect(const GlobalOptions& global, const CollectOptions& options) {
     Table table{{"provider", "option", "exit", "duration", "stdout_bytes", "note"}, {}};
     Json list = Json::array();
     for (const auto& r : results) {
-        const std::string note = r.timed_out                          ? "timed out"
-                                 : r.exit_status == kNotStartedStatus ? "not started"
-                                 : r.exit_status > 128                ? "killed by a signal"
-                                                                      : "";
+        std::string note = r.timed_out                          ? "timed out"
+                           : r.exit_status == kNotStartedStatus ? "not started"
+                           : r.exit_status > 128                ? "killed by a signal"
+                                                                : "";
+        if (r.output_cut) note += std::string(note.empty() ? "" : "; ") + kOutputCutNote;
         table.rows.push_back({r.name, r.option_id, std::to_string(r.exit_status),
                               format_seconds(r.duration), std::to_string(r.std_out.size()), note});
         list.push_back({{"provider", r.name},
@@ -308,7 +313,8 @@ int cmd_collect(const GlobalOptions& global, const CollectOptions& options) {
                         {"exit_status", r.exit_status},
                         {"duration", r.duration},
                         {"stdout_bytes", r.std_out.size()},
-                        {"timed_out", r.timed_out}});
+                        {"timed_out", r.timed_out},
+                        {"output_cut", r.output_cut}});
     }
     const std::string heading = "run " + std::to_string(run) + " (" + format_run(run) + ") on " +
                                 host + ": " + std::to_string(results.size()) +
@@ -318,9 +324,15 @@ int cmd_collect(const GlobalOptions& global, const CollectOptions& options) {
         global.format,
         Json{{"host", host}, {"datastore", target}, {"unique_timestamp", run}, {"rows", list}},
         table, heading, "exit");
-    // A health check scripts on this: any provider that did not exit 0.
-    const bool all_passed = std::all_of(results.begin(), results.end(),
-                                        [](const ProviderResult& r) { return r.exit_status == 0; });
+    for (const auto& r : results)
+        if (r.output_cut)
+            diag() << "vesk-datastore: warning: provider " << r.name << ": " << kOutputCutNote
+                   << "; the rest was not stored\n";
+    // A health check scripts on this: any provider that did not exit 0, or
+    // whose output was not stored whole.
+    const bool all_passed =
+        std::all_of(results.begin(), results.end(),
+                    [](const ProviderResult& r) { return r.exit_status == 0 && !r.output_cut; });
     return all_passed ? kExitOk : kExitNothing;
 }
 
