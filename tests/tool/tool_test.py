@@ -166,6 +166,11 @@ class Config(ToolCase):
         self.assertFalse(os.path.exists(self.database))
         proc = self.run_tool("--config", group, "--datastore", "other", "hosts", expect=ERROR)
         self.assertIn('no datastore named "other"', self.stderr_line(proc))
+        # A name given twice selects its datastore once.
+        twice = ("--config", group, "--datastore", "mine", "--datastore", "mine")
+        self.assertEqual(len(self.json_of(*twice, "rows")), 1)
+        self.collect("two : echo two\n", *twice)
+        self.assertEqual(len(self.json_of(*twice, "rows")), 2)
 
     def test_bad_files_name_the_file_and_the_reason(self):
         cases = {

@@ -33,6 +33,10 @@ std::vector<vesk::datastore::DataStoreConfig> selected_configs(const GlobalOptio
     if (global.datastores.empty()) return configs;
     std::vector<vesk::datastore::DataStoreConfig> chosen;
     for (const auto& name : global.datastores) {
+        // A name given twice selects its datastore once.
+        if (std::any_of(chosen.begin(), chosen.end(),
+                        [&](const auto& config) { return config.instance_name == name; }))
+            continue;
         const auto found = std::find_if(configs.begin(), configs.end(), [&](const auto& config) {
             return config.instance_name == name;
         });
