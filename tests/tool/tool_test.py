@@ -10,6 +10,7 @@ import base64
 from contextlib import closing
 import json
 import os
+import pty
 import shutil
 import sqlite3
 import subprocess
@@ -820,6 +821,39 @@ class Output(ToolCase):
         diff = self.run_tool("snapshot", "diff", "s", "--full", expect=NOTHING).stdout
         self.assertNotIn(b"\x1b", diff)
         self.assertIn(b"binary output differs (5 bytes -> 6 bytes)", diff)
+
+    def test_csv_escapes_captured_output_on_a_terminal_only(self):
+        self.collect("evil : printf '\\033]0;owned\\007x\\n'\n")
+        self.json_of("snapshot", "create", "s")
+
+        def on_terminal(*args):
+            """What the tool writes to a terminal as its standard output."""
+            master, slave = pty.openpty()
+            proc = subprocess.Popen([TOOL, *args], stdout=slave, stderr=subprocess.DEVNULL,
+                                    env=self.env)
+            os.close(slave)
+            out = b""
+            while True:
+                try:
+                    chunk = os.read(master, 65536)
+                except OSError:  # the other side is closed
+                    break
+                if not chunk:
+                    break
+                out += chunk
+            os.close(master)
+            proc.wait(timeout=60)
+            return out
+
+        for args in (("--format", "csv", "rows", "--show-output"),
+                     ("--format", "csv", "snapshot", "show", "s", "--show-output")):
+            with self.subTest(args):
+                shown = on_terminal(*args)
+                self.assertIn(b"\\x1b]0;owned\\x07x", shown)
+                self.assertNotIn(b"\x1b", shown)
+                # Through a pipe, scripts get the bytes as stored.
+                piped = self.run_tool(*args).stdout
+                self.assertIn(b"\x1b]0;owned\x07x", piped)
 
     def test_table_pads_by_display_width(self):
         self.import_lines([{"Provider": "日本語", "Hostname": "h1"},
