@@ -1079,6 +1079,17 @@ class Cluster(ToolCase):
         self.write(".vesk/diff-ignore", "# volatile\nuptime\n  gpu  \ncpu\n")
         self.run_tool("diff", "base")
         self.run_tool("diff", "base", "--no-ignore-file", expect=NOTHING)
+        # An ignore file that cannot be read is an error, never an empty list.
+        path = os.path.join(self.home, ".vesk", "diff-ignore")
+        os.rename(path, path + ".kept")
+        for make, reason in ((os.mkdir, "Is a directory"),
+                             (lambda p: os.symlink(p, p), "Too many levels of symbolic links")):
+            with self.subTest(reason):
+                make(path)
+                line = self.stderr_line(self.run_tool("diff", "base", expect=ERROR))
+                self.assertIn(f"cannot read {path}: {reason}", line)
+                (os.rmdir if os.path.isdir(path) else os.remove)(path)
+        os.rename(path + ".kept", path)
         slow = self.json_of("diff", "base", "--duration-tolerance", "50", expect=NOTHING)
         self.assertEqual([(d["host"], d["duration"]) for d in slow["differences"]],
                          [("node003", [1.0, 3.0])] * 3)  # disk, mem, net

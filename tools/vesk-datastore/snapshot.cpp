@@ -1,11 +1,14 @@
 // The snapshot commands: create, list, show, remove and diff.
 #include <algorithm>
+#include <cerrno>
 #include <cmath>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <iostream>
 #include <map>
 #include <set>
+#include <sys/stat.h>
 #include <tuple>
 
 #include "vesk/datastore/parse_utility.h"
@@ -309,7 +312,16 @@ std::set<std::string> ignored_providers(const DiffOptions& options) {
     const char* home = std::getenv("HOME");
     if (options.use_ignore_file && home != nullptr && *home != '\0') {
         const std::string path = std::string(home) + "/.vesk/diff-ignore";
+        // No file means nothing to leave out; a file that cannot be read
+        // is an error, never an empty list.
         std::ifstream in(path);
+        if (!in.is_open()) {
+            if (errno == ENOENT) return ignored;
+            throw ToolError(kExitError, "cannot read " + path + ": " + std::strerror(errno));
+        }
+        struct stat info {};
+        if (::stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode))
+            throw ToolError(kExitError, "cannot read " + path + ": " + std::strerror(EISDIR));
         std::string line;
         while (std::getline(in, line)) {
             line = line.substr(0, line.find('#'));
@@ -317,7 +329,8 @@ std::set<std::string> ignored_providers(const DiffOptions& options) {
             if (first == std::string::npos) continue;
             ignored.insert(line.substr(first, line.find_last_not_of(" \t\r") + 1 - first));
         }
-        if (in.bad()) throw ToolError(kExitError, "cannot read " + path);
+        if (in.bad())
+            throw ToolError(kExitError, "cannot read " + path + ": " + std::strerror(errno));
     }
     return ignored;
 }
