@@ -472,6 +472,20 @@ class Failures(ToolCase):
         self.assertEqual(len(self.json_of("--config", conf, "rows")), 1)
         self.assertEqual(self.stored_count(), 1)
 
+    def test_a_folder_given_as_an_input_file_is_named_as_one(self):
+        folder = os.path.join(self.home, "folder")
+        os.mkdir(folder)
+        db = os.path.join(self.home, "new.db")
+        for args, message in (
+                (["collect", "--providers-file", folder],
+                 f"cannot read provider file {folder}: Is a directory"),
+                (["sql", folder, db], f"Unable to open sql file for reading {folder}: "
+                                      "Is a directory")):
+            with self.subTest(args[0]):
+                self.assertIn(message, self.stderr_line(self.run_tool(*args, expect=ERROR)))
+        self.assertFalse(os.path.exists(db))
+        self.assertFalse(os.path.exists(self.database))
+
     def test_unreadable_import_names_the_reason(self):
         for path, message in ((self.home, f"cannot read {self.home}: Is a directory"),
                               ("/proc/self/mem", "cannot read /proc/self/mem after line 0: "

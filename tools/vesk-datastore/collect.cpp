@@ -10,6 +10,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <sstream>
+#include <sys/stat.h>
 #include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -59,6 +60,11 @@ std::vector<ProviderCommand> read_provider_file(const std::string& path) {
     if (!in)
         throw ToolError(kExitError,
                         "cannot read provider file " + path + ": " + std::strerror(errno));
+    // A folder opens, and its first read fails.
+    struct stat info {};
+    if (::stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode))
+        throw ToolError(kExitError,
+                        "cannot read provider file " + path + ": " + std::strerror(EISDIR));
     std::vector<ProviderCommand> providers;
     size_t number = 0;
     for (std::string line; std::getline(in, line);) {
@@ -106,6 +112,9 @@ std::vector<ProviderCommand> read_provider_file(const std::string& path) {
                 throw bad("provider " + name + " is listed twice");
         providers.push_back(std::move(provider));
     }
+    if (in.bad())
+        throw ToolError(kExitError, "cannot read provider file " + path + " after line " +
+                                        std::to_string(number) + ": " + std::strerror(errno));
     return providers;
 }
 

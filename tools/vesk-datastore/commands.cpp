@@ -165,6 +165,12 @@ int cmd_sql(const std::string& sql_file, const std::string& database_file) {
     if (!in.is_open())
         throw ToolError(kExitError, "Unable to open sql file for reading " + sql_file + ": " +
                                         std::strerror(errno));
+    // A folder opens and fails at its first read: refused before the
+    // database file is opened (or created).
+    struct stat info {};
+    if (::stat(sql_file.c_str(), &info) == 0 && S_ISDIR(info.st_mode))
+        throw ToolError(kExitError, "Unable to open sql file for reading " + sql_file + ": " +
+                                        std::strerror(EISDIR));
     tessdb1::Connection* raw = nullptr;
     if (tessdb1::newConnection(database_file.c_str(), 0, &raw) != 0)
         throw ToolError(kExitError, "Unable to open datastore file " + database_file);
