@@ -1119,7 +1119,9 @@ class Cluster(ToolCase):
         self.run_tool("diff", "base", "--run", str(NOW - HOUR + 4000), "--ignore-provider", "x",
                       expect=NOTHING)
         for args in (["NOSUCH"], ["base", "NOSUCH"], ["--run", "12345"], [],
-                     ["base", "base", "--run", str(second)], ["base", "--stat", "--quiet"]):
+                     ["base", "base", "--run", str(second)], ["base", "--stat", "--quiet"],
+                     ["base", "--duration-tolerance", "nan"],
+                     ["base", "--duration-tolerance", "-1"]):
             with self.subTest(args):
                 self.run_tool("diff", *args, expect=ERROR)
 

@@ -240,7 +240,16 @@ int run(int argc, char** argv) {
         d->add_option("--duration-tolerance", diff.duration_tolerance,
                       "A duration that changed by more than PCT percent is a difference "
                       "(default: durations are not compared)")
-            ->check(CLI::Range(0.0, 1e9));
+            ->check(CLI::Validator(
+                [](std::string& value) -> std::string {
+                    // NaN passes a range check and would compare as no change.
+                    char* end = nullptr;
+                    const double percent = std::strtod(value.c_str(), &end);
+                    if (value.empty() || *end != '\0' || !(percent >= 0 && percent <= 1e9))
+                        return "not a percentage from 0 to 1000000000: " + value;
+                    return "";
+                },
+                "PCT"));
         auto* g = d->add_option_group("mode", "What to print (default: a summary list)");
         g->add_flag(
             "--stat", [&](int64_t) { diff.mode = DiffMode::stat; },
