@@ -131,6 +131,23 @@ class OdbcDatastore(OdbcToolCase):
         self.assertIn('no snapshot named "base"', self.stderr_line(proc))
         self.assertEqual(self.count(), 4 + 4 * 3 * 5 + 1)  # the rows stay
 
+    def test_text_a_server_cannot_hold_is_refused_by_its_line(self):
+        pg = ("--config", self.pg)
+        lines = cluster_lines(hosts=2, runs=1, stale=())
+        lines.insert(7, "")  # a blank line still counts
+        for field in ("STDOUT", "STDERR"):
+            with self.subTest(field):
+                bad = dict(lines[0], Unique_timestamp=NOW + 5, **{field: "a\0b"})
+                _, proc = self.import_lines(lines + [bad], before=pg, expect=ERROR)
+                self.assertIn(f"rows.jsonl:12: {field}: holds a NUL byte at offset 1, which an "
+                              "ODBC datastore's text cannot hold", self.stderr_line(proc))
+                self.assertEqual(self.count(), 0)
+        # Base64-encoded, the same bytes are stored.
+        encoded = dict(lines[0], Unique_timestamp=NOW + 5, Encoding=1,
+                       STDOUT=base64.b64encode(b"a\0b").decode())
+        self.import_lines(lines + [encoded], before=pg)
+        self.assertEqual(self.count(), 11)
+
     def test_file_commands_refuse_an_odbc_datastore(self):
         pg = ("--config", self.pg)
         self.import_lines(cluster_lines(hosts=1, runs=1, stale=()), before=pg)

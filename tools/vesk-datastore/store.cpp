@@ -230,6 +230,12 @@ bool Store::is_sqlite(const std::string& name) const {
     return true;
 }
 
+bool Store::is_odbc(const std::string& name) const {
+    for (const auto& entry : DataStoreParseUtility::get_datastore_vector())
+        if (entry.first.instance_name == name) return entry.first.type == vesk::datastore::odbc;
+    return false;
+}
+
 namespace {
 
 // The file of the SQLite datastore `name` and whether it was configured

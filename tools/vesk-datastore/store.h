@@ -67,6 +67,9 @@ public:
     std::vector<std::string> data_names() const;
     // True when the datastore `name` is a SQLite file (its SQL may use GLOB).
     bool is_sqlite(const std::string& name) const;
+    // True when the datastore `name` is reached through ODBC (its texts hold
+    // no NUL byte).
+    bool is_odbc(const std::string& name) const;
 
     // What is stored, per provider and host, merged over the "data"
     // datastores, ordered by provider and host. A writable SQLite file

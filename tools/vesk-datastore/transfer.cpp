@@ -86,10 +86,22 @@ struct Batch {
 };
 
 // Why the row `record` cannot be stored ("" when it can).
-std::string check_record(const InsertRecord& record) {
+std::string check_record(const InsertRecord& record, bool server_text) {
     std::string problem;
     const std::string field = record_problem(record, problem);
-    return field.empty() ? "" : field + ": " + problem;
+    if (!field.empty()) return field + ": " + problem;
+    // A server's text column (PostgreSQL through ODBC) holds no NUL byte:
+    // the extension would refuse the whole batch, naming the row of the
+    // batch; here the line is named.
+    if (server_text && record.header.encoding == vesk::provider::none)
+        for (const auto& [name, text] :
+             {std::pair<const char*, const std::string*>{"STDOUT", &record.std_out},
+              {"STDERR", &record.std_err}})
+            if (const size_t at = text->find('\0'); at != std::string::npos)
+                return std::string(name) + ": holds a NUL byte at offset " + std::to_string(at) +
+                       ", which an ODBC datastore's text cannot hold; store the output "
+                       "base64-encoded (\"Encoding\": 1)";
+    return "";
 }
 
 // One snapshot membership read from a line of an import.
@@ -232,6 +244,7 @@ int cmd_import(const GlobalOptions& global, const std::string& file, size_t batc
 
     auto store = open_store(global, Access::write);
     const std::string target = store->write_target();
+    const bool server_text = store->is_odbc(target);
     // Rows without a run of their own form one new run.
     const int64_t default_run = std::max(now_microseconds(), store->last_run() + 1);
     // Rows stored before this import count as already stored; rows that
@@ -254,7 +267,7 @@ int cmd_import(const GlobalOptions& global, const std::string& file, size_t batc
             ++number;
             if (line.find_first_not_of(" \t\r") == std::string::npos) continue;
             if (!json.parse(line, default_run, parsed, error) ||
-                (!parsed.member && !(error = check_record(parsed.record)).empty())) {
+                (!parsed.member && !(error = check_record(parsed.record, server_text)).empty())) {
                 queue.finish(name + ":" + std::to_string(number) + ": " + error);
                 return;
             }
