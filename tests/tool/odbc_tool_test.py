@@ -215,6 +215,19 @@ class MixedGroup(OdbcToolCase):
         self.json_of(*both, "--datastore", "pg", "snapshot", "remove", "s")
         self.assertEqual(self.count("baseline_datastore"), 0)
 
+    def test_runs_count_a_host_held_by_both_once(self):
+        both = ("--config", self.group)
+        # node000's run shipped to the central store as well.
+        shipped = cluster_lines(hosts=4, runs=1, stale=())[:5]
+        self.import_lines(shipped, before=(*both, "--datastore", "pg"), name="shipped.jsonl")
+        runs = {r["run"]: r for r in self.json_of(*both, "runs")}
+        self.assertEqual(len(runs), 4)
+        node000 = runs[shipped[0]["Unique_timestamp"]]
+        self.assertEqual((node000["hosts"], node000["rows"]), (1, 10))
+        self.assertEqual({r["hosts"] for r in runs.values()}, {1})
+        self.assertEqual([r["run"] for r in self.json_of(*both, "runs", "--limit", "2")],
+                         sorted(runs, reverse=True)[:2])
+
     def test_snapshots_of_every_datastore_are_seen(self):
         both = ("--config", self.group)
         # The first datastore's snapshots do not hide the second's.

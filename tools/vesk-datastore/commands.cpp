@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iostream>
+#include <iterator>
 #include <map>
 #include <memory>
 #include <pwd.h>
@@ -760,11 +761,33 @@ int cmd_runs(const GlobalOptions& global, const RunsOptions& options) {
             run.rows += part.rows;
             run.failed += part.failed;
         }
+    if (options.limit > 0)
+        while (runs.size() > options.limit) runs.erase(std::prev(runs.end()));
+    const auto names = store->data_names();
+    if (names.size() > 1 && !runs.empty()) {
+        // A host whose run several datastores hold (a node's own store and
+        // the central one it ships to) counts once: the hosts of the runs
+        // shown are asked for by run id, a few hundred ids a statement.
+        std::map<int64_t, std::set<std::string>> hosts_of;
+        std::vector<int64_t> ids;
+        for (const auto& entry : runs) ids.push_back(entry.first);
+        constexpr size_t kIdsPerQuery = 500;
+        for (size_t first = 0; first < ids.size(); first += kIdsPerQuery) {
+            std::string list;
+            for (size_t i = first; i < ids.size() && i < first + kIdsPerQuery; ++i)
+                list += (list.empty() ? "" : ",") + std::to_string(ids[i]);
+            for (const auto& row : store->select_all("SELECT Unique_timestamp, Hostname FROM " +
+                                                         vesk::datastore::table_name +
+                                                         " WHERE Unique_timestamp IN (" + list +
+                                                         ") GROUP BY Unique_timestamp, Hostname",
+                                                     "reading the hosts of the runs"))
+                hosts_of[row.Unique_timestamp].insert(row.Hostname);
+        }
+        for (auto& [id, run] : runs) run.hosts = int64_t(hosts_of[id].size());
+    }
     Table table{{"run", "run_time", "start", "hosts", "rows", "failed"}, {}};
     Json list = Json::array();
-    size_t shown = 0;
     for (const auto& [id, run] : runs) {
-        if (options.limit > 0 && shown++ >= options.limit) break;
         table.rows.push_back({std::to_string(id), format_run(id), format_time(run.start),
                               std::to_string(run.hosts), std::to_string(run.rows),
                               std::to_string(run.failed)});
