@@ -430,7 +430,10 @@ class Snapshot(ToolCase):
         self.assertEqual(len(between["differences"]), 3)
         self.assertEqual(self.json_of("snapshot", "diff", "after")["differences"], [])
 
+        self.json_of("snapshot", "create", "third")
         self.json_of("snapshot", "remove", "before")
+        self.assertEqual(self.run_tool("--format", "csv", "snapshot", "remove", "third").stdout,
+                         b"removed,datastore\r\nthird,vesk_default\r\n")
         self.assertEqual([s["snapshot"] for s in self.json_of("snapshot", "list")], ["after"])
         for args in (["remove", "before"], ["show", "before"], ["diff", "before"],
                      ["diff", "after", "before"]):

@@ -217,7 +217,9 @@ int cmd_snapshot_remove(const GlobalOptions& global, const std::string& name) {
         throw ToolError(kExitError, "removing snapshot \"" + name + "\" failed", true);
     if (global.format == Format::json)
         print_json(std::cout, Json{{"removed", name}, {"datastore", target}});
-    else if (global.format == Format::table)
+    else if (global.format == Format::csv)
+        print_csv(std::cout, Table{{"removed", "datastore"}, {{name, target}}});
+    else
         std::cout << "snapshot \"" << name << "\" removed from datastore " << target << "\n";
     return kExitOk;
 }
