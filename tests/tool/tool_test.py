@@ -139,6 +139,18 @@ class Usage(ToolCase):
             self.assertTrue(proc.stderr.startswith(b"vesk-datastore: "), proc.stderr)
         self.assertFalse(os.path.exists(self.database))
 
+    def test_bad_values_are_named_plainly(self):
+        for args, message in (
+                (["rows", "--run", "0"], "--run: not a run id (a whole number above 0"),
+                (["diff", "--run", "-3"], "--run: not a run id"),
+                (["snapshot", "create", "s", "--run", "12x"], "--run: not a run id"),
+                (["prune", "--older-than", "0s"], '--older-than "0s" is no age above 0')):
+            with self.subTest(args):
+                proc = self.run_tool(*args, expect=ERROR)
+                self.assertIn(message, proc.stderr.decode())
+                self.assertLess(len(proc.stderr), 200)
+        self.assertFalse(os.path.exists(self.database))
+
     def test_names_that_would_break_sql_are_refused(self):
         proc = self.run_tool("rows", "--provider", "x' OR '1'='1", expect=ERROR)
         self.assertIn("contains a quote", self.stderr_line(proc))
