@@ -805,9 +805,10 @@ class ExitCodes(ToolCase):
 class Output(ToolCase):
     def test_empty_answers_are_valid_in_every_format(self):
         self.run_tool("import", "-", stdin=b"")  # creates the store, stores nothing
-        for args in (["rows"], ["hosts"], ["providers"], ["snapshot", "list"]):
+        for args in (["rows"], ["hosts"], ["providers"], ["runs"], ["snapshot", "list"]):
             with self.subTest(args):
-                self.run_tool(*args, expect=NOTHING)
+                # A table for people says "nothing" on standard error only.
+                self.assertEqual(self.run_tool(*args, expect=NOTHING).stdout, b"")
                 self.assertEqual(self.json_of(*args, expect=NOTHING), [])
                 csv = self.run_tool("--format", "csv", *args, expect=NOTHING).stdout.decode()
                 self.assertEqual(len(csv.splitlines()), 1)  # the header alone

@@ -798,7 +798,8 @@ int cmd_runs(const GlobalOptions& global, const RunsOptions& options) {
                         {"rows", run.rows},
                         {"failed", run.failed}});
     }
-    print_result(global.format, list, table);
+    // An empty answer: "[]" and the CSV header for scripts, no table.
+    if (!runs.empty() || global.format != Format::table) print_result(global.format, list, table);
     if (runs.empty()) {
         diag() << "vesk-datastore: nothing stored\n";
         return kExitNothing;
