@@ -55,6 +55,11 @@ class InputSafety(ToolCase):
             "missing.xml": ('<configuration instance_name="x" type="sqlite3" source_types="data"/>',
                             "missing attribute source_parameters in {} "
                             "(Invalid value for attribute type )"),
+            # The fixed text names "type"; the cause names the attribute.
+            "empty.xml": ('<configuration instance_name="x" type="odbc" source_types="data" '
+                          'source_parameters=" "/>',
+                          "empty attribute source_parameters in {} "
+                          "(Invalid value for attribute type )"),
             "tags.xml": ("<configuration>\n<a></b></configuration>",
                          "Opening and ending tag mismatch: a line 2 and b (line 2, column 8) "
                          "in datastore configuration {} (Error opening datastore configuration)"),

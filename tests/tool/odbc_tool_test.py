@@ -72,8 +72,9 @@ class OdbcDatastore(OdbcToolCase):
         pg = ("--config", self.pg)
         collected = self.json_of(*pg, "collect", "--providers-file", self.providers_file(
             "hello : echo hello\nfailing : echo oops >&2; exit 3\n"
-            "binary : printf 'caf\\351\\000\\n'\n"), expect=NOTHING)
-        self.assertEqual(len(collected["rows"]), 3)
+            "binary : printf 'caf\\351\\000\\n'\n"
+            "zeroes : printf 'ok\\n'; printf 'a\\000b' >&2\n"), expect=NOTHING)
+        self.assertEqual(len(collected["rows"]), 4)
         rows = {r["Provider"]: r for r in self.json_of(*pg, "rows", "--show-output")}
         self.assertEqual(rows["hello"]["STDOUT"], "hello\n")
         self.assertEqual(rows["failing"]["STDERR"], "oops\n")
@@ -81,11 +82,13 @@ class OdbcDatastore(OdbcToolCase):
         # Output PostgreSQL cannot hold as text arrives base64-encoded.
         self.assertEqual(rows["binary"]["Encoding"], 1)
         self.assertEqual(base64.b64decode(rows["binary"]["STDOUT"]), b"caf\xe9\x00\n")
+        # So does valid UTF-8 with a NUL byte, which a text column refuses.
+        self.assertEqual((rows["zeroes"]["Encoding"], rows["zeroes"]["stderr_text"]), (1, "a\0b"))
 
         cluster = cluster_lines(hosts=4, runs=3, stale=())
         for _ in range(2):  # the second import stores nothing twice
             self.import_lines(cluster, before=pg)
-            self.assertEqual(self.count(), 3 + 4 * 3 * 5)
+            self.assertEqual(self.count(), 4 + 4 * 3 * 5)
 
         latest = self.json_of(*pg, "rows", "--latest", "--provider", "uptime")
         self.assertEqual(sorted(r["Hostname"] for r in latest),
@@ -109,8 +112,8 @@ class OdbcDatastore(OdbcToolCase):
         self.assertEqual(len(runs), 1 + 4 * 3)
 
         made = self.json_of(*pg, "snapshot", "create", "base")
-        self.assertEqual(made["rows"], 3 + 4 * 5)
-        self.assertEqual(self.count("baseline_datastore"), 3 + 4 * 5)
+        self.assertEqual(made["rows"], 4 + 4 * 5)
+        self.assertEqual(self.count("baseline_datastore"), 4 + 4 * 5)
         self.assertEqual(self.json_of(*pg, "snapshot", "diff", "base")["differences"], [])
         changed = [dict(line, Unique_timestamp=NOW + 7, STDOUT="up 9\n")
                    for line in cluster_lines(hosts=1, runs=1, stale=())
@@ -126,7 +129,34 @@ class OdbcDatastore(OdbcToolCase):
         self.assertEqual(listed(), ["after"])
         proc = self.run_tool(*pg, "snapshot", "remove", "base", expect=ERROR)
         self.assertIn('no snapshot named "base"', self.stderr_line(proc))
-        self.assertEqual(self.count(), 3 + 4 * 3 * 5 + 1)  # the rows stay
+        self.assertEqual(self.count(), 4 + 4 * 3 * 5 + 1)  # the rows stay
+
+    def test_text_and_names_a_server_cannot_hold_are_refused_by_line(self):
+        pg = ("--config", self.pg)
+        lines = cluster_lines(hosts=2, runs=1, stale=())
+        lines.insert(7, "")  # a blank line still counts
+        for field, value, problem in (
+                ("STDOUT", "a\0b", "holds a NUL byte at offset 1, which an ODBC datastore's "
+                                   "text cannot hold"),
+                ("STDERR", "a\0b", "holds a NUL byte at offset 1"),
+                # Beside a name with "$" or "[", a ";" would make the
+                # extension refuse every query naming both.
+                ("Hostname", "a;b", '"a;b" holds a ";", which queries of an ODBC datastore '
+                                    "cannot name"),
+                ("Provider", "p;q", '"p;q" holds a ";"'),
+                ("OptionID", "-x;y", '"-x;y" holds a ";"')):
+            with self.subTest(field):
+                bad = dict(lines[0], Unique_timestamp=NOW + 5, **{field: value})
+                _, proc = self.import_lines(lines + [bad], before=pg, expect=ERROR)
+                self.assertIn(f"rows.jsonl:12: {field}: {problem}", self.stderr_line(proc))
+                self.assertEqual(self.count(), 0)
+        # Base64-encoded, the same bytes are stored.
+        encoded = dict(lines[0], Unique_timestamp=NOW + 5, Encoding=1,
+                       STDOUT=base64.b64encode(b"a\0b").decode())
+        odd = dict(lines[0], Provider="x$y", Hostname="h[1]")
+        self.import_lines(lines + [encoded, odd], before=pg)
+        self.assertEqual(self.count(), 12)
+        self.assertEqual(len(self.json_of(*pg, "rows", "--latest")), 11)
 
     def test_file_commands_refuse_an_odbc_datastore(self):
         pg = ("--config", self.pg)
@@ -137,6 +167,15 @@ class OdbcDatastore(OdbcToolCase):
         proc = self.run_tool(*pg, "check", expect=ERROR)
         self.assertIn('"pg" is an ODBC datastore', self.stderr_line(proc))
         self.assertEqual(self.count(), 5)
+
+    def test_verbose_names_the_source_without_its_password(self):
+        self.assertIn("Pwd=;", self.source)
+        conf = self.config("pw.xml", "pg", "source=" +
+                           self.source.replace("Pwd=;", "Pwd={s3;kr1t};"), kind="odbc")
+        err = self.run_tool("-v", "--config", conf, "hosts", expect=NOTHING).stderr.decode()
+        self.assertIn('datastore "pg": ODBC DRIVER=', err)
+        self.assertIn(f"Database={DATABASE};Uid=postgres;Pwd=***;ConnSettings=", err)
+        self.assertNotIn("kr1t", err)
 
     def test_unreachable_server_is_one_clear_error(self):
         bad = self.write("bad.xml", """<configuration instance_name="bad" type="odbc"
@@ -176,6 +215,44 @@ class MixedGroup(OdbcToolCase):
         self.json_of(*both, "--datastore", "pg", "snapshot", "remove", "s")
         self.assertEqual(self.count("baseline_datastore"), 0)
 
+    def test_runs_count_a_host_held_by_both_once(self):
+        both = ("--config", self.group)
+        # node000's run shipped to the central store as well.
+        shipped = cluster_lines(hosts=4, runs=1, stale=())[:5]
+        self.import_lines(shipped, before=(*both, "--datastore", "pg"), name="shipped.jsonl")
+        runs = {r["run"]: r for r in self.json_of(*both, "runs")}
+        self.assertEqual(len(runs), 4)
+        node000 = runs[shipped[0]["Unique_timestamp"]]
+        self.assertEqual((node000["hosts"], node000["rows"]), (1, 10))
+        self.assertEqual({r["hosts"] for r in runs.values()}, {1})
+        self.assertEqual([r["run"] for r in self.json_of(*both, "runs", "--limit", "2")],
+                         sorted(runs, reverse=True)[:2])
+
+    def test_snapshots_of_every_datastore_are_seen(self):
+        both = ("--config", self.group)
+        # The first datastore's snapshots do not hide the second's.
+        self.json_of(*both, "--datastore", "lite", "snapshot", "create", "t")
+        self.json_of(*both, "--datastore", "pg", "snapshot", "create", "s")
+        self.assertEqual({s["snapshot"]: s["rows"] for s in self.json_of(*both, "snapshot", "list")},
+                         {"s": 10, "t": 10})
+        for name, datastore in (("s", "pg"), ("t", "lite")):
+            with self.subTest(name):
+                shown = self.json_of(*both, "snapshot", "show", name)
+                self.assertEqual(len(shown), 10)
+                self.assertEqual({r["datastore"] for r in shown}, {datastore})
+                # Its rows against the latest rows of both: the other
+                # datastore's hosts are new, nothing of its own changed.
+                diff = self.json_of(*both, "diff", name, expect=NOTHING)["differences"]
+                self.assertEqual({d["change"] for d in diff}, {"new"})
+                self.assertEqual(len(diff), 10)
+        # A snapshot recorded in both shows the members of both.
+        self.json_of(*both, "--datastore", "lite", "snapshot", "create", "s")
+        self.assertEqual({r["datastore"] for r in self.json_of(*both, "snapshot", "show", "s")},
+                         {"lite", "pg"})
+        members = [json.loads(line) for line in
+                   self.run_tool(*both, "export", "--snapshots").stdout.splitlines()
+                   if line.startswith(b'{"Snapshot"')]
+        self.assertEqual(sorted(m["Snapshot"] for m in members), ["s"] * 20 + ["t"] * 10)
 
 if __name__ == "__main__":
     unittest.main()

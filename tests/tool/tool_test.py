@@ -10,6 +10,7 @@ import base64
 from contextlib import closing
 import json
 import os
+import pty
 import shutil
 import sqlite3
 import subprocess
@@ -138,6 +139,18 @@ class Usage(ToolCase):
             self.assertTrue(proc.stderr.startswith(b"vesk-datastore: "), proc.stderr)
         self.assertFalse(os.path.exists(self.database))
 
+    def test_bad_values_are_named_plainly(self):
+        for args, message in (
+                (["rows", "--run", "0"], "--run: not a run id (a whole number above 0"),
+                (["diff", "--run", "-3"], "--run: not a run id"),
+                (["snapshot", "create", "s", "--run", "12x"], "--run: not a run id"),
+                (["prune", "--older-than", "0s"], '--older-than "0s" is no age above 0')):
+            with self.subTest(args):
+                proc = self.run_tool(*args, expect=ERROR)
+                self.assertIn(message, proc.stderr.decode())
+                self.assertLess(len(proc.stderr), 200)
+        self.assertFalse(os.path.exists(self.database))
+
     def test_names_that_would_break_sql_are_refused(self):
         proc = self.run_tool("rows", "--provider", "x' OR '1'='1", expect=ERROR)
         self.assertIn("contains a quote", self.stderr_line(proc))
@@ -166,6 +179,11 @@ class Config(ToolCase):
         self.assertFalse(os.path.exists(self.database))
         proc = self.run_tool("--config", group, "--datastore", "other", "hosts", expect=ERROR)
         self.assertIn('no datastore named "other"', self.stderr_line(proc))
+        # A name given twice selects its datastore once.
+        twice = ("--config", group, "--datastore", "mine", "--datastore", "mine")
+        self.assertEqual(len(self.json_of(*twice, "rows")), 1)
+        self.collect("two : echo two\n", *twice)
+        self.assertEqual(len(self.json_of(*twice, "rows")), 2)
 
     def test_bad_files_name_the_file_and_the_reason(self):
         cases = {
@@ -193,6 +211,21 @@ class Config(ToolCase):
         self.assertEqual(line, f"vesk-datastore: cannot read configuration file {missing}: "
                                "No such file or directory")
 
+    def test_config_check_reads_odbc_parameters_without_a_server(self):
+        source = "source=DRIVER=/nonexistent/driver.so;Server=127.0.0.1;Port=1;"
+        for params, problem in (
+                ("|bogus=1", 'unknown parameter "bogus"'),
+                ("|read_only=maybe", 'parameter "read_only" has value "maybe"'),
+                ("|rows_per_statement=0", 'parameter "rows_per_statement" has value "0"'),
+                ("|login_timeout_s=1|login_timeout_s=2",
+                 'parameter "login_timeout_s" given twice')):
+            with self.subTest(params):
+                conf = self.config("odbc.xml", "central", source + params, kind="odbc")
+                line = self.stderr_line(self.run_tool("config", "check", conf, expect=ERROR))
+                self.assertIn(f'{conf}: datastore "central" (ODBC): {problem}', line)
+        conf = self.config("odbc.xml", "central", source + "|read_only=true", kind="odbc")
+        self.assertIn(b"ok, 1 datastore", self.run_tool("config", "check", conf).stdout)
+
 
 class Collect(ToolCase):
     PROVIDERS = """\
@@ -204,6 +237,19 @@ class Collect(ToolCase):
         crash                 : kill -SEGV $$
         slow timeout=1        : sleep 30 & sleep 30; echo never
         """
+
+    def test_output_beyond_the_limit_is_reported_not_silently_cut(self):
+        limit = 64 << 20
+        for size, cut in ((limit, False), (limit + 1, True)):
+            with self.subTest(size=size):
+                proc = self.run_tool("--format", "json", "collect", "--provider", "big", "--",
+                                     "sh", "-c", f"yes | head -c {size}",
+                                     expect=NOTHING if cut else OK)
+                [row] = json.loads(proc.stdout)["rows"]
+                self.assertEqual((row["stdout_bytes"], row["output_cut"]), (limit, cut))
+                self.assertEqual(b"output cut at 64 MiB" in proc.stderr, cut)
+        self.assertEqual(self.sql("SELECT length(CAST(STDOUT AS BLOB)), Encoding FROM "
+                                  "provider_datastore ORDER BY rowid"), [(limit, 0)] * 2)
 
     def test_one_run_with_every_outcome(self):
         started = time.monotonic()
@@ -396,7 +442,10 @@ class Snapshot(ToolCase):
         self.assertEqual(len(between["differences"]), 3)
         self.assertEqual(self.json_of("snapshot", "diff", "after")["differences"], [])
 
+        self.json_of("snapshot", "create", "third")
         self.json_of("snapshot", "remove", "before")
+        self.assertEqual(self.run_tool("--format", "csv", "snapshot", "remove", "third").stdout,
+                         b"removed,datastore\r\nthird,vesk_default\r\n")
         self.assertEqual([s["snapshot"] for s in self.json_of("snapshot", "list")], ["after"])
         for args in (["remove", "before"], ["show", "before"], ["diff", "before"],
                      ["diff", "after", "before"]):
@@ -437,6 +486,29 @@ class Failures(ToolCase):
         # Reading still works and nothing was lost.
         self.assertEqual(len(self.json_of("--config", conf, "rows")), 1)
         self.assertEqual(self.stored_count(), 1)
+
+    def test_a_folder_given_as_an_input_file_is_named_as_one(self):
+        folder = os.path.join(self.home, "folder")
+        os.mkdir(folder)
+        db = os.path.join(self.home, "new.db")
+        for args, message in (
+                (["collect", "--providers-file", folder],
+                 f"cannot read provider file {folder}: Is a directory"),
+                (["sql", folder, db], f"Unable to open sql file for reading {folder}: "
+                                      "Is a directory")):
+            with self.subTest(args[0]):
+                self.assertIn(message, self.stderr_line(self.run_tool(*args, expect=ERROR)))
+        self.assertFalse(os.path.exists(db))
+        self.assertFalse(os.path.exists(self.database))
+
+    def test_unreadable_import_names_the_reason(self):
+        for path, message in ((self.home, f"cannot read {self.home}: Is a directory"),
+                              ("/proc/self/mem", "cannot read /proc/self/mem after line 0: "
+                                                 "Input/output error")):
+            with self.subTest(path):
+                line = self.stderr_line(self.run_tool("import", path, expect=ERROR))
+                self.assertIn(message, line)
+        self.assertEqual(self.stored_count(), 0)
 
     def test_unwritable_home(self):
         if os.geteuid() == 0:
@@ -733,9 +805,10 @@ class ExitCodes(ToolCase):
 class Output(ToolCase):
     def test_empty_answers_are_valid_in_every_format(self):
         self.run_tool("import", "-", stdin=b"")  # creates the store, stores nothing
-        for args in (["rows"], ["hosts"], ["providers"], ["snapshot", "list"]):
+        for args in (["rows"], ["hosts"], ["providers"], ["runs"], ["snapshot", "list"]):
             with self.subTest(args):
-                self.run_tool(*args, expect=NOTHING)
+                # A table for people says "nothing" on standard error only.
+                self.assertEqual(self.run_tool(*args, expect=NOTHING).stdout, b"")
                 self.assertEqual(self.json_of(*args, expect=NOTHING), [])
                 csv = self.run_tool("--format", "csv", *args, expect=NOTHING).stdout.decode()
                 self.assertEqual(len(csv.splitlines()), 1)  # the header alone
@@ -778,6 +851,39 @@ class Output(ToolCase):
         diff = self.run_tool("snapshot", "diff", "s", "--full", expect=NOTHING).stdout
         self.assertNotIn(b"\x1b", diff)
         self.assertIn(b"binary output differs (5 bytes -> 6 bytes)", diff)
+
+    def test_csv_escapes_captured_output_on_a_terminal_only(self):
+        self.collect("evil : printf '\\033]0;owned\\007x\\n'\n")
+        self.json_of("snapshot", "create", "s")
+
+        def on_terminal(*args):
+            """What the tool writes to a terminal as its standard output."""
+            master, slave = pty.openpty()
+            proc = subprocess.Popen([TOOL, *args], stdout=slave, stderr=subprocess.DEVNULL,
+                                    env=self.env)
+            os.close(slave)
+            out = b""
+            while True:
+                try:
+                    chunk = os.read(master, 65536)
+                except OSError:  # the other side is closed
+                    break
+                if not chunk:
+                    break
+                out += chunk
+            os.close(master)
+            proc.wait(timeout=60)
+            return out
+
+        for args in (("--format", "csv", "rows", "--show-output"),
+                     ("--format", "csv", "snapshot", "show", "s", "--show-output")):
+            with self.subTest(args):
+                shown = on_terminal(*args)
+                self.assertIn(b"\\x1b]0;owned\\x07x", shown)
+                self.assertNotIn(b"\x1b", shown)
+                # Through a pipe, scripts get the bytes as stored.
+                piped = self.run_tool(*args).stdout
+                self.assertIn(b"\x1b]0;owned\x07x", piped)
 
     def test_table_pads_by_display_width(self):
         self.import_lines([{"Provider": "日本語", "Hostname": "h1"},
@@ -1003,6 +1109,17 @@ class Cluster(ToolCase):
         self.write(".vesk/diff-ignore", "# volatile\nuptime\n  gpu  \ncpu\n")
         self.run_tool("diff", "base")
         self.run_tool("diff", "base", "--no-ignore-file", expect=NOTHING)
+        # An ignore file that cannot be read is an error, never an empty list.
+        path = os.path.join(self.home, ".vesk", "diff-ignore")
+        os.rename(path, path + ".kept")
+        for make, reason in ((os.mkdir, "Is a directory"),
+                             (lambda p: os.symlink(p, p), "Too many levels of symbolic links")):
+            with self.subTest(reason):
+                make(path)
+                line = self.stderr_line(self.run_tool("diff", "base", expect=ERROR))
+                self.assertIn(f"cannot read {path}: {reason}", line)
+                (os.rmdir if os.path.isdir(path) else os.remove)(path)
+        os.rename(path + ".kept", path)
         slow = self.json_of("diff", "base", "--duration-tolerance", "50", expect=NOTHING)
         self.assertEqual([(d["host"], d["duration"]) for d in slow["differences"]],
                          [("node003", [1.0, 3.0])] * 3)  # disk, mem, net
@@ -1018,7 +1135,9 @@ class Cluster(ToolCase):
         self.run_tool("diff", "base", "--run", str(NOW - HOUR + 4000), "--ignore-provider", "x",
                       expect=NOTHING)
         for args in (["NOSUCH"], ["base", "NOSUCH"], ["--run", "12345"], [],
-                     ["base", "base", "--run", str(second)], ["base", "--stat", "--quiet"]):
+                     ["base", "base", "--run", str(second)], ["base", "--stat", "--quiet"],
+                     ["base", "--duration-tolerance", "nan"],
+                     ["base", "--duration-tolerance", "-1"]):
             with self.subTest(args):
                 self.run_tool("diff", *args, expect=ERROR)
 
@@ -1290,6 +1409,19 @@ class Retention(ToolCase):
                      ["--keep-runs", "0"]):
             with self.subTest(args):
                 self.run_tool("prune", *args, expect=ERROR)
+
+    def test_prune_leaves_a_read_only_datastore_alone(self):
+        ro = ("--config", self.read_only_config())
+        before = self.stored_rows()
+        for args in (["--keep-runs", "1", "--yes"], ["--older-than", "1h", "--yes", "--compact"]):
+            with self.subTest(args):
+                line = self.stderr_line(self.run_tool(*ro, "prune", *args, expect=ERROR))
+                self.assertIn("datastore ro is read-only", line)
+        self.assertEqual(self.stored_rows(), before)
+        # Counting reads only, and counts as the writable datastore does.
+        self.assertEqual(self.json_of(*ro, "prune", "--keep-runs", "1", "--dry-run")["rows"],
+                         self.json_of("prune", "--keep-runs", "1", "--dry-run")["rows"])
+        self.assertEqual(self.stored_rows(), before)
 
     def test_readers_alongside_prune_never_fail(self):
         import threading

@@ -10,6 +10,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <sstream>
+#include <sys/stat.h>
 #include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -59,6 +60,11 @@ std::vector<ProviderCommand> read_provider_file(const std::string& path) {
     if (!in)
         throw ToolError(kExitError,
                         "cannot read provider file " + path + ": " + std::strerror(errno));
+    // A folder opens, and its first read fails.
+    struct stat info {};
+    if (::stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode))
+        throw ToolError(kExitError,
+                        "cannot read provider file " + path + ": " + std::strerror(EISDIR));
     std::vector<ProviderCommand> providers;
     size_t number = 0;
     for (std::string line; std::getline(in, line);) {
@@ -106,6 +112,9 @@ std::vector<ProviderCommand> read_provider_file(const std::string& path) {
                 throw bad("provider " + name + " is listed twice");
         providers.push_back(std::move(provider));
     }
+    if (in.bad())
+        throw ToolError(kExitError, "cannot read provider file " + path + " after line " +
+                                        std::to_string(number) + ": " + std::strerror(errno));
     return providers;
 }
 
@@ -188,19 +197,22 @@ Job start(const ProviderCommand& provider, size_t index) {
     return job;
 }
 
-// Reads what is available; closes the descriptor at end of file.
-void drain(int& fd, std::string& into, size_t max_output) {
+// Reads what is available; closes the descriptor at end of file. True
+// when bytes beyond `max_output` were dropped.
+bool drain(int& fd, std::string& into, size_t max_output) {
     char buffer[65536];
+    bool cut = false;
     for (;;) {
         const ssize_t n = ::read(fd, buffer, sizeof buffer);
         if (n > 0) {
             const size_t room = into.size() < max_output ? max_output - into.size() : 0;
             into.append(buffer, std::min(room, size_t(n)));
+            cut = cut || room < size_t(n);
             continue;
         }
         if (n == 0) close_fd(fd);
         if (n < 0 && errno == EINTR) continue;
-        return;  // EAGAIN: nothing more for now
+        return cut;  // EAGAIN: nothing more for now
     }
 }
 
@@ -292,8 +304,10 @@ std::vector<ProviderResult> run_providers(const std::vector<ProviderCommand>& pr
             if (fds[k].revents == 0) continue;
             Job& job = running[owners[k].first];
             auto& result = results[job.index];
-            drain(*owners[k].second,
-                  owners[k].second == &job.out_fd ? result.std_out : result.std_err, max_output);
+            if (drain(*owners[k].second,
+                      owners[k].second == &job.out_fd ? result.std_out : result.std_err,
+                      max_output))
+                result.output_cut = true;
         }
 
         const auto now = Clock::now();
@@ -308,8 +322,10 @@ std::vector<ProviderResult> run_providers(const std::vector<ProviderCommand>& pr
             if (job.exited) {
                 // The provider is gone; what its outputs still hold is read
                 // now, and a lingering child of it is not waited for.
-                if (job.out_fd >= 0) drain(job.out_fd, result.std_out, max_output);
-                if (job.err_fd >= 0) drain(job.err_fd, result.std_err, max_output);
+                if (job.out_fd >= 0 && drain(job.out_fd, result.std_out, max_output))
+                    result.output_cut = true;
+                if (job.err_fd >= 0 && drain(job.err_fd, result.std_err, max_output))
+                    result.output_cut = true;
                 if ((job.out_fd >= 0 || job.err_fd >= 0) && now < job.deadline) {
                     ++j;
                     continue;
@@ -322,8 +338,10 @@ std::vector<ProviderResult> run_providers(const std::vector<ProviderCommand>& pr
                 }
                 job.exited = true;
                 result.timed_out = true;
-                if (job.out_fd >= 0) drain(job.out_fd, result.std_out, max_output);
-                if (job.err_fd >= 0) drain(job.err_fd, result.std_err, max_output);
+                if (job.out_fd >= 0 && drain(job.out_fd, result.std_out, max_output))
+                    result.output_cut = true;
+                if (job.err_fd >= 0 && drain(job.err_fd, result.std_err, max_output))
+                    result.output_cut = true;
             } else {
                 ++j;
                 continue;

@@ -32,6 +32,7 @@ struct ProviderResult {
     int64_t start = 0;    // seconds since the epoch
     double duration = 0;  // seconds
     bool timed_out = false;
+    bool output_cut = false;  // an output passed max_output and was cut there
 };
 
 // Exit status recorded for a provider killed at its timeout.
@@ -55,7 +56,7 @@ using ProgressFn = std::function<void(size_t done, size_t total, const std::vect
 // Runs the providers, at most `jobs` at a time, each in its own process
 // group with standard input from /dev/null, and kills a provider (and its
 // group) at its timeout. Results follow the order of `providers`. Outputs
-// beyond `max_output` bytes per stream are cut.
+// beyond `max_output` bytes per stream are cut (output_cut).
 std::vector<ProviderResult> run_providers(const std::vector<ProviderCommand>& providers,
                                           size_t jobs, size_t max_output,
                                           const ProgressFn& progress);

@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iostream>
+#include <iterator>
 #include <map>
 #include <memory>
 #include <pwd.h>
@@ -28,6 +29,7 @@
 #include "errors.h"
 #include "filter.h"
 #include "jsonl.h"
+#include "odbc_parameters.h"
 #include "session.h"
 #include "validate.h"
 
@@ -39,6 +41,10 @@ using vesk::datastore::InsertRecord;
 using vesk::datastore::Row;
 
 namespace {
+
+// The most of one output (stdout or stderr) that collect keeps per provider.
+constexpr size_t kMaxCollectedOutput = size_t(64) << 20;
+const char* const kOutputCutNote = "output cut at 64 MiB";
 
 const char* type_name(vesk::datastore::DatabaseType type) {
     switch (type) {
@@ -115,6 +121,17 @@ int cmd_config_check(const GlobalOptions& global, const std::string& file) {
             throw ToolError(kExitError, file + ": datastore \"" + c.instance_name +
                                             "\": extension library " + library + " not found");
     }
+    // An ODBC datastore's parameters are read as its extension reads them,
+    // without reaching for the server.
+    for (const auto& c : configs) {
+        if (c.type != vesk::datastore::odbc) continue;
+        vesk::datastore::odbc_backend::OdbcParameters parameters;
+        std::string problem;
+        if (!vesk::datastore::odbc_backend::parse_odbc_parameters(c.source_parameters, parameters,
+                                                                  problem))
+            throw ToolError(kExitError,
+                            file + ": datastore \"" + c.instance_name + "\" (ODBC): " + problem);
+    }
     // A datastore whose file exists is opened as configured, so that its
     // extension judges the parameters; none is created here.
     std::vector<DataStoreConfig> existing;
@@ -149,6 +166,12 @@ int cmd_sql(const std::string& sql_file, const std::string& database_file) {
     if (!in.is_open())
         throw ToolError(kExitError, "Unable to open sql file for reading " + sql_file + ": " +
                                         std::strerror(errno));
+    // A folder opens and fails at its first read: refused before the
+    // database file is opened (or created).
+    struct stat info {};
+    if (::stat(sql_file.c_str(), &info) == 0 && S_ISDIR(info.st_mode))
+        throw ToolError(kExitError, "Unable to open sql file for reading " + sql_file + ": " +
+                                        std::strerror(EISDIR));
     tessdb1::Connection* raw = nullptr;
     if (tessdb1::newConnection(database_file.c_str(), 0, &raw) != 0)
         throw ToolError(kExitError, "Unable to open datastore file " + database_file);
@@ -245,7 +268,7 @@ int cmd_collect(const GlobalOptions& global, const CollectOptions& options) {
         }
         progress.show(text, true);
     };
-    const auto results = run_providers(providers, options.jobs, size_t(64) << 20, show);
+    const auto results = run_providers(providers, options.jobs, kMaxCollectedOutput, show);
     progress.clear();
 
     std::vector<InsertRecord> records;
@@ -263,8 +286,13 @@ int cmd_collect(const GlobalOptions& global, const CollectOptions& options) {
         h.username = user.substr(0, size_t(vesk::datastore::max_username_size));
         h.unique_timestamp = run;
         record.option_id = r.option_id;
-        // Both texts share one encoding: base64 when either is not UTF-8.
-        if (is_valid_utf8(r.std_out) && is_valid_utf8(r.std_err)) {
+        // Both texts share one encoding: base64 when either is not UTF-8
+        // or holds a NUL byte, which a server's text column (PostgreSQL)
+        // cannot store.
+        const auto plain = [](const std::string& text) {
+            return is_valid_utf8(text) && text.find('\0') == std::string::npos;
+        };
+        if (plain(r.std_out) && plain(r.std_err)) {
             h.encoding = vesk::provider::none;
             record.std_out = r.std_out;
             record.std_err = r.std_err;
@@ -280,10 +308,11 @@ int cmd_collect(const GlobalOptions& global, const CollectOptions& options) {
     Table table{{"provider", "option", "exit", "duration", "stdout_bytes", "note"}, {}};
     Json list = Json::array();
     for (const auto& r : results) {
-        const std::string note = r.timed_out                          ? "timed out"
-                                 : r.exit_status == kNotStartedStatus ? "not started"
-                                 : r.exit_status > 128                ? "killed by a signal"
-                                                                      : "";
+        std::string note = r.timed_out                          ? "timed out"
+                           : r.exit_status == kNotStartedStatus ? "not started"
+                           : r.exit_status > 128                ? "killed by a signal"
+                                                                : "";
+        if (r.output_cut) note += std::string(note.empty() ? "" : "; ") + kOutputCutNote;
         table.rows.push_back({r.name, r.option_id, std::to_string(r.exit_status),
                               format_seconds(r.duration), std::to_string(r.std_out.size()), note});
         list.push_back({{"provider", r.name},
@@ -291,7 +320,8 @@ int cmd_collect(const GlobalOptions& global, const CollectOptions& options) {
                         {"exit_status", r.exit_status},
                         {"duration", r.duration},
                         {"stdout_bytes", r.std_out.size()},
-                        {"timed_out", r.timed_out}});
+                        {"timed_out", r.timed_out},
+                        {"output_cut", r.output_cut}});
     }
     const std::string heading = "run " + std::to_string(run) + " (" + format_run(run) + ") on " +
                                 host + ": " + std::to_string(results.size()) +
@@ -301,9 +331,15 @@ int cmd_collect(const GlobalOptions& global, const CollectOptions& options) {
         global.format,
         Json{{"host", host}, {"datastore", target}, {"unique_timestamp", run}, {"rows", list}},
         table, heading, "exit");
-    // A health check scripts on this: any provider that did not exit 0.
-    const bool all_passed = std::all_of(results.begin(), results.end(),
-                                        [](const ProviderResult& r) { return r.exit_status == 0; });
+    for (const auto& r : results)
+        if (r.output_cut)
+            diag() << "vesk-datastore: warning: provider " << r.name << ": " << kOutputCutNote
+                   << "; the rest was not stored\n";
+    // A health check scripts on this: any provider that did not exit 0, or
+    // whose output was not stored whole.
+    const bool all_passed =
+        std::all_of(results.begin(), results.end(),
+                    [](const ProviderResult& r) { return r.exit_status == 0 && !r.output_cut; });
     return all_passed ? kExitOk : kExitNothing;
 }
 
@@ -725,11 +761,33 @@ int cmd_runs(const GlobalOptions& global, const RunsOptions& options) {
             run.rows += part.rows;
             run.failed += part.failed;
         }
+    if (options.limit > 0)
+        while (runs.size() > options.limit) runs.erase(std::prev(runs.end()));
+    const auto names = store->data_names();
+    if (names.size() > 1 && !runs.empty()) {
+        // A host whose run several datastores hold (a node's own store and
+        // the central one it ships to) counts once: the hosts of the runs
+        // shown are asked for by run id, a few hundred ids a statement.
+        std::map<int64_t, std::set<std::string>> hosts_of;
+        std::vector<int64_t> ids;
+        for (const auto& entry : runs) ids.push_back(entry.first);
+        constexpr size_t kIdsPerQuery = 500;
+        for (size_t first = 0; first < ids.size(); first += kIdsPerQuery) {
+            std::string list;
+            for (size_t i = first; i < ids.size() && i < first + kIdsPerQuery; ++i)
+                list += (list.empty() ? "" : ",") + std::to_string(ids[i]);
+            for (const auto& row : store->select_all("SELECT Unique_timestamp, Hostname FROM " +
+                                                         vesk::datastore::table_name +
+                                                         " WHERE Unique_timestamp IN (" + list +
+                                                         ") GROUP BY Unique_timestamp, Hostname",
+                                                     "reading the hosts of the runs"))
+                hosts_of[row.Unique_timestamp].insert(row.Hostname);
+        }
+        for (auto& [id, run] : runs) run.hosts = int64_t(hosts_of[id].size());
+    }
     Table table{{"run", "run_time", "start", "hosts", "rows", "failed"}, {}};
     Json list = Json::array();
-    size_t shown = 0;
     for (const auto& [id, run] : runs) {
-        if (options.limit > 0 && shown++ >= options.limit) break;
         table.rows.push_back({std::to_string(id), format_run(id), format_time(run.start),
                               std::to_string(run.hosts), std::to_string(run.rows),
                               std::to_string(run.failed)});
@@ -740,7 +798,8 @@ int cmd_runs(const GlobalOptions& global, const RunsOptions& options) {
                         {"rows", run.rows},
                         {"failed", run.failed}});
     }
-    print_result(global.format, list, table);
+    // An empty answer: "[]" and the CSV header for scripts, no table.
+    if (!runs.empty() || global.format != Format::table) print_result(global.format, list, table);
     if (runs.empty()) {
         diag() << "vesk-datastore: nothing stored\n";
         return kExitNothing;

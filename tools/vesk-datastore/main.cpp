@@ -1,5 +1,6 @@
 // vesk-datastore: collect, import, query, snapshot and compare provider
 // results from a shell, through the datastore library.
+#include <cerrno>
 #include <clocale>
 #include <csignal>
 #include <cstdlib>
@@ -76,6 +77,21 @@ void settle_times(RowsOptions& options, const std::string& since, const std::str
     }
     options.filter.hosts = options.hosts;
 }
+
+// A run id as `runs` lists it: a whole number above 0. (CLI11's
+// PositiveNumber would answer "not in range 0.000000 to " and 309 digits.)
+const CLI::Validator kRunId(
+    [](std::string& value) -> std::string {
+        char* end = nullptr;
+        errno = 0;
+        const long long id = std::strtoll(value.c_str(), &end, 10);
+        if (value.empty() || *end != '\0' || errno != 0 || id <= 0)
+            return "not a run id (a whole number above 0, as `vesk-datastore runs` lists "
+                   "them): " +
+                   value;
+        return "";
+    },
+    "RUN");
 
 int run(int argc, char** argv) {
     GlobalOptions global;
@@ -181,8 +197,7 @@ int run(int argc, char** argv) {
                   "Only runs at or after TIME (2026-11-23[T10:00[:00]][Z], or an age: 2h, 7d), "
                   "or after run id RUN");
     r->add_option("--until", rows_until, "Only runs before TIME, or up to run id RUN");
-    r->add_option("--run", rows.filter.run, "Only the collection run with this id")
-        ->check(CLI::PositiveNumber);
+    r->add_option("--run", rows.filter.run, "Only the collection run with this id")->check(kRunId);
     r->add_option("--limit", rows.limit, "At most N rows (default: all)")
         ->check(CLI::Range(size_t(1), size_t(1) << 40));
     r->add_option("--stale-after", stale_after,
@@ -205,8 +220,7 @@ int run(int argc, char** argv) {
         "Record the latest row per provider, option and host as snapshot NAME (every host "
         "keeps its own run), or one run with --run");
     s_create->add_option("name", create.name, "Snapshot name")->required();
-    s_create->add_option("--run", create.run, "Record this collection run exactly")
-        ->check(CLI::PositiveNumber);
+    s_create->add_option("--run", create.run, "Record this collection run exactly")->check(kRunId);
     s_create->add_flag("--replace", create.replace, "Record NAME anew when it exists");
     s_create->add_option("--stale-after", create_stale,
                          "A host whose newest row lags the newest run by more is named stale "
@@ -229,7 +243,7 @@ int run(int argc, char** argv) {
             ->expected(0, 2);
         d->add_option("--run", diff.runs, "A side given by run id (repeatable; after snapshots)")
             ->allow_extra_args(false)
-            ->check(CLI::PositiveNumber);
+            ->check(kRunId);
         d->add_option("--ignore-provider", diff.ignore,
                       "Leave this provider out (repeatable; also the names listed in "
                       "$HOME/.vesk/diff-ignore, one a line)")
@@ -240,7 +254,16 @@ int run(int argc, char** argv) {
         d->add_option("--duration-tolerance", diff.duration_tolerance,
                       "A duration that changed by more than PCT percent is a difference "
                       "(default: durations are not compared)")
-            ->check(CLI::Range(0.0, 1e9));
+            ->check(CLI::Validator(
+                [](std::string& value) -> std::string {
+                    // NaN passes a range check and would compare as no change.
+                    char* end = nullptr;
+                    const double percent = std::strtod(value.c_str(), &end);
+                    if (value.empty() || *end != '\0' || !(percent >= 0 && percent <= 1e9))
+                        return "not a percentage from 0 to 1000000000: " + value;
+                    return "";
+                },
+                "PCT"));
         auto* g = d->add_option_group("mode", "What to print (default: a summary list)");
         g->add_flag(
             "--stat", [&](int64_t) { diff.mode = DiffMode::stat; },
@@ -375,7 +398,8 @@ int run(int argc, char** argv) {
         if (*runs_cmd) return cmd_runs(global, runs);
         if (*prune_cmd) {
             if (!prune_age.empty()) {
-                const std::string problem = parse_age(prune_age, prune.older_than);
+                std::string problem = parse_age(prune_age, prune.older_than);
+                if (problem.empty() && prune.older_than <= 0) problem = "is no age above 0";
                 if (!problem.empty())
                     throw ToolError(kExitError, "--older-than \"" + prune_age + "\" " + problem);
             }

@@ -147,7 +147,12 @@ std::string csv_cell(const std::string& cell) {
 
 namespace {
 void csv_line(std::ostream& out, const std::vector<std::string>& cells) {
-    for (size_t c = 0; c < cells.size(); ++c) out << (c ? "," : "") << csv_cell(cells[c]);
+    // CSV keeps every byte for scripts; on a terminal, captured output
+    // (--show-output, --full) is escaped as a table escapes it, so that a
+    // provider cannot steer the terminal.
+    static const bool terminal = ::isatty(STDOUT_FILENO) == 1;
+    for (size_t c = 0; c < cells.size(); ++c)
+        out << (c ? "," : "") << csv_cell(terminal ? terminal_safe(cells[c], true) : cells[c]);
     out << "\r\n";
 }
 }  // namespace

@@ -29,9 +29,9 @@ constexpr int kBusyAttempts = 20;
 
 class Pruner {
 public:
-    explicit Pruner(const std::string& file) : file_(file) {
+    Pruner(const std::string& file, bool read_only) : file_(file) {
         int rc = SQLITE_OK;
-        db_ = open_db(file, SQLITE_OPEN_READWRITE, rc);
+        db_ = open_db(file, read_only ? SQLITE_OPEN_READONLY : SQLITE_OPEN_READWRITE, rc);
         if (rc != SQLITE_OK)
             fail("cannot open", db_ ? sqlite3_errmsg(db_.get()) : sqlite3_errstr(rc));
         sqlite3_busy_timeout(db_.get(), kBusyTimeoutMs);
@@ -110,14 +110,22 @@ int cmd_prune(const GlobalOptions& global, const PruneOptions& options) {
     auto store = open_store(global, Access::read);
     const std::string target = store->write_target();
     std::string file;
+    bool read_only = false;
     for (const auto& config : selected_configs(global))
-        if (config.instance_name == target) file = datastore_file(config);
+        if (config.instance_name == target) file = datastore_file(config, &read_only);
     if (file.empty())
         throw ToolError(kExitError,
                         "prune works on SQLite datastore files; \"" + target + "\" is none");
     const bool dry_run = options.dry_run || (!options.yes && ::isatty(STDOUT_FILENO) == 1);
+    // The file is opened directly, past the extension that would refuse
+    // the writes: a datastore configured read-only is only counted.
+    if (read_only && !dry_run)
+        throw ToolError(kExitError, "datastore " + target +
+                                        " is read-only (read_only=true in its "
+                                        "source_parameters): prune removes nothing from it; "
+                                        "--dry-run counts what would go");
 
-    Pruner pruner(file);
+    Pruner pruner(file, read_only);
     const std::string table = vesk::datastore::table_name;
     // The rows that snapshots record, once, with a key for quick lookups.
     pruner.exec("CREATE TEMP TABLE keep_rows(id INTEGER PRIMARY KEY)");

@@ -1,6 +1,7 @@
 #include "session.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cstdlib>
 #include <iostream>
 #include <pwd.h>
@@ -12,6 +13,7 @@
 #include "vesk/str.h"
 
 #include "errors.h"
+#include "odbc_parameters.h"
 #include "validate.h"
 
 namespace vesk::tool {
@@ -31,6 +33,10 @@ std::vector<vesk::datastore::DataStoreConfig> selected_configs(const GlobalOptio
     if (global.datastores.empty()) return configs;
     std::vector<vesk::datastore::DataStoreConfig> chosen;
     for (const auto& name : global.datastores) {
+        // A name given twice selects its datastore once.
+        if (std::any_of(chosen.begin(), chosen.end(),
+                        [&](const auto& config) { return config.instance_name == name; }))
+            continue;
         const auto found = std::find_if(configs.begin(), configs.end(), [&](const auto& config) {
             return config.instance_name == name;
         });
@@ -62,6 +68,43 @@ std::string datastore_file(const vesk::datastore::DataStoreConfig& config, bool*
     return path;
 }
 
+namespace {
+
+// The ODBC data source of parameter string `parameters` for people to read:
+// "DSN NAME", or the connection string with the values of its password
+// keys hidden.
+std::string odbc_source_text(const std::string& parameters) {
+    vesk::datastore::odbc_backend::OdbcParameters parsed;
+    std::string problem;
+    if (!vesk::datastore::odbc_backend::parse_odbc_parameters(parameters, parsed, problem))
+        return "(" + problem + ")";
+    if (parsed.source_is_dsn) return "DSN " + parsed.source;
+    // Items end at ";" outside braces (a braced value may hold ";").
+    std::vector<std::string> items(1);
+    int depth = 0;
+    for (const char ch : parsed.source) {
+        if (ch == ';' && depth == 0) {
+            items.emplace_back();
+            continue;
+        }
+        if (ch == '{') ++depth;
+        if (ch == '}' && depth > 0) --depth;
+        items.back() += ch;
+    }
+    std::string shown;
+    for (const auto& item : items) {
+        if (item.empty()) continue;
+        const std::string key = vesk::str::stripws(item.substr(0, item.find('=')));
+        std::string lower;
+        for (const char ch : key) lower += char(std::tolower(static_cast<unsigned char>(ch)));
+        const bool secret = lower == "pwd" || lower == "password";
+        shown += (secret ? key + "=***" : item) + ";";
+    }
+    return shown;
+}
+
+}  // namespace
+
 void settle_home() {
     const char* home = std::getenv("HOME");
     if (home != nullptr && *home != '\0') return;
@@ -82,6 +125,9 @@ std::unique_ptr<Store> open_store(const GlobalOptions& global, Access access) {
                                             "password database names no home directory; set "
                                             "HOME or give the datastore an absolute path");
         const std::string file = datastore_file(config);
+        if (global.verbose && config.type == vesk::datastore::odbc)
+            diag() << "vesk-datastore: datastore \"" << config.instance_name << "\": ODBC "
+                   << odbc_source_text(config.source_parameters) << "\n";
         if (file.empty()) continue;
         g_files.push_back(file);
         if (global.verbose)

@@ -1,11 +1,14 @@
 // The snapshot commands: create, list, show, remove and diff.
 #include <algorithm>
+#include <cerrno>
 #include <cmath>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <iostream>
 #include <map>
 #include <set>
+#include <sys/stat.h>
 #include <tuple>
 
 #include "vesk/datastore/parse_utility.h"
@@ -29,20 +32,6 @@ namespace {
 
 bool has_snapshot(const vesk::datastore::SnapshotInfoSet& known, const std::string& name) {
     return known.count(vesk::datastore::SnapshotInfo{name, 0}) > 0;
-}
-
-// The rows recorded under snapshot `name` for `providers`.
-std::vector<Row> snapshot_rows(const std::string& name, const std::vector<std::string>& providers) {
-    std::map<std::string, std::vector<Row>> rows_by_provider;
-    std::map<std::string, std::vector<vesk::datastore::Row_baseline>> baselines;
-    std::vector<Row> rows;
-    if (providers.empty()) return rows;
-    if (!vesk::datastore::get_snapshot_provider_data(name, rows_by_provider, baselines, providers,
-                                                     {}, false))
-        throw ToolError(kExitError, "reading snapshot \"" + name + "\" failed", true);
-    for (auto& [provider, list] : rows_by_provider)
-        for (auto& row : list) rows.push_back(std::move(row));
-    return rows;
 }
 
 // A missing snapshot is an error, never "a difference".
@@ -190,15 +179,32 @@ int cmd_snapshot_show(const GlobalOptions& global, const std::string& name, bool
     auto store = open_store(global, Access::read);
     require_snapshot(*store, name);
     const auto providers = store->queryable_provider_names();
+    const auto names = store->data_names();
+    RowColumns extra;
+    extra.datastore = names.size() > 1;
+    // Each datastore is asked itself; several answers are merged in the
+    // order of one.
     const RowSource source = [&](const auto& sink) {
         for (const auto& provider : providers) {
+            std::vector<std::pair<Row, std::string>> found;
+            for (const auto& datastore : names)
+                for (auto& row : store->snapshot_rows(datastore, name, {provider}))
+                    found.emplace_back(std::move(row), datastore);
+            std::stable_sort(found.begin(), found.end(), [](const auto& a, const auto& b) {
+                const Row& x = a.first;
+                const Row& y = b.first;
+                return std::tie(x.Hostname, x.OptionID, x.Unique_timestamp, x.rowid) <
+                       std::tie(y.Hostname, y.OptionID, y.Unique_timestamp, y.rowid);
+            });
             RowPart part;
-            part.rows = snapshot_rows(name, {provider});
-            sort_rows(part.rows);
+            for (auto& [row, datastore] : found) {
+                part.rows.push_back(std::move(row));
+                part.origin.push_back(datastore);
+            }
             sink(part);
         }
     };
-    return print_rows(global, source, show_output);
+    return print_rows(global, source, show_output, true, extra);
 }
 
 int cmd_snapshot_remove(const GlobalOptions& global, const std::string& name) {
@@ -211,7 +217,9 @@ int cmd_snapshot_remove(const GlobalOptions& global, const std::string& name) {
         throw ToolError(kExitError, "removing snapshot \"" + name + "\" failed", true);
     if (global.format == Format::json)
         print_json(std::cout, Json{{"removed", name}, {"datastore", target}});
-    else if (global.format == Format::table)
+    else if (global.format == Format::csv)
+        print_csv(std::cout, Table{{"removed", "datastore"}, {{name, target}}});
+    else
         std::cout << "snapshot \"" << name << "\" removed from datastore " << target << "\n";
     return kExitOk;
 }
@@ -306,7 +314,16 @@ std::set<std::string> ignored_providers(const DiffOptions& options) {
     const char* home = std::getenv("HOME");
     if (options.use_ignore_file && home != nullptr && *home != '\0') {
         const std::string path = std::string(home) + "/.vesk/diff-ignore";
+        // No file means nothing to leave out; a file that cannot be read
+        // is an error, never an empty list.
         std::ifstream in(path);
+        if (!in.is_open()) {
+            if (errno == ENOENT) return ignored;
+            throw ToolError(kExitError, "cannot read " + path + ": " + std::strerror(errno));
+        }
+        struct stat info {};
+        if (::stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode))
+            throw ToolError(kExitError, "cannot read " + path + ": " + std::strerror(EISDIR));
         std::string line;
         while (std::getline(in, line)) {
             line = line.substr(0, line.find('#'));
@@ -314,7 +331,8 @@ std::set<std::string> ignored_providers(const DiffOptions& options) {
             if (first == std::string::npos) continue;
             ignored.insert(line.substr(first, line.find_last_not_of(" \t\r") + 1 - first));
         }
-        if (in.bad()) throw ToolError(kExitError, "cannot read " + path);
+        if (in.bad())
+            throw ToolError(kExitError, "cannot read " + path + ": " + std::strerror(errno));
     }
     return ignored;
 }

@@ -230,6 +230,12 @@ bool Store::is_sqlite(const std::string& name) const {
     return true;
 }
 
+bool Store::is_odbc(const std::string& name) const {
+    for (const auto& entry : DataStoreParseUtility::get_datastore_vector())
+        if (entry.first.instance_name == name) return entry.first.type == vesk::datastore::odbc;
+    return false;
+}
+
 namespace {
 
 // The file of the SQLite datastore `name` and whether it was configured
@@ -619,16 +625,47 @@ std::vector<Row> Store::latest_run_rows(const std::vector<std::string>& provider
 }
 
 vesk::datastore::SnapshotInfoSet Store::snapshots() {
-    if (DataStoreParseUtility::query_available_baselines())
-        return DataStoreParseUtility::get_snapshot_info_set();
-    // False means "none" or "failed": ask again to tell which.
-    vesk::datastore::SnapshotInfoSet probe;
-    std::vector<Outcome> outcomes;
-    if (!run_ioctl(data_names(), vesk::datastore::OP_QUERY_BASELINE_IDS, nullptr, &probe, outcomes))
-        throw datastore_error("listing snapshots", outcomes);
-    auto known = DataStoreParseUtility::get_snapshot_info_set();
-    known.insert(probe.begin(), probe.end());
+    // Each datastore is asked itself: the library's listing stops at the
+    // first one that knows a snapshot, which would hide those of the
+    // others. A name known to several gets the newest run of them.
+    vesk::datastore::SnapshotInfoSet known;
+    for (const auto& name : data_names()) {
+        vesk::datastore::SnapshotInfoSet part;
+        std::vector<Outcome> outcomes;
+        if (!run_ioctl({name}, vesk::datastore::OP_QUERY_BASELINE_IDS, nullptr, &part, outcomes))
+            throw datastore_error("listing snapshots", outcomes);
+        for (const auto& info : part) {
+            auto found = known.find(info);
+            if (found == known.end()) {
+                known.insert(info);
+            } else if (found->latest_unique_timestamp < info.latest_unique_timestamp) {
+                known.erase(found);
+                known.insert(info);
+            }
+        }
+    }
     return known;
+}
+
+std::vector<Row> Store::snapshot_rows(const std::string& name, const std::string& snapshot,
+                                      const std::vector<std::string>& providers) {
+    std::vector<Row> rows;
+    if (providers.empty()) return rows;
+    // The library's own walk stops at the first datastore that answers,
+    // whether the snapshot lives there or not: this one is asked itself.
+    ReadParameters request;
+    request.first = {snapshot};
+    request.second = providers;
+    std::map<std::string, std::vector<Row>> by_provider;
+    std::map<std::string, std::vector<vesk::datastore::Row_baseline>> baselines;
+    void* maps[2] = {&baselines, &by_provider};
+    std::vector<Outcome> outcomes;
+    if (!run_ioctl({name}, vesk::datastore::OP_SNAPSHOT_PROVIDER, &request, maps, outcomes))
+        throw datastore_error("reading snapshot \"" + snapshot + "\"", outcomes);
+    for (auto& [provider, list] : by_provider)
+        rows.insert(rows.end(), std::make_move_iterator(list.begin()),
+                    std::make_move_iterator(list.end()));
+    return rows;
 }
 
 }  // namespace vesk::tool

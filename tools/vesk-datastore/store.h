@@ -67,6 +67,9 @@ public:
     std::vector<std::string> data_names() const;
     // True when the datastore `name` is a SQLite file (its SQL may use GLOB).
     bool is_sqlite(const std::string& name) const;
+    // True when the datastore `name` is reached through ODBC (its texts hold
+    // no NUL byte).
+    bool is_odbc(const std::string& name) const;
 
     // What is stored, per provider and host, merged over the "data"
     // datastores, ordered by provider and host. A writable SQLite file
@@ -119,9 +122,17 @@ public:
     // The rows of the newest collection run of `providers` (operation 519).
     std::vector<vesk::datastore::Row> latest_run_rows(const std::vector<std::string>& providers);
 
-    // Known snapshots (ids and their newest run). Throws ToolError (exit 2)
-    // when a datastore fails; an empty set means there are none.
+    // Known snapshots (ids and their newest run), merged over the "data"
+    // datastores, each asked itself. Throws ToolError (exit 2) when a
+    // datastore fails; an empty set means there are none.
     vesk::datastore::SnapshotInfoSet snapshots();
+
+    // The rows that snapshot `snapshot` records in the "data" datastore
+    // `name`, of `providers` (the library's snapshot query). Throws
+    // ToolError (exit 2) when it fails.
+    std::vector<vesk::datastore::Row> snapshot_rows(const std::string& name,
+                                                    const std::string& snapshot,
+                                                    const std::vector<std::string>& providers);
 
     // The rows of `query` (SQL on the provider table, columns named like
     // its own) from the "data" datastore `name`. Throws ToolError (exit 2)

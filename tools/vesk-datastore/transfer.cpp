@@ -1,5 +1,6 @@
 // import and export: rows as JSON Lines.
 #include <algorithm>
+#include <cerrno>
 #include <condition_variable>
 #include <cstdio>
 #include <cstring>
@@ -9,6 +10,7 @@
 #include <mutex>
 #include <optional>
 #include <set>
+#include <sys/stat.h>
 #include <thread>
 
 #include "vesk/datastore/parse_utility.h"
@@ -43,7 +45,10 @@ public:
                 pos_ = 0;
                 if (end_ == 0) {
                     eof_ = true;
-                    if (std::ferror(file_)) failed_ = true;
+                    if (std::ferror(file_)) {
+                        failed_ = true;
+                        error_ = errno;
+                    }
                     return !line.empty();
                 }
             }
@@ -61,6 +66,8 @@ public:
         }
     }
     bool failed() const { return failed_; }
+    // The reason of a failed read.
+    std::string reason() const { return std::strerror(error_); }
 
 private:
     std::FILE* file_;
@@ -69,6 +76,7 @@ private:
     size_t end_ = 0;
     bool eof_ = false;
     bool failed_ = false;
+    int error_ = 0;
 };
 
 // A parsed batch and the line number of each of its records.
@@ -78,10 +86,34 @@ struct Batch {
 };
 
 // Why the row `record` cannot be stored ("" when it can).
-std::string check_record(const InsertRecord& record) {
+std::string check_record(const InsertRecord& record, bool server_text) {
     std::string problem;
     const std::string field = record_problem(record, problem);
-    return field.empty() ? "" : field + ": " + problem;
+    if (!field.empty()) return field + ": " + problem;
+    // The ODBC extension refuses a query text with a ";" outside quotes,
+    // and any ";" once the text also holds "$", "[", a backslash or the
+    // like: a name with ";" beside such a name would make every query
+    // that names both fail. Such a name is refused before it is stored.
+    if (server_text)
+        for (const auto& [name, text] :
+             {std::pair<const char*, const std::string*>{"Provider", &record.header.provider},
+              {"Hostname", &record.header.hostname},
+              {"OptionID", &record.option_id}})
+            if (text->find(';') != std::string::npos)
+                return std::string(name) + ": \"" + *text +
+                       "\" holds a \";\", which queries of an ODBC datastore cannot name";
+    // A server's text column (PostgreSQL through ODBC) holds no NUL byte:
+    // the extension would refuse the whole batch, naming the row of the
+    // batch; here the line is named.
+    if (server_text && record.header.encoding == vesk::provider::none)
+        for (const auto& [name, text] :
+             {std::pair<const char*, const std::string*>{"STDOUT", &record.std_out},
+              {"STDERR", &record.std_err}})
+            if (const size_t at = text->find('\0'); at != std::string::npos)
+                return std::string(name) + ": holds a NUL byte at offset " + std::to_string(at) +
+                       ", which an ODBC datastore's text cannot hold; store the output "
+                       "base64-encoded (\"Encoding\": 1)";
+    return "";
 }
 
 // One snapshot membership read from a line of an import.
@@ -206,6 +238,13 @@ int cmd_import(const GlobalOptions& global, const std::string& file, size_t batc
         input = std::fopen(file.c_str(), "rb");
         if (input == nullptr)
             throw ToolError(kExitError, "cannot read " + file + ": " + std::strerror(errno));
+        // A folder opens, and fails only at the first read: refused before
+        // any datastore is opened (or created).
+        struct stat info {};
+        if (::fstat(::fileno(input), &info) == 0 && S_ISDIR(info.st_mode)) {
+            std::fclose(input);
+            throw ToolError(kExitError, "cannot read " + file + ": " + std::strerror(EISDIR));
+        }
     }
     struct Closer {
         std::FILE* f;
@@ -217,6 +256,7 @@ int cmd_import(const GlobalOptions& global, const std::string& file, size_t batc
 
     auto store = open_store(global, Access::write);
     const std::string target = store->write_target();
+    const bool server_text = store->is_odbc(target);
     // Rows without a run of their own form one new run.
     const int64_t default_run = std::max(now_microseconds(), store->last_run() + 1);
     // Rows stored before this import count as already stored; rows that
@@ -239,7 +279,7 @@ int cmd_import(const GlobalOptions& global, const std::string& file, size_t batc
             ++number;
             if (line.find_first_not_of(" \t\r") == std::string::npos) continue;
             if (!json.parse(line, default_run, parsed, error) ||
-                (!parsed.member && !(error = check_record(parsed.record)).empty())) {
+                (!parsed.member && !(error = check_record(parsed.record, server_text)).empty())) {
                 queue.finish(name + ":" + std::to_string(number) + ": " + error);
                 return;
             }
@@ -263,7 +303,8 @@ int cmd_import(const GlobalOptions& global, const std::string& file, size_t batc
             }
         }
         if (reader.failed()) {
-            queue.finish(name + ": read error after line " + std::to_string(number));
+            queue.finish("cannot read " + name + " after line " + std::to_string(number) + ": " +
+                         reader.reason());
             return;
         }
         if (!batch.records.empty()) queue.push(std::move(batch));
@@ -423,16 +464,11 @@ int cmd_export(const GlobalOptions& global, const RowsOptions& options, bool sna
     size_t members = 0;
     if (snapshots) {
         for (const auto& info : store->snapshots()) {
-            std::map<std::string, std::vector<Row>> by_provider;
-            std::map<std::string, std::vector<vesk::datastore::Row_baseline>> baselines;
-            if (!vesk::datastore::get_snapshot_provider_data(info.baseline_id, by_provider,
-                                                             baselines, providers, {}, false) &&
-                !providers.empty())
-                throw ToolError(kExitError, "reading snapshot \"" + info.baseline_id + "\" failed",
-                                true);
+            // The members of every datastore that records the snapshot.
             std::vector<Row> rows;
-            for (auto& [provider, list] : by_provider)
-                for (auto& row : list) rows.push_back(std::move(row));
+            for (const auto& name : store->data_names())
+                for (auto& row : store->snapshot_rows(name, info.baseline_id, providers))
+                    rows.push_back(std::move(row));
             sort_rows(rows);
             for (const auto& row : rows) {
                 out += snapshot_line(info.baseline_id, row);

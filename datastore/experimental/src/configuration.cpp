@@ -313,10 +313,12 @@ bool DataStoreParseUtility::parse_xml(xmlNode* node, DataStoreConfig& config) {
         const std::string value = vesk::str::stripws(raw);
         // Logged (level 3) just before a throw: the fixed message names
         // neither the file nor, for source_parameters, the attribute.
-        const auto refused = [&](const std::string& message) {
+        const auto refused = [&](const std::string& message, const std::string& cause = "") {
             vesk::log::ErrorLog(__FILE__, __func__, __LINE__, 3).stream()
-                << (present ? message : "missing attribute " + key) << " in "
-                << document_name(node);
+                << (!present        ? "missing attribute " + key
+                    : cause.empty() ? message
+                                    : cause)
+                << " in " << document_name(node);
             return std::runtime_error(message);
         };
         switch (item.second) {
@@ -325,7 +327,9 @@ bool DataStoreParseUtility::parse_xml(xmlNode* node, DataStoreConfig& config) {
                 break;
             case source_parameters_field:
                 // The historical message names "type" for this attribute too.
-                if (value.empty()) throw refused("Invalid value for attribute type " + value);
+                if (value.empty())
+                    throw refused("Invalid value for attribute type " + value,
+                                  "empty attribute " + key);
                 config.source_parameters = value;
                 break;
             case type_field: {
