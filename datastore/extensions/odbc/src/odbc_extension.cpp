@@ -224,7 +224,9 @@ protected:
         if (own_text()) return prepare_logged(sql);
         // A second statement could end the read-only transaction below
         // (COMMIT) and write in the next, or make the session writable.
-        const std::optional<std::string> statement = single_statement(sql);
+        // PostgreSQL reads backslashes as escapes only in E'...' texts: the
+        // session's standard_conforming_strings is on from the connect.
+        const std::optional<std::string> statement = single_statement(sql, postgres_);
         if (!statement) {
             VESK_ODBC_LOG(kErrorLevel)
                 << where()

@@ -58,7 +58,7 @@ std::optional<std::string> text_problem(std::string_view text) {
     return std::nullopt;
 }
 
-std::optional<std::string> single_statement(const std::string& sql) {
+std::optional<std::string> single_statement(const std::string& sql, bool plain_backslash) {
     std::size_t end = sql.size();
     while (end > 0 &&
            (sql[end - 1] == ';' || std::isspace(static_cast<unsigned char>(sql[end - 1]))))
@@ -66,19 +66,31 @@ std::optional<std::string> single_statement(const std::string& sql) {
     std::string body = sql.substr(0, end);
     if (body.find("--") != std::string::npos) body += '\n';
     if (body.find(';') == std::string::npos) return body;
-    // Dollar quotes, comments, backslash escapes (whose meaning depends on a
-    // server setting), brackets and backticks change what is quoted: with
-    // any of them, a ";" is taken for a separator wherever it stands.
-    if (body.find_first_of("$\\[`") != std::string::npos || body.find("--") != std::string::npos ||
-        body.find("/*") != std::string::npos)
-        return std::nullopt;
-    // Otherwise a text in '...' or a name in "..." (each doubling its quote
-    // inside) is the only place where ";" does not end a statement.
+    // A backslash that escapes the next character can end a quote where the
+    // scan below would not. Where every '...' text reads escapes, one
+    // anywhere makes any ";" a separator; where only E'...' texts do, such a
+    // text does from where it starts.
+    const bool backslash = body.find('\\') != std::string::npos;
+    if (backslash && !plain_backslash) return std::nullopt;
+    // A text in '...' or a name in "..." (each doubling its quote inside) is
+    // the only place where ";" does not end a statement, as long as nothing
+    // outside them has changed what is quoted: a dollar quote, a comment, a
+    // bracket, a backtick or an escape text. From the first of those on, any
+    // ";" is taken for a separator wherever it stands.
     char quote = 0;
-    for (const char c : body) {
+    for (std::size_t i = 0; i < body.size(); ++i) {
+        const char c = body[i];
         if (quote != 0) {
             if (c == quote) quote = 0;  // a doubled quote reopens at once
-        } else if (c == '\'' || c == '"') {
+            continue;
+        }
+        const bool escape_text = backslash && c == '\'' && i > 0 && (body[i - 1] | 0x20) == 'e';
+        if (escape_text || c == '$' || c == '[' || c == '`' || body.compare(i, 2, "--") == 0 ||
+            body.compare(i, 2, "/*") == 0) {
+            if (body.find(';', i) != std::string::npos) return std::nullopt;
+            return body;
+        }
+        if (c == '\'' || c == '"') {
             quote = c;
         } else if (c == ';') {
             return std::nullopt;

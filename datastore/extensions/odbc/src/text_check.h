@@ -21,11 +21,13 @@ std::optional<std::string> text_problem(std::string_view text);
 
 // A caller's statement without its trailing blanks and semicolons, or
 // nothing when the text may hold more than one statement: a ";" outside
-// quotes, or anywhere when the text also holds what could hide it from this
-// scan (dollar quotes, comments, backslashes, brackets, backticks). A text
-// with "--" ends in a line break: the driver may append a statement of its
-// own to the line, which a line comment would swallow.
-std::optional<std::string> single_statement(const std::string& sql);
+// quotes, or a ";" anywhere after what could hide one from this scan (a
+// dollar quote, comment, bracket or backtick outside quotes; a backslash,
+// or with `plain_backslash` (the server reads escapes only in E'...') an
+// E'...' text holding one). A text with "--" ends in a line break: the
+// driver may append a statement of its own to the line, which a line
+// comment would swallow.
+std::optional<std::string> single_statement(const std::string& sql, bool plain_backslash);
 
 // True when `sql`, after blanks, comments and opening parentheses, starts
 // with SELECT, WITH, VALUES or TABLE: a query. Other statements can change
