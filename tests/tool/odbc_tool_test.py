@@ -131,32 +131,22 @@ class OdbcDatastore(OdbcToolCase):
         self.assertIn('no snapshot named "base"', self.stderr_line(proc))
         self.assertEqual(self.count(), 4 + 4 * 3 * 5 + 1)  # the rows stay
 
-    def test_text_and_names_a_server_cannot_hold_are_refused_by_line(self):
+    def test_text_a_server_cannot_hold_is_refused_by_its_line(self):
         pg = ("--config", self.pg)
         lines = cluster_lines(hosts=2, runs=1, stale=())
         lines.insert(7, "")  # a blank line still counts
-        for field, value, problem in (
-                ("STDOUT", "a\0b", "holds a NUL byte at offset 1, which an ODBC datastore's "
-                                   "text cannot hold"),
-                ("STDERR", "a\0b", "holds a NUL byte at offset 1"),
-                # Beside a name with "$" or "[", a ";" would make the
-                # extension refuse every query naming both.
-                ("Hostname", "a;b", '"a;b" holds a ";", which queries of an ODBC datastore '
-                                    "cannot name"),
-                ("Provider", "p;q", '"p;q" holds a ";"'),
-                ("OptionID", "-x;y", '"-x;y" holds a ";"')):
+        for field in ("STDOUT", "STDERR"):
             with self.subTest(field):
-                bad = dict(lines[0], Unique_timestamp=NOW + 5, **{field: value})
+                bad = dict(lines[0], Unique_timestamp=NOW + 5, **{field: "a\0b"})
                 _, proc = self.import_lines(lines + [bad], before=pg, expect=ERROR)
-                self.assertIn(f"rows.jsonl:12: {field}: {problem}", self.stderr_line(proc))
+                self.assertIn(f"rows.jsonl:12: {field}: holds a NUL byte at offset 1, which an "
+                              "ODBC datastore's text cannot hold", self.stderr_line(proc))
                 self.assertEqual(self.count(), 0)
         # Base64-encoded, the same bytes are stored.
         encoded = dict(lines[0], Unique_timestamp=NOW + 5, Encoding=1,
                        STDOUT=base64.b64encode(b"a\0b").decode())
-        odd = dict(lines[0], Provider="x$y", Hostname="h[1]")
-        self.import_lines(lines + [encoded, odd], before=pg)
-        self.assertEqual(self.count(), 12)
-        self.assertEqual(len(self.json_of(*pg, "rows", "--latest")), 11)
+        self.import_lines(lines + [encoded], before=pg)
+        self.assertEqual(self.count(), 11)
 
     def test_file_commands_refuse_an_odbc_datastore(self):
         pg = ("--config", self.pg)

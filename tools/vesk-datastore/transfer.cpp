@@ -90,18 +90,6 @@ std::string check_record(const InsertRecord& record, bool server_text) {
     std::string problem;
     const std::string field = record_problem(record, problem);
     if (!field.empty()) return field + ": " + problem;
-    // The ODBC extension refuses a query text with a ";" outside quotes,
-    // and any ";" once the text also holds "$", "[", a backslash or the
-    // like: a name with ";" beside such a name would make every query
-    // that names both fail. Such a name is refused before it is stored.
-    if (server_text)
-        for (const auto& [name, text] :
-             {std::pair<const char*, const std::string*>{"Provider", &record.header.provider},
-              {"Hostname", &record.header.hostname},
-              {"OptionID", &record.option_id}})
-            if (text->find(';') != std::string::npos)
-                return std::string(name) + ": \"" + *text +
-                       "\" holds a \";\", which queries of an ODBC datastore cannot name";
     // A server's text column (PostgreSQL through ODBC) holds no NUL byte:
     // the extension would refuse the whole batch, naming the row of the
     // batch; here the line is named.
