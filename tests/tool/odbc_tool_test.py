@@ -145,8 +145,18 @@ class OdbcDatastore(OdbcToolCase):
         # Base64-encoded, the same bytes are stored.
         encoded = dict(lines[0], Unique_timestamp=NOW + 5, Encoding=1,
                        STDOUT=base64.b64encode(b"a\0b").decode())
-        self.import_lines(lines + [encoded], before=pg)
-        self.assertEqual(self.count(), 11)
+        # Names holding what quotes or separates SQL are stored and found
+        # again by the tool's own queries, side by side.
+        odd = [dict(lines[0], Provider="x$y", Hostname="h[1]"),
+               dict(lines[0], Hostname="a;b"),
+               dict(lines[0], Provider="p;q", OptionID="-- o;/*")]
+        self.import_lines(lines + [encoded] + odd, before=pg)
+        self.assertEqual(self.count(), 14)
+        latest = self.json_of(*pg, "rows", "--latest")
+        self.assertEqual(len(latest), 13)
+        self.assertLessEqual({("x$y", "h[1]"), (lines[0]["Provider"], "a;b"),
+                              ("p;q", lines[0]["Hostname"])},
+                             {(r["Provider"], r["Hostname"]) for r in latest})
 
     def test_file_commands_refuse_an_odbc_datastore(self):
         pg = ("--config", self.pg)
