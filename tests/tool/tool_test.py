@@ -650,6 +650,18 @@ class Idempotent(ToolCase):
                           name="repeat.jsonl")
         self.assertEqual(self.stored_count(), 1302)
 
+    def test_two_imports_at_once_store_each_row_once(self):
+        path = self.write("rows.jsonl", "".join(json.dumps(l) + "\n" for l in self.lines(20000)))
+        procs = [subprocess.Popen([TOOL, "--format", "json", "import", path], env=self.env,
+                                  stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+                 for _ in range(2)]
+        outs = [p.communicate(timeout=120) for p in procs]
+        self.assertEqual([p.returncode for p in procs], [0, 0], outs)
+        # One stored every row; the other, held until the first had ended, skipped them.
+        self.assertEqual(sorted((json.loads(out)["rows"], json.loads(out)["skipped"])
+                                for out, _ in outs), [(0, 20000), (20000, 0)])
+        self.assertEqual(self.stored_count(), 20000)
+
     def test_lookup_uses_the_index(self):
         self.import_lines(self.lines(10))
         plan = self.sql("EXPLAIN QUERY PLAN SELECT p.rowid FROM (VALUES ('p1','h1','o1',1001)) "

@@ -272,6 +272,8 @@ constexpr int64_t kSummaryLag = 20000;
 
 }  // namespace
 
+std::string Store::sqlite_path(const std::string& name) const { return sqlite_file(name); }
+
 std::vector<StoredSummary> Store::summary() {
     std::map<std::pair<std::string, std::string>, StoredSummary> merged;
     for (const auto& name : data_names()) {

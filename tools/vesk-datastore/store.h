@@ -70,6 +70,8 @@ public:
     // True when the datastore `name` is reached through ODBC (its texts hold
     // no NUL byte).
     bool is_odbc(const std::string& name) const;
+    // The file of the SQLite datastore `name`; "" for other datastores.
+    std::string sqlite_path(const std::string& name) const;
 
     // What is stored, per provider and host, merged over the "data"
     // datastores, ordered by provider and host. A writable SQLite file

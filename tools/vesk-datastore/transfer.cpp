@@ -5,13 +5,16 @@
 #include <cstdio>
 #include <cstring>
 #include <deque>
+#include <fcntl.h>
 #include <iostream>
 #include <map>
 #include <mutex>
 #include <optional>
 #include <set>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <thread>
+#include <unistd.h>
 
 #include "vesk/datastore/parse_utility.h"
 #include "vesk/datastore/queries.h"
@@ -216,6 +219,42 @@ std::string with_commas(uint64_t n) {
     return digits;
 }
 
+// Held for a whole import into a SQLite file. An import takes only the rows
+// stored before it began for stored ones, so two imports of the same rows
+// at once would each store them. The lock is a file of its own beside the
+// database: SQLite's locks cover one transaction, not a whole import.
+class ImportLock {
+public:
+    ImportLock(const std::string& database, const std::string& target)
+        : path_(database + "-import.lock") {
+        fd_ = ::open(path_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0644);
+        if (fd_ < 0) fail("cannot open");
+        if (::flock(fd_, LOCK_EX | LOCK_NB) == 0) return;
+        if (errno != EWOULDBLOCK) fail("cannot lock");
+        diag() << "vesk-datastore: waiting for another import into datastore " << target
+               << " to end\n";
+        while (::flock(fd_, LOCK_EX) != 0)
+            if (errno != EINTR) fail("cannot lock");
+    }
+    ImportLock(const ImportLock&) = delete;
+    ImportLock& operator=(const ImportLock&) = delete;
+    ~ImportLock() {
+        if (fd_ >= 0) ::close(fd_);  // which releases the lock
+    }
+
+private:
+    [[noreturn]] void fail(const char* what) {
+        const int error = errno;
+        if (fd_ >= 0) ::close(fd_);
+        fd_ = -1;
+        throw ToolError(kExitError, std::string(what) + " the import lock " + path_ + ": " +
+                                        std::strerror(error));
+    }
+
+    std::string path_;
+    int fd_ = -1;
+};
+
 }  // namespace
 
 int cmd_import(const GlobalOptions& global, const std::string& file, size_t batch_size,
@@ -245,6 +284,9 @@ int cmd_import(const GlobalOptions& global, const std::string& file, size_t batc
     auto store = open_store(global, Access::write);
     const std::string target = store->write_target();
     const bool server_text = store->is_odbc(target);
+    std::optional<ImportLock> lock;
+    if (const std::string file = store->sqlite_path(target); !file.empty())
+        lock.emplace(file, target);
     // Rows without a run of their own form one new run.
     const int64_t default_run = std::max(now_microseconds(), store->last_run() + 1);
     // Rows stored before this import count as already stored; rows that
