@@ -3,6 +3,7 @@
 #include <cctype>
 #include <cstdint>
 #include <cstring>
+#include <strings.h>
 
 namespace vesk::datastore::odbc_backend {
 
@@ -132,13 +133,10 @@ bool is_query(std::string_view sql) {
                           sql[end] == '$' || static_cast<unsigned char>(sql[end]) >= 0x80))
         ++end;
     const std::string_view word = sql.substr(i, end - i);
-    for (const char* keyword : {"select", "with", "values", "table"}) {
-        if (word.size() != std::strlen(keyword)) continue;
-        bool same = true;
-        for (std::size_t k = 0; k < word.size() && same; ++k)
-            same = std::tolower(static_cast<unsigned char>(word[k])) == keyword[k];
-        if (same) return true;
-    }
+    for (const char* keyword : {"select", "with", "values", "table"})
+        if (word.size() == std::strlen(keyword) &&
+            ::strncasecmp(word.data(), keyword, word.size()) == 0)
+            return true;
     return false;
 }
 
