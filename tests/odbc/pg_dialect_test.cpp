@@ -50,11 +50,13 @@ std::string make_sqlite_datastore(const std::string& file) {
 // is. Few distinct values (four time stamps and NULL in 36 groups), so that
 // many groups tie on their greatest time stamp or have only NULL ones, the
 // cases where only the tie-break decides.
-std::string random_rows_sql(unsigned seed) {
+// Its rowids are even, or odd with `odd`: two of them hold no rowid twice.
+std::string random_rows_sql(unsigned seed, bool odd = false) {
     std::mt19937 rng(seed);
     std::vector<int64_t> ids(20 + rng() % 120);
     int64_t id = 0;
-    for (int64_t& slot : ids) slot = id += 1 + static_cast<int64_t>(rng() % 3);  // gaps
+    for (int64_t& slot : ids)
+        slot = 2 * (id += 1 + static_cast<int64_t>(rng() % 3)) + (odd ? 1 : 0);  // gaps
     std::shuffle(ids.begin(), ids.end(), rng);  // insertion order differs from rowid order
     // A language's collation puts these in another order than their bytes
     // do (case, punctuation).
@@ -91,7 +93,9 @@ protected:
 
     void fresh_pg_schema() {
         exec(*dialect, "DROP VIEW IF EXISTS vesk_1;");
-        exec(*dialect, "DROP TABLE IF EXISTS provider_datastore, baseline_datastore;");
+        exec(*dialect,
+             "DROP TABLE IF EXISTS provider_datastore, baseline_datastore, "
+             "provider_datastore_newest;");
         std::string error;
         ASSERT_TRUE(vd::odbc_backend::pg::create_schema(*dialect, error)) << error;
     }
@@ -131,8 +135,32 @@ std::vector<int64_t> sorted(std::vector<int64_t> ids) {
     return ids;
 }
 
-// The same rows in the same order.
+// Changes after the rows were stored, texts both SQLite and PostgreSQL run
+// as they are: rows removed (some groups emptied), time stamps made NULL or
+// the greatest, rows moved to another group, rowids changed, and rows added
+// with rowids below and above the others.
+std::vector<std::string> random_changes_sql(unsigned seed) {
+    std::mt19937 rng(seed);
+    auto k = [&](int m) { return std::to_string(rng() % m); };
+    return {
+        "DELETE FROM provider_datastore WHERE rowid % 7 = " + k(7) + ";",
+        "UPDATE provider_datastore SET Unique_timestamp = NULL WHERE rowid % 11 = " + k(11) + ";",
+        "UPDATE provider_datastore SET Unique_timestamp = 1700000000000003 WHERE rowid % 13 = " +
+            k(13) + ";",
+        "UPDATE provider_datastore SET Hostname = 'nodeA' WHERE rowid % 17 = " + k(17) + ";",
+        "UPDATE provider_datastore SET rowid = rowid + 1000 WHERE rowid % 19 = " + k(19) + ";",
+        "DELETE FROM provider_datastore WHERE Provider = 'p-3' AND Hostname = 'node-b';",
+        "INSERT INTO provider_datastore(rowid, Provider, Hostname, OptionID, Unique_timestamp) "
+        "VALUES(0, 'p1', 'nodea', 'a', 1700000000000003), (2000, 'P2', 'node-b', NULL, NULL), "
+        "(-5, 'p1', 'nodea', 'a', 1700000000000003);",
+    };
+}
+
+// The same rows in the same order: the latest rows from the table of each
+// group's latest row and from the rows themselves, after inserts in several
+// statements, after later changes, and after the table was emptied.
 TEST_F(PgDialectTest, LatestQueriesReturnTheRowsSqliteReturns) {
+    namespace pg = vd::odbc_backend::pg;
     RecordingInterface base;
     const struct {
         std::vector<std::string> providers, hosts;
@@ -140,6 +168,32 @@ TEST_F(PgDialectTest, LatestQueriesReturnTheRowsSqliteReturns) {
         {{"p1", "P2", "p-3", "uname"}, {}},
         {{"P2"}, {}},
         {{"p1", "p-3"}, {"node-b", "nodea"}},
+    };
+    auto compare = [&](sqlite3* db, const std::string& sqlite_hosts) {
+        for (const auto& f : filters) {
+            std::string condition;
+            ASSERT_TRUE(base.generate_where_clause(f.providers, "Provider", condition));
+            base.generate_where_clause(f.hosts, "Hostname", condition);
+            std::vector<vd::Row> unused;
+
+            ASSERT_TRUE(base.get_latest_rows_provider(f.providers, unused, f.hosts));
+            const auto expected_latest = sqlite_rowids(db, base.last_sql);
+            EXPECT_EQ(pg_rowids(pg::latest_rows_sql(condition)), expected_latest) << base.last_sql;
+            EXPECT_EQ(pg_rowids(pg::latest_rows_scan_sql(condition)), expected_latest)
+                << base.last_sql;
+
+            // SQLite orders these groups by its plan: compared as sets.
+            ASSERT_TRUE(base.get_latest_collect_rows(f.providers, unused, f.hosts));
+            EXPECT_EQ(sorted(pg_rowids(pg::latest_run_sql(condition))),
+                      sorted(sqlite_rowids(db, base.last_sql)))
+                << base.last_sql;
+        }
+        EXPECT_EQ(pg_rowids(pg::hosts_sql()), sqlite_rowids(db, sqlite_hosts)) << sqlite_hosts;
+    };
+    auto both = [&](sqlite3* db, const std::string& sql) {
+        ASSERT_EQ(sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr), SQLITE_OK)
+            << sql << ": " << sqlite3_errmsg(db);
+        ASSERT_NO_FATAL_FAILURE(exec(*dialect, sql));
     };
     // VESK_DIALECT_SEEDS runs more seeds on demand (40 by default).
     const char* more = std::getenv("VESK_DIALECT_SEEDS");
@@ -152,31 +206,23 @@ TEST_F(PgDialectTest, LatestQueriesReturnTheRowsSqliteReturns) {
         const std::string sqlite_hosts = make_sqlite_datastore(file);
         sqlite3* db = nullptr;
         ASSERT_EQ(sqlite3_open(file.c_str(), &db), SQLITE_OK);
-        const std::string insert = random_rows_sql(seed);
-        ASSERT_EQ(sqlite3_exec(db, insert.c_str(), nullptr, nullptr, nullptr), SQLITE_OK)
-            << sqlite3_errmsg(db);
         ASSERT_NO_FATAL_FAILURE(fresh_pg_schema());
-        ASSERT_NO_FATAL_FAILURE(exec(*dialect, insert));
-
-        for (const auto& f : filters) {
-            std::string condition;
-            ASSERT_TRUE(base.generate_where_clause(f.providers, "Provider", condition));
-            base.generate_where_clause(f.hosts, "Hostname", condition);
-            std::vector<vd::Row> unused;
-
-            ASSERT_TRUE(base.get_latest_rows_provider(f.providers, unused, f.hosts));
-            const auto expected_latest = sqlite_rowids(db, base.last_sql);
-            EXPECT_EQ(pg_rowids(vd::odbc_backend::pg::latest_rows_sql(condition)), expected_latest)
-                << base.last_sql;
-
-            // SQLite orders these groups by its plan: compared as sets.
-            ASSERT_TRUE(base.get_latest_collect_rows(f.providers, unused, f.hosts));
-            EXPECT_EQ(sorted(pg_rowids(vd::odbc_backend::pg::latest_run_sql(condition))),
-                      sorted(sqlite_rowids(db, base.last_sql)))
-                << base.last_sql;
+        // Two statements: the second meets the groups the first made.
+        both(db, random_rows_sql(seed));
+        both(db, random_rows_sql(seed + 1000, true));
+        SCOPED_TRACE("inserted");
+        compare(db, sqlite_hosts);
+        for (const std::string& sql : random_changes_sql(seed)) {
+            SCOPED_TRACE(sql);
+            both(db, sql);
+            compare(db, sqlite_hosts);
         }
-        EXPECT_EQ(pg_rowids(vd::odbc_backend::pg::hosts_sql()), sqlite_rowids(db, sqlite_hosts))
-            << sqlite_hosts;
+        ASSERT_EQ(sqlite3_exec(db, "DELETE FROM provider_datastore;", nullptr, nullptr, nullptr),
+                  SQLITE_OK);
+        exec(*dialect, "TRUNCATE provider_datastore;");
+        both(db, random_rows_sql(seed + 2000));
+        SCOPED_TRACE("emptied and filled again");
+        compare(db, sqlite_hosts);
         sqlite3_close(db);
         if (HasFailure()) break;
     }

@@ -113,9 +113,11 @@ struct DialectHolder {
     DialectSwitch dialect_switch;
 };
 
-const pg::PgDialect& postgres_dialect() {
-    static const pg::PgDialect dialect;
-    return dialect;
+// The PostgreSQL texts for a database with or without the newest-row table.
+const pg::PgDialect& postgres_dialect(bool newest) {
+    static const pg::PgDialect with_table(true);
+    static const pg::PgDialect without_table(false);
+    return newest ? with_table : without_table;
 }
 
 class OdbcExtension final : private DialectHolder, public sql::SqlExtension {
@@ -413,25 +415,34 @@ private:
         if (!connect(error)) return refuse(error);
 
         const std::string& server = connection_->dbms_name();
-        dialect_switch.target = postgres_ ? static_cast<const sql::Dialect*>(&postgres_dialect())
-                                          : &sql::default_dialect();
+        if (postgres_) return open_postgres();
+        dialect_switch.target = &sql::default_dialect();
         hosts_query = dialect_.hosts_sql();
-        if (!postgres_ && server != "SQLite")
+        if (server != "SQLite")
             VESK_ODBC_LOG(kWarningLevel)
                 << where() << "server \"" << server
                 << "\" has no dialect of its own: using the portable SQL texts, whose schema "
                    "and latest-row queries (GROUP BY with columns outside the aggregate) some "
                    "servers refuse";
         if (parameters_.read_only) return true;
-        if (postgres_) {
-            if (!pg::create_schema(*connection_, error)) return refuse(error);
-            return true;
-        }
         if (!create_portable_schema(error))
             return refuse("server \"" + server +
                           "\" cannot create the schema with the portable "
                           "SQL texts: " +
                           error);
+        return true;
+    }
+
+    // Creates the schema unless read-only, then reads the latest rows from
+    // the newest-row table where the database has it (a read-only open of a
+    // database that no writer of this version has opened yet has not).
+    bool open_postgres() {
+        std::string error;
+        if (!parameters_.read_only && !pg::create_schema(*connection_, error)) return refuse(error);
+        bool newest = false;
+        if (!pg::has_newest_table(*connection_, newest, error)) return refuse(error);
+        dialect_switch.target = &postgres_dialect(newest);
+        hosts_query = dialect_.hosts_sql();
         return true;
     }
 

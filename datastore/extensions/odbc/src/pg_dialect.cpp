@@ -57,9 +57,114 @@ namespace {
 constexpr const char* group_order =
     "Provider NULLS FIRST, Hostname NULLS FIRST, OptionID NULLS FIRST";
 
+// The order of the rows within a group, the latest first: the greatest time
+// stamp (NULL last), among equal ones the smallest rowid, among NULL ones
+// the greatest. `p` is the qualifier of the columns ("" or "p.").
+std::string latest_first(const std::string& p) {
+    return p + "Unique_timestamp DESC NULLS LAST, CASE WHEN " + p +
+           "Unique_timestamp IS NULL THEN -" + p + "rowid ELSE " + p + "rowid END";
+}
+
+// Makes each group's row of `source` (rows with Provider, Hostname,
+// OptionID, rowid, Unique_timestamp) the group's newest row where it comes
+// before the one kept, in the order of latest_first(). The groups are
+// locked in one order, so that two writers never wait for each other in a
+// circle within one statement.
+std::string keep_newest_of(const std::string& source, const std::string& p) {
+    return "INSERT INTO " + newest_table +
+           " AS n (Provider, Hostname, OptionID, rowid, Unique_timestamp) SELECT DISTINCT ON (" +
+           p + "Provider, " + p + "Hostname, " + p + "OptionID) " + p + "Provider, " + p +
+           "Hostname, " + p + "OptionID, " + p + "rowid, " + p + "Unique_timestamp FROM " + source +
+           " ORDER BY " + p + "Provider NULLS FIRST, " + p + "Hostname NULLS FIRST, " + p +
+           "OptionID NULLS FIRST, " + latest_first(p) +
+           " ON CONFLICT (Provider, Hostname, OptionID) DO UPDATE SET rowid = excluded.rowid, "
+           "Unique_timestamp = excluded.Unique_timestamp WHERE CASE WHEN excluded.Unique_timestamp "
+           "IS NULL THEN n.Unique_timestamp IS NULL AND excluded.rowid > n.rowid ELSE "
+           "n.Unique_timestamp IS NULL OR excluded.Unique_timestamp > n.Unique_timestamp OR "
+           "(excluded.Unique_timestamp = n.Unique_timestamp AND excluded.rowid < n.rowid) END;";
+}
+
+// Equal groups, NULL equal to NULL, as a comparison a hash join can use.
+std::string same_group(const std::string& a, const std::string& b) {
+    std::string left, right;
+    for (const char* column : {"Provider", "Hostname", "OptionID"}) {
+        const std::string sep = left.empty() ? "" : ", ";
+        left += sep + a + column + " IS NULL, coalesce(" + a + column + ", '')";
+        right += sep + b + column + " IS NULL, coalesce(" + b + column + ", '')";
+    }
+    return "(" + left + ") = (" + right + ")";
+}
+
 }  // namespace
 
+// A literal: the rows table's name is another library's global, whose
+// initialisation need not come first.
+const std::string newest_table = "provider_datastore_newest";
+
+const std::vector<std::string>& newest_statements() {
+    static const std::vector<std::string> statements = {
+        // No writer may add, change or remove rows between the filling of
+        // the table below and the triggers' start; readers go on.
+        "LOCK TABLE " + table_name + " IN SHARE ROW EXCLUSIVE MODE;",
+        // Nothing of this table is indexed but the group, so that a newer
+        // row replaces the rowid in place (a heap-only update) on the space
+        // left free in each page.
+        "CREATE TABLE IF NOT EXISTS " + newest_table +
+            "(Provider TEXT COLLATE \"C\", Hostname TEXT COLLATE \"C\", OptionID TEXT COLLATE "
+            "\"C\", rowid BIGINT NOT NULL, Unique_timestamp BIGINT) WITH (fillfactor = 50);",
+        "CREATE UNIQUE INDEX IF NOT EXISTS " + newest_table + "_group ON " + newest_table + "(" +
+            group_order + ") NULLS NOT DISTINCT;",
+        // One function for every change of the rows table, run once per
+        // statement on the rows it changed: removed or changed rows that
+        // were their group's newest give way to the group's next one (a
+        // group left without rows has none), and added or changed rows
+        // become their group's newest where they come first.
+        "CREATE OR REPLACE FUNCTION " + newest_table +
+            "_keep() RETURNS trigger LANGUAGE plpgsql AS $keep$ BEGIN IF TG_OP = 'TRUNCATE' THEN "
+            "TRUNCATE " +
+            newest_table +
+            "; RETURN NULL; END IF; IF TG_OP IN ('DELETE', 'UPDATE') THEN DELETE FROM " +
+            newest_table + " AS n USING old_rows AS o WHERE n.rowid = o.rowid; " +
+            keep_newest_of(table_name +
+                               " AS p JOIN (SELECT DISTINCT Provider, Hostname, OptionID FROM "
+                               "old_rows) AS g ON " +
+                               same_group("p.", "g."),
+                           "p.") +
+            " IF TG_OP = 'DELETE' THEN RETURN NULL; END IF; END IF; " +
+            keep_newest_of("new_rows", "") + " RETURN NULL; END $keep$;",
+        "CREATE OR REPLACE TRIGGER " + newest_table + "_insert AFTER INSERT ON " + table_name +
+            " REFERENCING NEW TABLE AS new_rows FOR EACH STATEMENT EXECUTE FUNCTION " +
+            newest_table + "_keep();",
+        "CREATE OR REPLACE TRIGGER " + newest_table + "_update AFTER UPDATE ON " + table_name +
+            " REFERENCING OLD TABLE AS old_rows NEW TABLE AS new_rows FOR EACH STATEMENT EXECUTE "
+            "FUNCTION " +
+            newest_table + "_keep();",
+        "CREATE OR REPLACE TRIGGER " + newest_table + "_delete AFTER DELETE ON " + table_name +
+            " REFERENCING OLD TABLE AS old_rows FOR EACH STATEMENT EXECUTE FUNCTION " +
+            newest_table + "_keep();",
+        "CREATE OR REPLACE TRIGGER " + newest_table + "_truncate AFTER TRUNCATE ON " + table_name +
+            " FOR EACH STATEMENT EXECUTE FUNCTION " + newest_table + "_keep();",
+        // Filled from the rows stored before (a new database has none),
+        // afresh: what it held may be of rows since removed with their
+        // table.
+        "TRUNCATE " + newest_table + ";",
+        keep_newest_of(table_name, ""),
+    };
+    return statements;
+}
+
 std::string latest_rows_sql(const std::string& condition) {
+    // The groups' rowids in output order straight from the group index;
+    // only those rows are read whole, in the order of the array of their
+    // rowids, so that the wide rows are never sorted.
+    return "SELECT v.*, v.unique_timestamp AS \"MAX(unique_timestamp)\" FROM unnest(ARRAY("
+           "SELECT rowid FROM " +
+           newest_table + " WHERE" + condition + " ORDER BY " + group_order +
+           ")) WITH ORDINALITY AS chosen(id, n) JOIN " + table_view +
+           " AS v ON v.rowid = chosen.id ORDER BY chosen.n;";
+}
+
+std::string latest_rows_scan_sql(const std::string& condition) {
     // Each group's row is chosen on narrow data, in the order of the index
     // provider_datastore_latest: the first row of each group, the groups in
     // output order. Only the chosen rows are then read whole, in the order
@@ -67,10 +172,9 @@ std::string latest_rows_sql(const std::string& condition) {
     // or grouped.
     return "SELECT v.*, v.unique_timestamp AS \"MAX(unique_timestamp)\" FROM unnest(ARRAY("
            "SELECT rowid FROM (SELECT DISTINCT ON (Provider, Hostname, OptionID) rowid FROM " +
-           table_view + " WHERE" + condition + " ORDER BY " + group_order +
-           ", unique_timestamp DESC NULLS LAST, CASE WHEN unique_timestamp IS NULL THEN -rowid "
-           "ELSE rowid END) AS chosen)) WITH ORDINALITY AS chosen(id, n) JOIN " +
-           table_view + " AS v ON v.rowid = chosen.id ORDER BY chosen.n;";
+           table_view + " WHERE" + condition + " ORDER BY " + group_order + ", " +
+           latest_first("") + ") AS chosen)) WITH ORDINALITY AS chosen(id, n) JOIN " + table_view +
+           " AS v ON v.rowid = chosen.id ORDER BY chosen.n;";
 }
 
 std::string latest_run_sql(const std::string& condition) {
@@ -137,32 +241,64 @@ bool run(sql::Connection& connection, const std::string& sql, std::string& error
     return false;
 }
 
-// Whether the current schema holds every object of the schema; false when
-// the question fails too. The catalog is read without locking anything:
-// CREATE INDEX IF NOT EXISTS would take a share lock on the table even when
-// the index exists, and CREATE OR REPLACE VIEW an exclusive lock on the view,
-// so every open would wait for the writers and readers of the moment.
-bool schema_complete(sql::Connection& connection) {
-    static const std::vector<std::string> names = PgDialect().schema_object_names();
-    static const std::string sql = [] {
-        std::string list;
-        for (const std::string& name : names) list += (list.empty() ? "'" : ", '") + name + "'";
-        return "SELECT count(*) FROM pg_catalog.pg_class WHERE relnamespace = (SELECT oid FROM "
-               "pg_catalog.pg_namespace WHERE nspname = current_schema()) AND relname IN (" +
-               list + ");";
-    }();
+// The single number that `sql` answers; false when the question fails.
+bool number(sql::Connection& connection, const std::string& sql, int64_t& value) {
     std::unique_ptr<sql::Statement> statement = connection.prepare(sql);
     if (!statement || statement->step() != sql::StepResult::row) return false;
-    const bool complete = statement->column_int64(0) == static_cast<int64_t>(names.size());
-    return statement->step() == sql::StepResult::done && complete;
+    value = statement->column_int64(0);
+    return statement->step() == sql::StepResult::done;
+}
+
+// The names of `names` in the current schema, as a count of catalog rows.
+std::string count_of_objects(const std::vector<std::string>& names) {
+    std::string list;
+    for (const std::string& name : names) list += (list.empty() ? "'" : ", '") + name + "'";
+    return "SELECT count(*) FROM pg_catalog.pg_class WHERE relnamespace = (SELECT oid FROM "
+           "pg_catalog.pg_namespace WHERE nspname = current_schema()) AND relname IN (" +
+           list + ");";
+}
+
+// Whether the current schema holds every object of `dialect`'s schema;
+// false when the question fails too. The catalog is read without locking
+// anything: CREATE INDEX IF NOT EXISTS would take a share lock on the table
+// even when the index exists, and CREATE OR REPLACE VIEW an exclusive lock
+// on the view, so every open would wait for the writers and readers of the
+// moment.
+bool schema_complete(sql::Connection& connection, const PgDialect& dialect) {
+    const std::vector<std::string> names = dialect.schema_object_names();
+    int64_t found = 0;
+    return number(connection, count_of_objects(names), found) &&
+           found == static_cast<int64_t>(names.size());
 }
 
 }  // namespace
 
+std::vector<std::string> PgDialect::create_statements() const {
+    std::vector<std::string> statements = schema_statements();
+    if (newest_)
+        statements.insert(statements.end(), newest_statements().begin(), newest_statements().end());
+    return statements;
+}
+
+std::vector<std::string> PgDialect::schema_object_names() const {
+    std::vector<std::string> names = Dialect::schema_object_names();
+    if (newest_) {
+        names.push_back(newest_table);
+        names.push_back(newest_table + "_group");
+    }
+    return names;
+}
+
 bool create_schema(sql::Connection& connection, std::string& error) {
+    int64_t version = 0;
+    if (!number(connection, "SELECT current_setting('server_version_num')::integer;", version)) {
+        error = "cannot read the server's version: " + connection.last_error().message;
+        return false;
+    }
+    const PgDialect dialect(version >= newest_table_min_version);
     // Nearly every open finds the schema complete; only a new or incomplete
     // one is (re)created, under the lock.
-    if (schema_complete(connection)) return true;
+    if (schema_complete(connection, dialect)) return true;
     if (!connection.begin()) {
         error = "cannot begin the schema transaction: " + connection.last_error().message;
         return false;
@@ -172,8 +308,10 @@ bool create_schema(sql::Connection& connection, std::string& error) {
     bool done =
         run(connection, "SELECT pg_advisory_xact_lock(" + std::to_string(schema_lock_key) + ");",
             error);
-    for (const std::string& sql : schema_statements()) {
-        if (!done) break;
+    // Another process may have made it while this one waited for the lock.
+    const bool made = done && schema_complete(connection, dialect);
+    for (const std::string& sql : dialect.create_statements()) {
+        if (!done || made) break;
         done = run(connection, sql, error);
     }
     if (!done) {
@@ -184,6 +322,16 @@ bool create_schema(sql::Connection& connection, std::string& error) {
         error = "cannot commit the schema: " + connection.last_error().message;
         return false;
     }
+    return true;
+}
+
+bool has_newest_table(sql::Connection& connection, bool& present, std::string& error) {
+    int64_t found = 0;
+    if (!number(connection, count_of_objects({newest_table}), found)) {
+        error = "cannot look for " + newest_table + ": " + connection.last_error().message;
+        return false;
+    }
+    present = found == 1;
     return true;
 }
 

@@ -22,12 +22,27 @@ namespace vesk::datastore::odbc_backend::pg {
 // The create statements: provider table, baseline table, view, indexes.
 const std::vector<std::string>& schema_statements();
 
+// The table that holds each group's latest row, (Provider, Hostname,
+// OptionID, rowid, Unique_timestamp), kept by triggers on every insert,
+// update, delete and truncation of the rows table, whoever writes.
+extern const std::string newest_table;
+// Its create statements: the table, its unique group index (NULLS NOT
+// DISTINCT: PostgreSQL 15 on), the triggers, and its filling from the rows
+// already stored, the rows table locked against writers meanwhile.
+const std::vector<std::string>& newest_statements();
+// The oldest server (server_version_num) that the newest_table serves.
+constexpr int newest_table_min_version = 150000;
+
 // The latest row per (OptionID, Hostname, Provider): the greatest
 // Unique_timestamp, ties to the lowest rowid; a group whose time stamps are
 // all NULL gives its highest rowid. `condition` is the WHERE condition the
-// base class builds (" (Provider IN ('p') )..."). In SQLite's order: by
-// Provider, Hostname, OptionID, in byte order with NULL first.
+// base class builds (" (Provider IN ('p') )..."), on the group columns
+// only. In SQLite's order: by Provider, Hostname, OptionID, in byte order
+// with NULL first. Read from the newest_table.
 std::string latest_rows_sql(const std::string& condition);
+// The same rows chosen from the rows table's index, for a database without
+// the newest_table (an older server, or read-only before any writer made it).
+std::string latest_rows_scan_sql(const std::string& condition);
 // The rows of the newest collection run, one per (OptionID, Hostname,
 // Provider), the lowest rowid of each group, in the order of those three
 // (SQLite's order unless it reads one provider's rows from its index).
@@ -39,18 +54,24 @@ std::string hosts_sql();
 // column: the server parses 14 values instead of 14 per row.
 std::string array_insert_sql();
 
-// The texts above as the kit's dialect record, for an extension built on it.
+// The texts above as the kit's dialect record, for an extension built on
+// it, with or without the newest_table.
 class PgDialect final : public sql::Dialect {
 public:
-    std::vector<std::string> create_statements() const override { return schema_statements(); }
+    explicit PgDialect(bool newest = true) : newest_(newest) {}
+    std::vector<std::string> create_statements() const override;
+    std::vector<std::string> schema_object_names() const override;
     std::string latest_rows_sql(const std::string& condition) const override {
-        return pg::latest_rows_sql(condition);
+        return newest_ ? pg::latest_rows_sql(condition) : pg::latest_rows_scan_sql(condition);
     }
     std::string latest_run_sql(const std::string& condition) const override {
         return pg::latest_run_sql(condition);
     }
     std::string hosts_sql() const override { return pg::hosts_sql(); }
     std::string array_insert_sql() const override { return pg::array_insert_sql(); }
+
+private:
+    bool newest_;
 };
 
 // Moves the rowid sequences past the greatest rowid, after rows were written
@@ -69,7 +90,12 @@ constexpr int64_t schema_lock_key = 0x7665736b5f736368;  // "vesk_sch"
 
 // Creates the schema inside one transaction that holds the advisory lock, so
 // that several processes opening a new database at once do not collide on
-// the catalog. False with `error` naming the failed statement.
+// the catalog; the newest_table too where the server serves it. False with
+// `error` naming the failed statement.
 bool create_schema(sql::Connection& connection, std::string& error);
+
+// Whether the current schema holds the newest_table; false with `error` set
+// when the question fails.
+bool has_newest_table(sql::Connection& connection, bool& present, std::string& error);
 
 }  // namespace vesk::datastore::odbc_backend::pg
