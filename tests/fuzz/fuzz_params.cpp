@@ -62,7 +62,7 @@ void check_odbc_parser(const std::string& parameters) {
         VESK_FUZZ_CHECK(!error.empty());
         return;
     }
-    VESK_FUZZ_CHECK(out.rows_per_statement >= 1 &&
+    VESK_FUZZ_CHECK(out.rows_per_statement >= 0 &&
                     out.rows_per_statement <= odbc::max_rows_per_statement);
     VESK_FUZZ_CHECK(out.login_timeout_s >= 0 && out.login_timeout_s <= odbc::max_timeout_s);
     VESK_FUZZ_CHECK(out.query_timeout_s >= 0 && out.query_timeout_s <= odbc::max_timeout_s);

@@ -24,14 +24,14 @@ TEST(OdbcParameters, AcceptsDsnsConnectionStringsAndOptions) {
         int login, query, rows;
         std::string connect;
     } cases[] = {
-        {"odbc_default_dsn", "odbc_default_dsn", true, false, 15, 0, 500, "DSN=odbc_default_dsn;"},
-        {"  vesk_pg  ", "vesk_pg", true, false, 15, 0, 500, "DSN=vesk_pg;"},
-        {"source=vesk_pg", "vesk_pg", true, false, 15, 0, 500, "DSN=vesk_pg;"},
-        {"source=" + conn, conn, false, false, 15, 0, 500, conn},
-        {"source=" + conn + "|read_only=true", conn, false, true, 15, 0, 500, conn},
+        {"odbc_default_dsn", "odbc_default_dsn", true, false, 15, 0, 0, "DSN=odbc_default_dsn;"},
+        {"  vesk_pg  ", "vesk_pg", true, false, 15, 0, 0, "DSN=vesk_pg;"},
+        {"source=vesk_pg", "vesk_pg", true, false, 15, 0, 0, "DSN=vesk_pg;"},
+        {"source=" + conn, conn, false, false, 15, 0, 0, conn},
+        {"source=" + conn + "|read_only=true", conn, false, true, 15, 0, 0, conn},
         {"read_only=false|source=x|login_timeout_s=0|query_timeout_s=86400|rows_per_statement=1",
          "x", true, false, 0, 86400, 1, "DSN=x;"},
-        {"source = x | rows_per_statement = 500 ", "x", true, false, 15, 0, 500, "DSN=x;"},
+        {"source = x | rows_per_statement = 10000 ", "x", true, false, 15, 0, 10000, "DSN=x;"},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.text);
@@ -66,7 +66,7 @@ TEST(OdbcParameters, RefusesMalformedStringsNamingTheCulprit) {
         {"source=x|query_timeout_s=86401", "\"query_timeout_s\""},
         {"source=x|query_timeout_s=1e3", "\"query_timeout_s\""},
         {"source=x|rows_per_statement=0", "\"rows_per_statement\""},
-        {"source=x|rows_per_statement=501", "\"rows_per_statement\""},
+        {"source=x|rows_per_statement=10001", "\"rows_per_statement\""},
         {"source=x|rows_per_statement=99999999999", "\"rows_per_statement\""},
         {"source=", "\"source\""},
         {"source=a b", "\"source\""},

@@ -27,6 +27,7 @@
 // with its outcome unknown and is never repeated (the server may have
 // committed it). A read is run once more on a new connection: reading twice
 // changes nothing.
+#include <algorithm>
 #include <cctype>
 #include <exception>
 #include <functional>
@@ -215,7 +216,10 @@ protected:
     }
 
     size_t rows_per_insert() const override {
-        return static_cast<size_t>(parameters_.rows_per_statement);
+        const int asked = parameters_.rows_per_statement;
+        if (postgres_) return static_cast<size_t>(asked > 0 ? asked : default_array_rows);
+        return static_cast<size_t>(asked > 0 ? std::min(asked, max_values_rows)
+                                             : default_values_rows);
     }
 
     std::unique_ptr<sql::Statement> prepare_query(const std::string& sql) override {

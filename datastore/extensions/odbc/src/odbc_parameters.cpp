@@ -89,7 +89,7 @@ bool parse_odbc_parameters(const std::string& text, OdbcParameters& out, std::st
                 return bad_value("whole seconds from 0 to 86400");
         } else if (key == "rows_per_statement") {
             if (!parse_int(value, 1, max_rows_per_statement, out.rows_per_statement))
-                return bad_value("a number of rows from 1 to 500");
+                return bad_value("a number of rows from 1 to 10000");
         } else {
             return fail(error, "unknown parameter \"" + key +
                                    "\" (known: source, read_only, login_timeout_s, "

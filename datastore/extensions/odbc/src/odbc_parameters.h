@@ -16,17 +16,27 @@ struct OdbcParameters {
     std::string source;         // a DSN name or a connection string
     bool source_is_dsn = true;  // false when `source` contains "="
     bool read_only = false;
-    int login_timeout_s = 15;      // 0: the driver's own default
-    int query_timeout_s = 0;       // 0: no limit
-    int rows_per_statement = 500;  // 1 to max_rows_per_statement
+    int login_timeout_s = 15;    // 0: the driver's own default
+    int query_timeout_s = 0;     // 0: no limit
+    int rows_per_statement = 0;  // 1 to max_rows_per_statement; 0: not given
 
     // The string for SQLDriverConnect: "DSN=<name>;" or the source itself.
     std::string connection_string() const;
 };
 
-// Rows of one bulk INSERT times the 14 written columns must stay below the
-// PostgreSQL driver's parameter limit (about 7,500 with server-side prepare).
-constexpr int max_rows_per_statement = 500;
+// The rows of one bulk INSERT. PostgreSQL takes one array per column, 14
+// parameters whatever the rows; other servers take multi-row INSERT ...
+// VALUES, whose rows times the 14 columns must stay below the driver's
+// parameter limit (about 7,500 for psqlODBC with server-side prepare): up to
+// max_values_rows of them, whatever is asked for. Each statement holds at
+// most 16 MiB of values besides.
+constexpr int max_rows_per_statement = 10000;
+constexpr int max_values_rows = 500;
+// Without rows_per_statement: the rows per statement of each kind. Each
+// array statement has the server update the table of each group's latest
+// row once, so larger ones cost less.
+constexpr int default_array_rows = 5000;
+constexpr int default_values_rows = 500;
 constexpr int max_timeout_s = 86400;
 
 // Parses `text` into `out`. False with `error` naming the item or key at

@@ -118,9 +118,16 @@ const std::vector<std::string>& newest_statements() {
         // statement on the rows it changed: removed or changed rows that
         // were their group's newest give way to the group's next one (a
         // group left without rows has none), and added or changed rows
-        // become their group's newest where they come first.
+        // become their group's newest where they come first. The rows of
+        // this table stay locked until the writer's commit: two writers of
+        // several statements each that met in the same groups in another
+        // order would wait for each other in a circle, so writers take
+        // their turns instead, from their first change to their commit.
         "CREATE OR REPLACE FUNCTION " + newest_table +
-            "_keep() RETURNS trigger LANGUAGE plpgsql AS $keep$ BEGIN IF TG_OP = 'TRUNCATE' THEN "
+            "_keep() RETURNS trigger LANGUAGE plpgsql AS $keep$ BEGIN PERFORM "
+            "pg_advisory_xact_lock(" +
+            std::to_string(newest_lock_key) +
+            "); IF TG_OP = 'TRUNCATE' THEN "
             "TRUNCATE " +
             newest_table +
             "; RETURN NULL; END IF; IF TG_OP IN ('DELETE', 'UPDATE') THEN DELETE FROM " +

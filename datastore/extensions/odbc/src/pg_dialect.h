@@ -87,6 +87,9 @@ extern const char* const literal_session_sql;
 
 // The advisory lock key that serialises schema creation between processes.
 constexpr int64_t schema_lock_key = 0x7665736b5f736368;  // "vesk_sch"
+// The advisory lock key that writers of the rows table hold, one at a time,
+// from their first change to their commit.
+constexpr int64_t newest_lock_key = 0x7665736b5f6e6577;  // "vesk_new"
 
 // Creates the schema inside one transaction that holds the advisory lock, so
 // that several processes opening a new database at once do not collide on
