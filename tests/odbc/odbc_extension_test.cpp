@@ -204,6 +204,59 @@ TEST_F(OdbcExtensionTest, OpeningAnExistingSchemaWaitsForNoWriterAndRepairsAMiss
               1);
 }
 
+// A database made before the table of each group's latest row, with rows
+// in it: a read-only open chooses the latest rows among the rows, a
+// writable one makes the table from the rows, and both give the same rows.
+TEST_F(OdbcExtensionTest, ADatabaseWithoutTheLatestRowTableGetsItFilledFromItsRows) {
+    {
+        auto i = open_instance();
+        ASSERT_TRUE(i);
+        std::vector<vd::InsertRecord> records;
+        for (int n = 0; n < 40; ++n) {
+            records.push_back(row("p", n % 7));
+            records.back().header.unique_timestamp = n % 5 == 0 ? 0 : 1700000000000000 + n % 4;
+        }
+        ASSERT_EQ(bulk(i, records), kOk);
+    }
+    auto c = connect(source);
+    ASSERT_NE(c, nullptr);
+    exec(*c, "DROP TABLE provider_datastore_newest;");
+    exec(*c, "DROP FUNCTION provider_datastore_newest_keep() CASCADE;");
+    // Rows written meanwhile by a writer that knows nothing of the table.
+    exec(*c,
+         "INSERT INTO provider_datastore(Provider, Hostname, OptionID, Unique_timestamp) VALUES "
+         "('p', 'h1', 'o', 1700000000000009), ('p', 'h8', 'o', NULL), ('p', 'h8', 'o', NULL);");
+    auto rowids = [](const std::vector<vd::Row>& rows) {
+        std::vector<int64_t> ids;
+        for (const vd::Row& r : rows) ids.push_back(r.rowid);
+        return ids;
+    };
+    std::vector<vd::Row> scanned, kept;
+    {
+        auto reader = open_instance("|read_only=true");
+        ASSERT_TRUE(reader);
+        ASSERT_EQ(latest(reader, vd::OP_LATEST_ROWS_PROVIDER, scanned), kOk);
+    }
+    EXPECT_EQ(query_int(*c,
+                        "SELECT count(*) FROM pg_class WHERE relname = "
+                        "'provider_datastore_newest';"),
+              0);
+    auto writer = open_instance();
+    ASSERT_TRUE(writer);
+    ASSERT_EQ(latest(writer, vd::OP_LATEST_ROWS_PROVIDER, kept), kOk);
+    EXPECT_EQ(scanned.size(), 9u);  // h0 to h6 under option "faults", h1 and h8 under "o"
+    EXPECT_EQ(rowids(kept), rowids(scanned));
+    EXPECT_EQ(query_int(*c, "SELECT count(*) FROM provider_datastore_newest;"), 9);
+    // The triggers are back: a later row of h8 is the latest one at once.
+    exec(*c,
+         "INSERT INTO provider_datastore(Provider, Hostname, OptionID, Unique_timestamp) "
+         "VALUES ('p', 'h8', 'o', 1);");
+    ASSERT_EQ(latest(writer, vd::OP_LATEST_ROWS_PROVIDER, kept), kOk);
+    ASSERT_EQ(kept.size(), 9u);
+    EXPECT_EQ(kept.back().Hostname, "h8");
+    EXPECT_EQ(kept.back().Unique_timestamp, 1);
+}
+
 TEST_F(OdbcExtensionTest, BulkInsertSplitsIntoStatementsAndTheServerRollsBackAllOfThem) {
     auto i = open_instance("|rows_per_statement=3");
     ASSERT_TRUE(i);
