@@ -65,11 +65,9 @@ std::string latest_first(const std::string& p) {
            "Unique_timestamp IS NULL THEN -" + p + "rowid ELSE " + p + "rowid END";
 }
 
-// Makes each group's row of `source` (rows with Provider, Hostname,
-// OptionID, rowid, Unique_timestamp) the group's newest row where it comes
-// before the one kept, in the order of latest_first(). The groups are
-// locked in one order, so that two writers never wait for each other in a
-// circle within one statement.
+// Makes each group's first row of `source` (rows with Provider, Hostname,
+// OptionID, rowid, Unique_timestamp) in the order of latest_first() the
+// group's newest row, where it comes before the one kept.
 std::string keep_newest_of(const std::string& source, const std::string& p) {
     return "INSERT INTO " + newest_table +
            " AS n (Provider, Hostname, OptionID, rowid, Unique_timestamp) SELECT DISTINCT ON (" +
@@ -84,15 +82,27 @@ std::string keep_newest_of(const std::string& source, const std::string& p) {
            "(excluded.Unique_timestamp = n.Unique_timestamp AND excluded.rowid < n.rowid) END;";
 }
 
-// Equal groups, NULL equal to NULL, as a comparison a hash join can use.
-std::string same_group(const std::string& a, const std::string& b) {
-    std::string left, right;
+// The latest row of each group of `groups` (Provider, Hostname, OptionID)
+// among the rows, as a row of the newest table; a group without rows gives
+// none. With `named`, only the groups without NULL, each found by one probe
+// of the index provider_datastore_latest; otherwise only those with a NULL,
+// which no index finds (they come from writers other than this library).
+std::string next_latest_of(const std::string& groups, bool named) {
+    std::string match, which;
     for (const char* column : {"Provider", "Hostname", "OptionID"}) {
-        const std::string sep = left.empty() ? "" : ", ";
-        left += sep + a + column + " IS NULL, coalesce(" + a + column + ", '')";
-        right += sep + b + column + " IS NULL, coalesce(" + b + column + ", '')";
+        const std::string p = std::string("p.") + column, g = std::string("g.") + column;
+        match += std::string(match.empty() ? "" : " AND ") +
+                 (named ? p + " = " + g
+                        : "(" + p + " = " + g + " OR " + p + " IS NULL AND " + g + " IS NULL)");
+        which += std::string(which.empty() ? ""
+                             : named       ? " AND "
+                                           : " OR ") +
+                 g + (named ? " IS NOT NULL" : " IS NULL");
     }
-    return "(" + left + ") = (" + right + ")";
+    return "SELECT g.Provider, g.Hostname, g.OptionID, b.rowid, b.Unique_timestamp FROM " + groups +
+           " AS g CROSS JOIN LATERAL (SELECT p.rowid, p.Unique_timestamp FROM " + table_name +
+           " AS p WHERE " + match + " ORDER BY " + latest_first("p.") + " LIMIT 1) AS b WHERE " +
+           which;
 }
 
 }  // namespace
@@ -130,14 +140,14 @@ const std::vector<std::string>& newest_statements() {
             "); IF TG_OP = 'TRUNCATE' THEN "
             "TRUNCATE " +
             newest_table +
-            "; RETURN NULL; END IF; IF TG_OP IN ('DELETE', 'UPDATE') THEN DELETE FROM " +
-            newest_table + " AS n USING old_rows AS o WHERE n.rowid = o.rowid; " +
-            keep_newest_of(table_name +
-                               " AS p JOIN (SELECT DISTINCT Provider, Hostname, OptionID FROM "
-                               "old_rows) AS g ON " +
-                               same_group("p.", "g."),
-                           "p.") +
-            " IF TG_OP = 'DELETE' THEN RETURN NULL; END IF; END IF; " +
+            "; RETURN NULL; END IF; IF TG_OP IN ('DELETE', 'UPDATE') THEN WITH gone AS (DELETE "
+            "FROM " +
+            newest_table +
+            " AS n USING old_rows AS o WHERE n.rowid = o.rowid RETURNING n.Provider, n.Hostname, "
+            "n.OptionID) INSERT INTO " +
+            newest_table + " (Provider, Hostname, OptionID, rowid, Unique_timestamp) " +
+            next_latest_of("gone", true) + " UNION ALL " + next_latest_of("gone", false) +
+            "; IF TG_OP = 'DELETE' THEN RETURN NULL; END IF; END IF; " +
             keep_newest_of("new_rows", "") + " RETURN NULL; END $keep$;",
         "CREATE OR REPLACE TRIGGER " + newest_table + "_insert AFTER INSERT ON " + table_name +
             " REFERENCING NEW TABLE AS new_rows FOR EACH STATEMENT EXECUTE FUNCTION " +
