@@ -257,6 +257,40 @@ TEST_F(OdbcExtensionTest, ADatabaseWithoutTheLatestRowTableGetsItFilledFromItsRo
     EXPECT_EQ(kept.back().Unique_timestamp, 1);
 }
 
+// With a trigger disabled by hand the table no longer follows the rows: a
+// read-only open does not read it, and a writable one makes the triggers
+// and the table again.
+TEST_F(OdbcExtensionTest, ALatestRowTableWithoutItsTriggersIsNotReadAndIsMadeAgain) {
+    auto writer = open_instance();
+    ASSERT_TRUE(writer);
+    ASSERT_EQ(bulk(writer, {row("p", 1), row("p", 1), row("p", 2)}), kOk);
+    auto c = connect(source);
+    ASSERT_NE(c, nullptr);
+    exec(*c, "ALTER TABLE provider_datastore DISABLE TRIGGER provider_datastore_newest_delete;");
+    // The latest row of h1 (of two with the same time stamp, the first) goes;
+    // the table still names it.
+    exec(*c, "DELETE FROM provider_datastore WHERE rowid = 1;");
+    auto hosts_of = [](const std::vector<vd::Row>& rows) {
+        std::vector<std::string> hosts;
+        for (const vd::Row& r : rows) hosts.push_back(r.Hostname + "/" + std::to_string(r.rowid));
+        return hosts;
+    };
+    std::vector<vd::Row> rows;
+    {
+        auto reader = open_instance("|read_only=true");
+        ASSERT_TRUE(reader);
+        ASSERT_EQ(latest(reader, vd::OP_LATEST_ROWS_PROVIDER, rows), kOk);
+        EXPECT_EQ(hosts_of(rows), (std::vector<std::string>{"h1/2", "h2/3"}));
+    }
+    auto again = open_instance();
+    ASSERT_TRUE(again);
+    ASSERT_EQ(latest(again, vd::OP_LATEST_ROWS_PROVIDER, rows), kOk);
+    EXPECT_EQ(hosts_of(rows), (std::vector<std::string>{"h1/2", "h2/3"}));
+    exec(*c, "DELETE FROM provider_datastore WHERE rowid = 2;");
+    ASSERT_EQ(latest(again, vd::OP_LATEST_ROWS_PROVIDER, rows), kOk);
+    EXPECT_EQ(hosts_of(rows), (std::vector<std::string>{"h2/3"}));
+}
+
 TEST_F(OdbcExtensionTest, BulkInsertSplitsIntoStatementsAndTheServerRollsBackAllOfThem) {
     auto i = open_instance("|rows_per_statement=3");
     ASSERT_TRUE(i);

@@ -275,6 +275,18 @@ std::string count_of_objects(const std::vector<std::string>& names) {
            list + ");";
 }
 
+// The number of the newest_table's triggers on the rows table, enabled.
+const std::string& count_of_triggers() {
+    static const std::string sql =
+        "SELECT count(*) FROM pg_catalog.pg_trigger AS t JOIN pg_catalog.pg_class AS c ON c.oid "
+        "= t.tgrelid WHERE c.relnamespace = (SELECT oid FROM pg_catalog.pg_namespace WHERE "
+        "nspname = current_schema()) AND c.relname = '" +
+        table_name + "' AND t.tgenabled <> 'D' AND t.tgname IN ('" + newest_table + "_insert', '" +
+        newest_table + "_update', '" + newest_table + "_delete', '" + newest_table + "_truncate');";
+    return sql;
+}
+constexpr int64_t kNewestTriggers = 4;
+
 // Whether the current schema holds every object of `dialect`'s schema;
 // false when the question fails too. The catalog is read without locking
 // anything: CREATE INDEX IF NOT EXISTS would take a share lock on the table
@@ -283,9 +295,11 @@ std::string count_of_objects(const std::vector<std::string>& names) {
 // moment.
 bool schema_complete(sql::Connection& connection, const PgDialect& dialect) {
     const std::vector<std::string> names = dialect.schema_object_names();
-    int64_t found = 0;
+    int64_t found = 0, triggers = 0;
     return number(connection, count_of_objects(names), found) &&
-           found == static_cast<int64_t>(names.size());
+           found == static_cast<int64_t>(names.size()) &&
+           (!dialect.keeps_newest() ||
+            (number(connection, count_of_triggers(), triggers) && triggers == kNewestTriggers));
 }
 
 }  // namespace
@@ -343,12 +357,13 @@ bool create_schema(sql::Connection& connection, std::string& error) {
 }
 
 bool has_newest_table(sql::Connection& connection, bool& present, std::string& error) {
-    int64_t found = 0;
-    if (!number(connection, count_of_objects({newest_table}), found)) {
+    int64_t found = 0, triggers = 0;
+    if (!number(connection, count_of_objects({newest_table}), found) ||
+        !number(connection, count_of_triggers(), triggers)) {
         error = "cannot look for " + newest_table + ": " + connection.last_error().message;
         return false;
     }
-    present = found == 1;
+    present = found == 1 && triggers == kNewestTriggers;
     return true;
 }
 

@@ -59,6 +59,8 @@ std::string array_insert_sql();
 class PgDialect final : public sql::Dialect {
 public:
     explicit PgDialect(bool newest = true) : newest_(newest) {}
+    // Whether these texts read the latest rows from the newest_table.
+    bool keeps_newest() const { return newest_; }
     std::vector<std::string> create_statements() const override;
     std::vector<std::string> schema_object_names() const override;
     std::string latest_rows_sql(const std::string& condition) const override {
@@ -97,8 +99,9 @@ constexpr int64_t newest_lock_key = 0x7665736b5f6e6577;  // "vesk_new"
 // `error` naming the failed statement.
 bool create_schema(sql::Connection& connection, std::string& error);
 
-// Whether the current schema holds the newest_table; false with `error` set
-// when the question fails.
+// Whether the current schema holds the newest_table with its four triggers
+// enabled (without them it would not follow the rows); false with `error`
+// set when the question fails.
 bool has_newest_table(sql::Connection& connection, bool& present, std::string& error);
 
 }  // namespace vesk::datastore::odbc_backend::pg
