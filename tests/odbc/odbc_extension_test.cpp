@@ -20,6 +20,7 @@
 #include "vesk/datastore/operations.h"
 
 #include "odbc_datastore.h"
+#include "pg_dialect.h"
 #include "pg_test_server.h"
 #include "test_support.h"
 
@@ -289,6 +290,26 @@ TEST_F(OdbcExtensionTest, ALatestRowTableWithoutItsTriggersIsNotReadAndIsMadeAga
     exec(*c, "DELETE FROM provider_datastore WHERE rowid = 2;");
     ASSERT_EQ(latest(again, vd::OP_LATEST_ROWS_PROVIDER, rows), kOk);
     EXPECT_EQ(hosts_of(rows), (std::vector<std::string>{"h2/3"}));
+}
+
+// A caller's select that takes a session-level advisory lock, even the one
+// the rows table's triggers take, does not keep it: a writer of another
+// session, which waits one second at most, stores its row.
+TEST_F(OdbcExtensionTest, AdvisoryLocksACallersSelectTakesAreReleased) {
+    auto reader = open_instance("|read_only=true");
+    auto writer = open_instance("|query_timeout_s=1");
+    ASSERT_TRUE(reader && writer);
+    for (const std::string& sql :
+         {"SELECT pg_advisory_lock(" + std::to_string(vd::odbc_backend::pg::newest_lock_key) +
+              ") AS rowid;",
+          std::string("SELECT PG_TRY_ADVISORY_LOCK_SHARED(") +
+              std::to_string(vd::odbc_backend::pg::newest_lock_key) + ")::int AS rowid;"}) {
+        SCOPED_TRACE(sql);
+        std::vector<vd::Row> rows;
+        ASSERT_EQ(select(reader, rows, sql), kOk);
+        EXPECT_EQ(insert(writer, row("p", 1)), kOk);
+    }
+    EXPECT_EQ(all_rows(writer).size(), 2u);
 }
 
 TEST_F(OdbcExtensionTest, BulkInsertSplitsIntoStatementsAndTheServerRollsBackAllOfThem) {

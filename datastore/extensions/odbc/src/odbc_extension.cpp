@@ -276,6 +276,10 @@ protected:
                 << "cannot start the transaction of a select: " << describe(c.last_error());
             return nullptr;
         }
+        // A session-level advisory lock outlives the rollback: taken on this
+        // connection, it would hold back the writers of other sessions (the
+        // rows table's triggers take one) until the datastore closes.
+        release_advisory_locks_ = postgres_ && names_advisory_lock(*statement);
         return prepare_logged(*statement);
     }
 
@@ -292,6 +296,13 @@ protected:
         if (!connection_) return false;
         const sql::Error error = connection_->last_error();
         if (connection_->in_transaction()) connection_->rollback_keeping_error();
+        if (release_advisory_locks_) {
+            release_advisory_locks_ = false;
+            if (!connection_->execute_direct("SELECT pg_advisory_unlock_all();"))
+                VESK_ODBC_LOG(kWarningLevel)
+                    << where() << "cannot release the advisory locks a select took: "
+                    << describe(connection_->last_error());
+        }
         return error.sqlstate == "HYT00" || error.sqlstate == "57014";
     }
 
@@ -485,6 +496,7 @@ private:
     bool postgres_ = false;
     // A caller's select made the session read-only; the next write undoes it.
     bool session_read_only_ = false;
+    bool release_advisory_locks_ = false;  // the caller's select named an advisory lock
 };
 
 }  // namespace

@@ -140,12 +140,25 @@ bool is_query(std::string_view sql) {
     return false;
 }
 
-std::optional<std::string> names_code_loader(std::string_view sql) {
-    std::string lower(sql);
+namespace {
+
+std::string lower_case(std::string_view text) {
+    std::string lower(text);
     for (char& c : lower) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    return lower;
+}
+
+}  // namespace
+
+std::optional<std::string> names_code_loader(std::string_view sql) {
+    const std::string lower = lower_case(sql);
     for (const char* name : {"load_extension", "fts3_tokenizer"})
         if (lower.find(name) != std::string::npos) return std::string(name);
     return std::nullopt;
+}
+
+bool names_advisory_lock(std::string_view sql) {
+    return lower_case(sql).find("advisory") != std::string::npos;
 }
 
 }  // namespace vesk::datastore::odbc_backend

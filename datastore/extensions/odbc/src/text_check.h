@@ -40,4 +40,8 @@ bool is_query(std::string_view sql);
 // case; otherwise nothing.
 std::optional<std::string> names_code_loader(std::string_view sql);
 
+// True when `sql` holds the word "advisory" anywhere, in any case: it may
+// call an advisory lock function of PostgreSQL (pg_advisory_lock and kin).
+bool names_advisory_lock(std::string_view sql);
+
 }  // namespace vesk::datastore::odbc_backend
