@@ -228,6 +228,47 @@ TEST_F(PgDialectTest, LatestQueriesReturnTheRowsSqliteReturns) {
     }
 }
 
+// A role that may read and write the rows but owns nothing and was granted
+// nothing on the table of each group's latest row adds, changes, moves,
+// removes and truncates rows; after each statement the latest rows read from
+// that table are those chosen among the rows.
+TEST_F(PgDialectTest, AWriterThatOwnsNoTableKeepsTheLatestRows) {
+    namespace pg = vd::odbc_backend::pg;
+    ASSERT_NO_FATAL_FAILURE(fresh_pg_schema());
+    if (query_int(*dialect, "SELECT count(*) FROM pg_roles WHERE rolname = 'vesk_writer';") == 0)
+        exec(*dialect, "CREATE ROLE vesk_writer LOGIN;");
+    exec(*dialect,
+         "GRANT SELECT, INSERT, UPDATE, DELETE, TRUNCATE ON provider_datastore TO vesk_writer;");
+    exec(*dialect, "GRANT USAGE ON ALL SEQUENCES IN SCHEMA public TO vesk_writer;");
+    std::string conn = with_database(conn_string, "vesk_dialect");
+    const std::string owner = "Uid=postgres;";
+    ASSERT_NE(conn.find(owner), std::string::npos) << conn;
+    conn.replace(conn.find(owner), owner.size(), "Uid=vesk_writer;");
+    auto writer = connect(conn);
+    ASSERT_NE(writer, nullptr);
+    EXPECT_EQ(query_int(*writer,
+                        "SELECT count(*) FROM pg_roles WHERE rolname = current_user "
+                        "AND rolname = 'vesk_writer' AND NOT rolsuper;"),
+              1);
+    const std::string condition = " Provider = 'p'";
+    for (const char* sql : {
+             "INSERT INTO provider_datastore(Provider, Hostname, OptionID, Unique_timestamp) "
+             "VALUES ('p', 'a', 'o', 5), ('p', 'a', 'o', 7), ('p', 'b', NULL, NULL), "
+             "('p', 'b', NULL, NULL);",
+             "UPDATE provider_datastore SET Unique_timestamp = 9 WHERE Hostname = 'b';",
+             "UPDATE provider_datastore SET Hostname = 'c', rowid = rowid + 100 WHERE "
+             "Unique_timestamp = 7;",
+             "DELETE FROM provider_datastore WHERE Hostname = 'a';",
+             "TRUNCATE provider_datastore;",
+             "INSERT INTO provider_datastore(Provider, Hostname) VALUES ('p', 'd');",
+         }) {
+        SCOPED_TRACE(sql);
+        ASSERT_NO_FATAL_FAILURE(exec(*writer, sql));
+        EXPECT_EQ(pg_rowids(pg::latest_rows_sql(condition)),
+                  pg_rowids(pg::latest_rows_scan_sql(condition)));
+    }
+}
+
 TEST_F(PgDialectTest, RowidsContinueAfterExplicitOnes) {
     fresh_pg_schema();
     exec(*dialect, "INSERT INTO provider_datastore(rowid) VALUES(41);");

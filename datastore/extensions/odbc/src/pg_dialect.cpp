@@ -114,6 +114,10 @@ const std::vector<std::string>& newest_statements() {
             "\"C\", rowid BIGINT NOT NULL, Unique_timestamp BIGINT) WITH (fillfactor = 50);",
         "CREATE UNIQUE INDEX IF NOT EXISTS " + newest_table + "_group ON " + newest_table + "(" +
             group_order + ") NULLS NOT DISTINCT;",
+        // The function below runs as its owner, so that a role that may
+        // write the rows needs no right on this table; its names are looked
+        // up in this schema only (pg_temp last), whoever calls it.
+        "SELECT set_config('search_path', quote_ident(current_schema()) || ', pg_temp', true);",
         // One function for every change of the rows table, run once per
         // statement on the rows it changed: removed or changed rows that
         // were their group's newest give way to the group's next one (a
@@ -124,7 +128,8 @@ const std::vector<std::string>& newest_statements() {
         // order would wait for each other in a circle, so writers take
         // their turns instead, from their first change to their commit.
         "CREATE OR REPLACE FUNCTION " + newest_table +
-            "_keep() RETURNS trigger LANGUAGE plpgsql AS $keep$ BEGIN PERFORM "
+            "_keep() RETURNS trigger LANGUAGE plpgsql SECURITY DEFINER SET search_path FROM "
+            "CURRENT AS $keep$ BEGIN PERFORM "
             "pg_advisory_xact_lock(" +
             std::to_string(newest_lock_key) +
             "); IF TG_OP = 'TRUNCATE' THEN "
