@@ -3,10 +3,12 @@
 #include "pg_dialect.h"
 
 #include <algorithm>
+#include <chrono>
 #include <dlfcn.h>
 #include <random>
 #include <string>
 #include <sys/wait.h>
+#include <thread>
 #include <unistd.h>
 #include <vector>
 
@@ -267,6 +269,54 @@ TEST_F(PgDialectTest, AWriterThatOwnsNoTableKeepsTheLatestRows) {
         EXPECT_EQ(pg_rowids(pg::latest_rows_sql(condition)),
                   pg_rowids(pg::latest_rows_scan_sql(condition)));
     }
+}
+
+// Two writers that each change the same rows in two statements of one
+// transaction: the second waits for the first from its first change on,
+// before it holds any row, so the server rolls neither back as caught in a
+// circle; the second's change comes last.
+TEST_F(PgDialectTest, WritersChangingTheSameRowsInSeveralStatementsTakeTurns) {
+    namespace pg = vd::odbc_backend::pg;
+    ASSERT_NO_FATAL_FAILURE(fresh_pg_schema());
+    exec(*dialect,
+         "INSERT INTO provider_datastore(rowid, Provider, Hostname, OptionID, Unique_timestamp) "
+         "VALUES (1, 'p', 'h', 'o', 1), (2, 'p', 'h', 'o', 2);");
+    const std::string conn = with_database(conn_string, "vesk_dialect");
+    auto first = connect(conn), second = connect(conn);
+    ASSERT_TRUE(first && second);
+    ASSERT_TRUE(first->begin());
+    ASSERT_NO_FATAL_FAILURE(
+        exec(*first, "UPDATE provider_datastore SET Unique_timestamp = 3 WHERE rowid = 1;"));
+    std::string second_error = "not run";
+    std::thread other([&] {
+        if (!second->begin()) {
+            second_error = second->last_error().message;
+            return;
+        }
+        auto s =
+            second->prepare("UPDATE provider_datastore SET Unique_timestamp = 5 WHERE rowid = 2;");
+        if (s && s->step() == StepResult::done && second->commit())
+            second_error.clear();
+        else
+            second_error = second->last_error().message;
+    });
+    // Until the second writer waits for the first.
+    for (int n = 0; n < 1000 && query_int(*dialect,
+                                          "SELECT count(*) FROM pg_stat_activity WHERE datname = "
+                                          "'vesk_dialect' AND wait_event_type = 'Lock';") == 0;
+         ++n)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    auto s = first->prepare("UPDATE provider_datastore SET Unique_timestamp = 4 WHERE rowid = 2;");
+    const bool first_ok = s && s->step() == StepResult::done && first->commit();
+    const std::string first_error = first_ok ? "" : first->last_error().message;
+    s.reset();
+    if (!first_ok) first->rollback();
+    other.join();
+    EXPECT_EQ(first_error, "");
+    EXPECT_EQ(second_error, "");
+    EXPECT_EQ(
+        query_int(*dialect, "SELECT Unique_timestamp FROM provider_datastore WHERE rowid = 2;"), 5);
+    EXPECT_EQ(pg_rowids(pg::latest_rows_sql(" Provider = 'p'")), std::vector<int64_t>{2});
 }
 
 TEST_F(PgDialectTest, RowidsContinueAfterExplicitOnes) {

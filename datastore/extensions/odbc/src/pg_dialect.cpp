@@ -127,12 +127,15 @@ const std::vector<std::string>& newest_statements() {
         // several statements each that met in the same groups in another
         // order would wait for each other in a circle, so writers take
         // their turns instead, from their first change to their commit.
+        // The turn is taken before each statement changes any row (the
+        // BEFORE trigger): taken after, a writer would wait for it while
+        // holding rows that the writer whose turn it is may go on to change.
         "CREATE OR REPLACE FUNCTION " + newest_table +
             "_keep() RETURNS trigger LANGUAGE plpgsql SECURITY DEFINER SET search_path FROM "
             "CURRENT AS $keep$ BEGIN PERFORM "
             "pg_advisory_xact_lock(" +
             std::to_string(newest_lock_key) +
-            "); IF TG_OP = 'TRUNCATE' THEN "
+            "); IF TG_WHEN = 'BEFORE' THEN RETURN NULL; END IF; IF TG_OP = 'TRUNCATE' THEN "
             "TRUNCATE " +
             newest_table +
             "; RETURN NULL; END IF; IF TG_OP IN ('DELETE', 'UPDATE') THEN DELETE FROM " +
@@ -144,6 +147,10 @@ const std::vector<std::string>& newest_statements() {
                            "p.") +
             " IF TG_OP = 'DELETE' THEN RETURN NULL; END IF; END IF; " +
             keep_newest_of("new_rows", "") + " RETURN NULL; END $keep$;",
+        "CREATE OR REPLACE TRIGGER " + newest_table +
+            "_turn BEFORE INSERT OR UPDATE OR DELETE OR "
+            "TRUNCATE ON " +
+            table_name + " FOR EACH STATEMENT EXECUTE FUNCTION " + newest_table + "_keep();",
         "CREATE OR REPLACE TRIGGER " + newest_table + "_insert AFTER INSERT ON " + table_name +
             " REFERENCING NEW TABLE AS new_rows FOR EACH STATEMENT EXECUTE FUNCTION " +
             newest_table + "_keep();",
