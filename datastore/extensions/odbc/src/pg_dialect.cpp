@@ -344,9 +344,18 @@ bool create_schema(sql::Connection& connection, std::string& error) {
     return true;
 }
 
+bool has_rows_schema(sql::Connection& connection) {
+    return schema_complete(connection, PgDialect(false));
+}
+
 bool has_newest_table(sql::Connection& connection, bool& present, std::string& error) {
+    // A role granted the tables before this one was made may not read it.
+    static const std::string sql =
+        "SELECT count(*) FROM pg_catalog.pg_class WHERE relnamespace = (SELECT oid FROM "
+        "pg_catalog.pg_namespace WHERE nspname = current_schema()) AND relname = '" +
+        newest_table + "' AND has_table_privilege(oid, 'SELECT');";
     int64_t found = 0;
-    if (!number(connection, count_of_objects({newest_table}), found)) {
+    if (!number(connection, sql, found)) {
         error = "cannot look for " + newest_table + ": " + connection.last_error().message;
         return false;
     }

@@ -97,8 +97,12 @@ constexpr int64_t newest_lock_key = 0x7665736b5f6e6577;  // "vesk_new"
 // `error` naming the failed statement.
 bool create_schema(sql::Connection& connection, std::string& error);
 
-// Whether the current schema holds the newest_table; false with `error` set
-// when the question fails.
+// Whether the current schema holds every object but the newest_table; false
+// when the question fails too.
+bool has_rows_schema(sql::Connection& connection);
+
+// Whether the current schema holds the newest_table and the current role may
+// read it; false with `error` set when the question fails.
 bool has_newest_table(sql::Connection& connection, bool& present, std::string& error);
 
 }  // namespace vesk::datastore::odbc_backend::pg
