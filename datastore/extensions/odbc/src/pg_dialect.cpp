@@ -118,6 +118,9 @@ const std::vector<std::string>& newest_statements() {
         // write the rows needs no right on this table; its names are looked
         // up in this schema only (pg_temp last), whoever calls it.
         "SELECT set_config('search_path', quote_ident(current_schema()) || ', pg_temp', true);",
+        // The transaction of the last writer whose turn it was, read
+        // outside any snapshot: a sequence's value is not transactional.
+        "CREATE SEQUENCE IF NOT EXISTS " + newest_table + "_writer;",
         // One function for every change of the rows table, run once per
         // statement on the rows it changed: removed or changed rows that
         // were their group's newest give way to the group's next one (a
@@ -130,12 +133,30 @@ const std::vector<std::string>& newest_statements() {
         // The turn is taken before each statement changes any row (the
         // BEFORE trigger): taken after, a writer would wait for it while
         // holding rows that the writer whose turn it is may go on to change.
+        // A writer whose transaction keeps one snapshot (REPEATABLE READ,
+        // SERIALIZABLE) would not see the rows of writers committed since:
+        // its removal or change of a group's newest row would give the
+        // group a row before those, or none. It is refused as a
+        // serialization failure, which such a caller runs again, when the
+        // last writer before it is not in its snapshot.
         "CREATE OR REPLACE FUNCTION " + newest_table +
             "_keep() RETURNS trigger LANGUAGE plpgsql SECURITY DEFINER SET search_path FROM "
             "CURRENT AS $keep$ BEGIN PERFORM "
             "pg_advisory_xact_lock(" +
             std::to_string(newest_lock_key) +
-            "); IF TG_WHEN = 'BEFORE' THEN RETURN NULL; END IF; IF TG_OP = 'TRUNCATE' THEN "
+            "); IF TG_WHEN = 'BEFORE' THEN IF TG_OP IN ('DELETE', 'UPDATE') AND "
+            "current_setting('transaction_isolation') <> 'read committed' AND (SELECT "
+            "last_value::text::xid8 FROM " +
+            newest_table +
+            "_writer) IS DISTINCT FROM pg_current_xact_id_if_assigned() AND NOT "
+            "pg_visible_in_snapshot((SELECT last_value::text::xid8 FROM " +
+            newest_table +
+            "_writer), pg_current_snapshot()) THEN RAISE EXCEPTION USING ERRCODE = "
+            "'serialization_failure', MESSAGE = 'could not serialize access: rows of " +
+            table_name + " were written since this transaction began'; END IF; PERFORM setval('" +
+            newest_table +
+            "_writer', pg_current_xact_id()::text::bigint); RETURN NULL; END IF; IF TG_OP = "
+            "'TRUNCATE' THEN "
             "TRUNCATE " +
             newest_table +
             "; RETURN NULL; END IF; IF TG_OP IN ('DELETE', 'UPDATE') THEN DELETE FROM " +
@@ -304,6 +325,7 @@ std::vector<std::string> PgDialect::schema_object_names() const {
     if (newest_) {
         names.push_back(newest_table);
         names.push_back(newest_table + "_group");
+        names.push_back(newest_table + "_writer");
     }
     return names;
 }
