@@ -404,6 +404,12 @@ private:
             connection_.reset();
             return false;
         }
+        if (postgres_ && !connection_->execute_direct(pg::read_committed_session_sql)) {
+            error = "cannot make the session's transactions READ COMMITTED: " +
+                    connection_->last_error().message;
+            connection_.reset();
+            return false;
+        }
         if (postgres_ && parameters_.read_only &&
             !connection_->execute_direct(pg::read_only_session_sql)) {
             error = "cannot make the session read-only: " + connection_->last_error().message;

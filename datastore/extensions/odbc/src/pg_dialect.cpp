@@ -269,6 +269,9 @@ const char* const read_only_session_sql = "SET SESSION CHARACTERISTICS AS TRANSA
 
 const char* const literal_session_sql = "SET standard_conforming_strings = on;";
 
+const char* const read_committed_session_sql =
+    "SET SESSION CHARACTERISTICS AS TRANSACTION ISOLATION LEVEL READ COMMITTED;";
+
 namespace {
 
 // Runs `sql` to its end; false with `error` set on failure.

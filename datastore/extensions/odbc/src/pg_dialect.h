@@ -85,6 +85,11 @@ extern const char* const read_only_session_sql;
 // whatever the server's or the database's setting.
 extern const char* const literal_session_sql;
 
+// Makes every later transaction of the session READ COMMITTED, whatever the
+// server's or the database's default: a writer that waited for its turn on
+// the newest_table then sees the entries the writer before it changed.
+extern const char* const read_committed_session_sql;
+
 // The advisory lock key that serialises schema creation between processes.
 constexpr int64_t schema_lock_key = 0x7665736b5f736368;  // "vesk_sch"
 // The advisory lock key that writers of the rows table hold, one at a time,
