@@ -3,6 +3,7 @@
 #include "pg_dialect.h"
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <dlfcn.h>
 #include <random>
@@ -370,6 +371,44 @@ TEST_F(PgDialectTest, ARemovalOnAnOldSnapshotLeavesNoGroupWithoutItsLatestRow) {
         EXPECT_EQ(pg_rowids(pg::latest_rows_sql(condition)),
                   pg_rowids(pg::latest_rows_scan_sql(condition)));
     }
+}
+
+// The latest rows query locks the table of each group's latest row, then
+// the rows table; a reader transaction that read the first stands for one
+// caught between the two. A truncation of the rows table meanwhile ends
+// without waiting for that reader, and the reader then reads the rows.
+TEST_F(PgDialectTest, ATruncationWaitsForNoReaderOfTheLatestRows) {
+    ASSERT_NO_FATAL_FAILURE(fresh_pg_schema());
+    exec(*dialect, "INSERT INTO provider_datastore(Provider, Hostname) VALUES ('p', 'h');");
+    const std::string conn = with_database(conn_string, "vesk_dialect");
+    auto reader = connect(conn), truncater = connect(conn);
+    ASSERT_TRUE(reader && truncater);
+    ASSERT_TRUE(reader->begin());
+    EXPECT_EQ(query_int(*reader, "SELECT count(*) FROM provider_datastore_newest;"), 1);
+    std::atomic<bool> done{false};
+    std::string truncate_error = "not run";
+    std::thread other([&] {
+        auto s = truncater->prepare("TRUNCATE provider_datastore;");
+        truncate_error = s && s->step() == StepResult::done ? "" : truncater->last_error().message;
+        done = true;
+    });
+    // Until the truncation ended or waits.
+    for (int n = 0; n < 1000 && !done &&
+                    query_int(*dialect,
+                              "SELECT count(*) FROM pg_stat_activity WHERE datname = "
+                              "'vesk_dialect' AND wait_event_type = 'Lock';") == 0;
+         ++n)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    auto s = reader->prepare("SELECT count(*) FROM vesk_1;");
+    const bool read = s && s->step() == StepResult::row;
+    EXPECT_TRUE(read) << reader->last_error().message;
+    if (read) {
+        EXPECT_EQ(s->column_int64(0), 0);
+    }
+    s.reset();
+    EXPECT_TRUE(reader->rollback());
+    other.join();
+    EXPECT_EQ(truncate_error, "");
 }
 
 TEST_F(PgDialectTest, RowidsContinueAfterExplicitOnes) {

@@ -139,6 +139,9 @@ const std::vector<std::string>& newest_statements() {
         // group a row before those, or none. It is refused as a
         // serialization failure, which such a caller runs again, when the
         // last writer before it is not in its snapshot.
+        // A truncation of the rows table empties this one with DELETE: a
+        // TRUNCATE would wait, holding the rows table, for the readers of
+        // the latest rows, which lock this table first, then the rows table.
         "CREATE OR REPLACE FUNCTION " + newest_table +
             "_keep() RETURNS trigger LANGUAGE plpgsql SECURITY DEFINER SET search_path FROM "
             "CURRENT AS $keep$ BEGIN PERFORM "
@@ -157,7 +160,7 @@ const std::vector<std::string>& newest_statements() {
             newest_table +
             "_writer', pg_current_xact_id()::text::bigint); RETURN NULL; END IF; IF TG_OP = "
             "'TRUNCATE' THEN "
-            "TRUNCATE " +
+            "DELETE FROM " +
             newest_table +
             "; RETURN NULL; END IF; IF TG_OP IN ('DELETE', 'UPDATE') THEN DELETE FROM " +
             newest_table + " AS n USING old_rows AS o WHERE n.rowid = o.rowid; " +
