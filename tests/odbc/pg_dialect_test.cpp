@@ -322,26 +322,33 @@ TEST_F(PgDialectTest, WritersChangingTheSameRowsInSeveralStatementsTakeTurns) {
 }
 
 // A writer whose transaction reads one snapshot throughout removes a group's
-// latest row after another writer, committed since that snapshot, added a
-// row of the group that the snapshot does not hold: the group's next row is
-// that row, which the remover cannot see. Its removal is refused as a
-// serialization failure (the caller runs it again) rather than leave the
-// group without a latest row; with no such writer, or at READ COMMITTED, it
-// succeeds. Either way the latest rows are those chosen among the rows.
+// latest row, or empties the rows table, after another writer, committed
+// since that snapshot, added rows that the snapshot does not hold: one in
+// the group (its next row, which the remover cannot see) and one in a group
+// of its own (whose entry the remover cannot see to remove). The removal is
+// refused as a serialization failure (the caller runs it again) rather than
+// leave a group without its latest row or with one of a removed row; with
+// no such writer, or at READ COMMITTED, it succeeds. Either way the latest
+// rows are those chosen among the rows, also after a later, older row.
 TEST_F(PgDialectTest, ARemovalOnAnOldSnapshotLeavesNoGroupWithoutItsLatestRow) {
     namespace pg = vd::odbc_backend::pg;
+    const char* const remove_one = "DELETE FROM provider_datastore WHERE rowid = 1;";
+    const char* const remove_all = "TRUNCATE provider_datastore;";
     const struct {
         const char* isolation;
-        bool other_writer, removed;
+        bool other_writer;
+        const char* removal;
+        bool removed;
     } cases[] = {
-        {"REPEATABLE READ", true, false},
-        {"SERIALIZABLE", true, false},
-        {"REPEATABLE READ", false, true},
-        {"READ COMMITTED", true, true},
+        {"REPEATABLE READ", true, remove_one, false}, {"SERIALIZABLE", true, remove_one, false},
+        {"REPEATABLE READ", true, remove_all, false}, {"REPEATABLE READ", false, remove_one, true},
+        {"REPEATABLE READ", false, remove_all, true}, {"READ COMMITTED", true, remove_one, true},
+        {"READ COMMITTED", true, remove_all, true},
     };
     const std::string conn = with_database(conn_string, "vesk_dialect");
     for (const auto& c : cases) {
-        SCOPED_TRACE(std::string(c.isolation) + (c.other_writer ? ", another writer" : ""));
+        SCOPED_TRACE(std::string(c.isolation) + (c.other_writer ? ", another writer, " : ", ") +
+                     c.removal);
         ASSERT_NO_FATAL_FAILURE(fresh_pg_schema());
         exec(*dialect,
              "INSERT INTO provider_datastore(rowid, Provider, Hostname, OptionID, "
@@ -355,8 +362,8 @@ TEST_F(PgDialectTest, ARemovalOnAnOldSnapshotLeavesNoGroupWithoutItsLatestRow) {
         if (c.other_writer)
             exec(*dialect,
                  "INSERT INTO provider_datastore(rowid, Provider, Hostname, OptionID, "
-                 "Unique_timestamp) VALUES (3, 'p', 'h', 'o', 50);");
-        auto s = remover->prepare("DELETE FROM provider_datastore WHERE rowid = 1;");
+                 "Unique_timestamp) VALUES (3, 'p', 'h', 'o', 50), (4, 'p', 'x', 'o', 50);");
+        auto s = remover->prepare(c.removal);
         const bool removed = s && s->step() == StepResult::done;
         const std::string error = remover->last_error().message;
         s.reset();
@@ -368,6 +375,11 @@ TEST_F(PgDialectTest, ARemovalOnAnOldSnapshotLeavesNoGroupWithoutItsLatestRow) {
         }
         EXPECT_EQ(removed, c.removed) << error;
         const std::string condition = " Provider = 'p'";
+        EXPECT_EQ(pg_rowids(pg::latest_rows_sql(condition)),
+                  pg_rowids(pg::latest_rows_scan_sql(condition)));
+        exec(*dialect,
+             "INSERT INTO provider_datastore(rowid, Provider, Hostname, OptionID, "
+             "Unique_timestamp) VALUES (5, 'p', 'x', 'o', 10);");
         EXPECT_EQ(pg_rowids(pg::latest_rows_sql(condition)),
                   pg_rowids(pg::latest_rows_scan_sql(condition)));
     }

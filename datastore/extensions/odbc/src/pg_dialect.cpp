@@ -133,21 +133,22 @@ const std::vector<std::string>& newest_statements() {
         // The turn is taken before each statement changes any row (the
         // BEFORE trigger): taken after, a writer would wait for it while
         // holding rows that the writer whose turn it is may go on to change.
-        // A writer whose transaction keeps one snapshot (REPEATABLE READ,
-        // SERIALIZABLE) would not see the rows of writers committed since:
-        // its removal or change of a group's newest row would give the
-        // group a row before those, or none. It is refused as a
-        // serialization failure, which such a caller runs again, when the
-        // last writer before it is not in its snapshot.
         // A truncation of the rows table empties this one with DELETE: a
         // TRUNCATE would wait, holding the rows table, for the readers of
         // the latest rows, which lock this table first, then the rows table.
+        // A writer whose transaction keeps one snapshot (REPEATABLE READ,
+        // SERIALIZABLE) would not see the rows and entries of writers
+        // committed since: its removal or change of a group's newest row
+        // would give the group a row before those, or none, and its
+        // truncation would leave their entries. It is refused as a
+        // serialization failure, which such a caller runs again, when the
+        // last writer before it is not in its snapshot.
         "CREATE OR REPLACE FUNCTION " + newest_table +
             "_keep() RETURNS trigger LANGUAGE plpgsql SECURITY DEFINER SET search_path FROM "
             "CURRENT AS $keep$ BEGIN PERFORM "
             "pg_advisory_xact_lock(" +
             std::to_string(newest_lock_key) +
-            "); IF TG_WHEN = 'BEFORE' THEN IF TG_OP IN ('DELETE', 'UPDATE') AND "
+            "); IF TG_WHEN = 'BEFORE' THEN IF TG_OP <> 'INSERT' AND "
             "current_setting('transaction_isolation') <> 'read committed' AND (SELECT "
             "last_value::text::xid8 FROM " +
             newest_table +
