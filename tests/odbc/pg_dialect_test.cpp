@@ -423,6 +423,36 @@ TEST_F(PgDialectTest, ATruncationWaitsForNoReaderOfTheLatestRows) {
     EXPECT_EQ(truncate_error, "");
 }
 
+// Triggers of the table of each group's latest row removed by hand, the
+// rows written meanwhile: the schema creation makes them again and fills
+// the table afresh, so the latest rows are those chosen among the rows.
+TEST_F(PgDialectTest, SchemaCreationRemakesTheTriggersOfTheLatestRowTable) {
+    namespace pg = vd::odbc_backend::pg;
+    const std::string condition = " Provider = 'p'";
+    for (const char* removal : {"DROP TRIGGER provider_datastore_newest_insert ON "
+                                "provider_datastore;",
+                                "DROP FUNCTION provider_datastore_newest_keep() CASCADE;"}) {
+        SCOPED_TRACE(removal);
+        ASSERT_NO_FATAL_FAILURE(fresh_pg_schema());
+        exec(*dialect,
+             "INSERT INTO provider_datastore(Provider, Hostname, Unique_timestamp) VALUES "
+             "('p', 'h', 1);");
+        exec(*dialect, removal);
+        exec(*dialect,
+             "INSERT INTO provider_datastore(Provider, Hostname, Unique_timestamp) VALUES "
+             "('p', 'h', 2), ('p', 'g', 1);");
+        std::string error;
+        ASSERT_TRUE(pg::create_schema(*dialect, error)) << error;
+        EXPECT_EQ(pg_rowids(pg::latest_rows_sql(condition)),
+                  pg_rowids(pg::latest_rows_scan_sql(condition)));
+        exec(*dialect,
+             "INSERT INTO provider_datastore(Provider, Hostname, Unique_timestamp) VALUES "
+             "('p', 'h', 3), ('p', 'f', 1);");
+        EXPECT_EQ(pg_rowids(pg::latest_rows_sql(condition)),
+                  pg_rowids(pg::latest_rows_scan_sql(condition)));
+    }
+}
+
 TEST_F(PgDialectTest, RowidsContinueAfterExplicitOnes) {
     fresh_pg_schema();
     exec(*dialect, "INSERT INTO provider_datastore(rowid) VALUES(41);");

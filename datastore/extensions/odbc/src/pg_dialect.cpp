@@ -311,11 +311,27 @@ std::string count_of_objects(const std::vector<std::string>& names) {
 // even when the index exists, and CREATE OR REPLACE VIEW an exclusive lock
 // on the view, so every open would wait for the writers and readers of the
 // moment.
+// With the newest_table, its triggers too: without them it would fall
+// behind the rows unnoticed.
 bool schema_complete(sql::Connection& connection, const PgDialect& dialect) {
     const std::vector<std::string> names = dialect.schema_object_names();
     int64_t found = 0;
-    return number(connection, count_of_objects(names), found) &&
-           found == static_cast<int64_t>(names.size());
+    if (!number(connection, count_of_objects(names), found) ||
+        found != static_cast<int64_t>(names.size()))
+        return false;
+    if (!dialect.newest()) return true;
+    static const std::vector<std::string> triggers = {"_turn", "_insert", "_update", "_delete",
+                                                      "_truncate"};
+    static const std::string sql = [] {
+        std::string list;
+        for (const std::string& t : triggers)
+            list += (list.empty() ? "'" : ", '") + newest_table + t + "'";
+        return "SELECT count(*) FROM pg_catalog.pg_trigger t JOIN pg_catalog.pg_class c ON c.oid = "
+               "t.tgrelid WHERE c.relnamespace = (SELECT oid FROM pg_catalog.pg_namespace WHERE "
+               "nspname = current_schema()) AND c.relname = '" +
+               table_name + "' AND t.tgname IN (" + list + ");";
+    }();
+    return number(connection, sql, found) && found == static_cast<int64_t>(triggers.size());
 }
 
 }  // namespace

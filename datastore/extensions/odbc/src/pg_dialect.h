@@ -69,6 +69,8 @@ public:
     }
     std::string hosts_sql() const override { return pg::hosts_sql(); }
     std::string array_insert_sql() const override { return pg::array_insert_sql(); }
+    // Whether these are the texts with the newest_table.
+    bool newest() const { return newest_; }
 
 private:
     bool newest_;
