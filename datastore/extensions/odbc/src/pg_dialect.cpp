@@ -84,15 +84,30 @@ std::string keep_newest_of(const std::string& source, const std::string& p) {
            "(excluded.Unique_timestamp = n.Unique_timestamp AND excluded.rowid < n.rowid) END;";
 }
 
-// Equal groups, NULL equal to NULL, as a comparison a hash join can use.
-std::string same_group(const std::string& a, const std::string& b) {
-    std::string left, right;
-    for (const char* column : {"Provider", "Hostname", "OptionID"}) {
-        const std::string sep = left.empty() ? "" : ", ";
-        left += sep + a + column + " IS NULL, coalesce(" + a + column + ", '')";
-        right += sep + b + column + " IS NULL, coalesce(" + b + column + ", '')";
+// Each group of the rows of `changed` (Provider, Hostname, OptionID) with
+// its latest row in the rows table, as rows p (Provider, Hostname,
+// OptionID, rowid, Unique_timestamp): the first entry of the group in the
+// index provider_datastore_latest, so that only the touched groups are
+// read. The index finds "= value" and "IS NULL" but not the two at once:
+// one branch for each set of NULL columns, the others skipped at once.
+std::string latest_of_groups(const std::string& changed) {
+    std::string branches;
+    for (int nulls = 0; nulls < 8; ++nulls) {
+        std::string where;
+        int bit = 0;
+        for (const std::string column : {"Provider", "Hostname", "OptionID"}) {
+            where += where.empty() ? "" : " AND ";
+            where += (nulls & (1 << bit++))
+                         ? "g." + column + " IS NULL AND " + column + " IS NULL"
+                         : "g." + column + " IS NOT NULL AND " + column + " = g." + column;
+        }
+        branches += std::string(branches.empty() ? "" : " UNION ALL ") +
+                    "(SELECT Provider, Hostname, OptionID, rowid, Unique_timestamp FROM " +
+                    table_name + " WHERE " + where + " ORDER BY " + group_order + ", " +
+                    latest_first("") + " LIMIT 1)";
     }
-    return "(" + left + ") = (" + right + ")";
+    return "(SELECT DISTINCT Provider, Hostname, OptionID FROM " + changed +
+           ") AS g CROSS JOIN LATERAL (" + branches + ") AS p";
 }
 
 }  // namespace
@@ -165,11 +180,7 @@ const std::vector<std::string>& newest_statements() {
             newest_table +
             "; RETURN NULL; END IF; IF TG_OP IN ('DELETE', 'UPDATE') THEN DELETE FROM " +
             newest_table + " AS n USING old_rows AS o WHERE n.rowid = o.rowid; " +
-            keep_newest_of(table_name +
-                               " AS p JOIN (SELECT DISTINCT Provider, Hostname, OptionID FROM "
-                               "old_rows) AS g ON " +
-                               same_group("p.", "g."),
-                           "p.") +
+            keep_newest_of(latest_of_groups("old_rows"), "p.") +
             " IF TG_OP = 'DELETE' THEN RETURN NULL; END IF; END IF; " +
             keep_newest_of("new_rows", "") + " RETURN NULL; END $keep$;",
         "CREATE OR REPLACE TRIGGER " + newest_table +
