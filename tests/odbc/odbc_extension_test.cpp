@@ -312,6 +312,64 @@ TEST_F(OdbcExtensionTest, AdvisoryLocksACallersSelectTakesAreReleased) {
     EXPECT_EQ(all_rows(writer).size(), 2u);
 }
 
+// Roles granted the tables of a database made before the table of each
+// group's latest row, owning none: a writer opens it (the table cannot be
+// made but by the owner), stores rows and reads the latest ones; once the
+// owner's open made the table, a reader granted nothing on it reads them
+// too, and both get the rows the owner gets.
+TEST_F(OdbcExtensionTest, RolesThatOwnNoTableOpenADatabaseWithOrWithoutTheLatestRowTable) {
+    ASSERT_EQ(open_with("source=" + source), kOk);
+    auto c = connect(source);
+    ASSERT_NE(c, nullptr);
+    exec(*c, "DROP TABLE provider_datastore_newest;");
+    exec(*c, "DROP FUNCTION provider_datastore_newest_keep() CASCADE;");
+    for (const char* role : {"vesk_writer", "vesk_reader"})
+        if (query_int(*c, std::string("SELECT count(*) FROM pg_roles WHERE rolname = '") + role +
+                              "';") == 0)
+            exec(*c, std::string("CREATE ROLE ") + role + " LOGIN;");
+    exec(*c, "GRANT SELECT, INSERT ON ALL TABLES IN SCHEMA public TO vesk_writer;");
+    exec(*c, "GRANT USAGE ON ALL SEQUENCES IN SCHEMA public TO vesk_writer;");
+    exec(*c, "GRANT SELECT ON ALL TABLES IN SCHEMA public TO vesk_reader;");
+    auto as = [&](const std::string& role) {
+        std::string s = source;
+        const std::string owner = "Uid=postgres;";
+        const auto at = s.find(owner);
+        EXPECT_NE(at, std::string::npos) << s;
+        if (at != std::string::npos) s.replace(at, owner.size(), "Uid=" + role + ";");
+        return s;
+    };
+    auto ids = [&](Instance& i) {
+        std::vector<vd::Row> rows;
+        EXPECT_EQ(latest(i, vd::OP_LATEST_ROWS_PROVIDER, rows), kOk);
+        std::vector<std::pair<std::string, int64_t>> found;
+        for (const vd::Row& r : rows) found.emplace_back(r.Hostname, r.rowid);
+        return found;
+    };
+    Instance writer = make();
+    ASSERT_TRUE(writer);
+    ASSERT_EQ(writer->open("source=" + as("vesk_writer")), kOk);
+    std::vector<vd::InsertRecord> records;
+    for (int n = 0; n < 12; ++n) {
+        records.push_back(row("p", n % 4));
+        records.back().header.unique_timestamp = 1700000000000000 + n % 3;
+    }
+    ASSERT_EQ(bulk(writer, records), kOk);
+    const auto before = ids(writer);
+    EXPECT_EQ(before.size(), 4u);
+
+    auto owner = open_instance();
+    ASSERT_TRUE(owner);
+    EXPECT_EQ(ids(owner), before);
+    ASSERT_EQ(insert(owner, row("p", 9)), kOk);
+    const auto after = ids(owner);
+    EXPECT_EQ(after.size(), 5u);
+    EXPECT_EQ(ids(writer), after);
+    Instance reader = make();
+    ASSERT_TRUE(reader);
+    ASSERT_EQ(reader->open("source=" + as("vesk_reader") + "|read_only=true"), kOk);
+    EXPECT_EQ(ids(reader), after);
+}
+
 TEST_F(OdbcExtensionTest, BulkInsertSplitsIntoStatementsAndTheServerRollsBackAllOfThem) {
     auto i = open_instance("|rows_per_statement=3");
     ASSERT_TRUE(i);
@@ -364,37 +422,46 @@ TEST_F(OdbcExtensionTest, BulkInsertSplitsIntoStatementsAndTheServerRollsBackAll
 // statement, at once: were the groups' entries in the table of each group's
 // latest row all a writer held until its commit, the two would wait for
 // each other and the server would roll one back. Both succeed, and the
-// latest rows are the second writer's (its time stamps are greater).
+// latest rows are the second writer's (its time stamps are greater), also
+// where the database's transactions keep one snapshot by default: the one
+// that waits would not see the other's entries, which it changes.
 TEST_F(OdbcExtensionTest, BulkInsertsIntoTheSameGroupsAtOnceAreBothStored) {
     constexpr int kGroups = 300;
-    auto a = open_instance("|rows_per_statement=1");
-    auto b = open_instance("|rows_per_statement=1");
-    ASSERT_TRUE(a && b);
-    std::vector<vd::InsertRecord> up, down;
-    for (int n = 0; n < kGroups; ++n) {
-        up.push_back(row("p", n));
-        down.push_back(row("p", kGroups - 1 - n));
-        down.back().header.unique_timestamp += 1000000;
+    for (const char* isolation : {"read committed", "repeatable read", "serializable"}) {
+        SCOPED_TRACE(isolation);
+        exec(*connection, std::string("ALTER DATABASE vesk_extension SET "
+                                      "default_transaction_isolation = '") +
+                              isolation + "';");
+        auto a = open_instance("|rows_per_statement=1");
+        auto b = open_instance("|rows_per_statement=1");
+        ASSERT_TRUE(a && b);
+        std::vector<vd::InsertRecord> up, down;
+        for (int n = 0; n < kGroups; ++n) {
+            up.push_back(row(isolation, n));
+            down.push_back(row(isolation, kGroups - 1 - n));
+            down.back().header.unique_timestamp += 1000000;
+        }
+        std::atomic<int> ready{0};
+        int32_t status_a = -1, status_b = -1;
+        auto writer = [&](Instance& i, const std::vector<vd::InsertRecord>& records,
+                          int32_t& status) {
+            ++ready;
+            while (ready < 2) std::this_thread::yield();
+            status = bulk(i, records);
+        };
+        std::thread first(writer, std::ref(a), std::cref(up), std::ref(status_a));
+        std::thread second(writer, std::ref(b), std::cref(down), std::ref(status_b));
+        first.join();
+        second.join();
+        EXPECT_EQ(status_a, kOk);
+        EXPECT_EQ(status_b, kOk);
+        std::vector<vd::Row> rows;
+        vd::ReadParameters request{{isolation}, {}, {}, nullptr};
+        ASSERT_EQ(a->control(vd::OP_LATEST_ROWS_PROVIDER, &request, &rows, nullptr), kOk);
+        ASSERT_EQ(rows.size(), size_t{kGroups});
+        for (const vd::Row& r : rows)
+            EXPECT_GE(r.Unique_timestamp, INT64_C(1700000001000000)) << r.Hostname;
     }
-    std::atomic<int> ready{0};
-    int32_t status_a = -1, status_b = -1;
-    auto writer = [&](Instance& i, const std::vector<vd::InsertRecord>& records, int32_t& status) {
-        ++ready;
-        while (ready < 2) std::this_thread::yield();
-        status = bulk(i, records);
-    };
-    std::thread first(writer, std::ref(a), std::cref(up), std::ref(status_a));
-    std::thread second(writer, std::ref(b), std::cref(down), std::ref(status_b));
-    first.join();
-    second.join();
-    EXPECT_EQ(status_a, kOk);
-    EXPECT_EQ(status_b, kOk);
-    EXPECT_EQ(all_rows(a).size(), 2u * kGroups);
-    std::vector<vd::Row> rows;
-    ASSERT_EQ(latest(a, vd::OP_LATEST_ROWS_PROVIDER, rows), kOk);
-    ASSERT_EQ(rows.size(), size_t{kGroups});
-    for (const vd::Row& r : rows)
-        EXPECT_GE(r.Unique_timestamp, INT64_C(1700000001000000)) << r.Hostname;
 }
 
 TEST_F(OdbcExtensionTest, BulkInsertStoresEveryDoubleAsTheSingleInsertDoes) {

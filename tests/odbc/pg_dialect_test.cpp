@@ -3,10 +3,13 @@
 #include "pg_dialect.h"
 
 #include <algorithm>
+#include <atomic>
+#include <chrono>
 #include <dlfcn.h>
 #include <random>
 #include <string>
 #include <sys/wait.h>
+#include <thread>
 #include <unistd.h>
 #include <vector>
 
@@ -96,6 +99,7 @@ protected:
         exec(*dialect,
              "DROP TABLE IF EXISTS provider_datastore, baseline_datastore, "
              "provider_datastore_newest;");
+        exec(*dialect, "DROP SEQUENCE IF EXISTS provider_datastore_newest_writer;");
         std::string error;
         ASSERT_TRUE(vd::odbc_backend::pg::create_schema(*dialect, error)) << error;
     }
@@ -226,6 +230,275 @@ TEST_F(PgDialectTest, LatestQueriesReturnTheRowsSqliteReturns) {
         sqlite3_close(db);
         if (HasFailure()) break;
     }
+}
+
+// A role that may read and write the rows but owns nothing and was granted
+// nothing on the table of each group's latest row adds, changes, moves,
+// removes and truncates rows; after each statement the latest rows read from
+// that table are those chosen among the rows.
+TEST_F(PgDialectTest, AWriterThatOwnsNoTableKeepsTheLatestRows) {
+    namespace pg = vd::odbc_backend::pg;
+    ASSERT_NO_FATAL_FAILURE(fresh_pg_schema());
+    if (query_int(*dialect, "SELECT count(*) FROM pg_roles WHERE rolname = 'vesk_writer';") == 0)
+        exec(*dialect, "CREATE ROLE vesk_writer LOGIN;");
+    exec(*dialect,
+         "GRANT SELECT, INSERT, UPDATE, DELETE, TRUNCATE ON provider_datastore TO vesk_writer;");
+    exec(*dialect, "GRANT USAGE ON ALL SEQUENCES IN SCHEMA public TO vesk_writer;");
+    std::string conn = with_database(conn_string, "vesk_dialect");
+    const std::string owner = "Uid=postgres;";
+    ASSERT_NE(conn.find(owner), std::string::npos) << conn;
+    conn.replace(conn.find(owner), owner.size(), "Uid=vesk_writer;");
+    auto writer = connect(conn);
+    ASSERT_NE(writer, nullptr);
+    EXPECT_EQ(query_int(*writer,
+                        "SELECT count(*) FROM pg_roles WHERE rolname = current_user "
+                        "AND rolname = 'vesk_writer' AND NOT rolsuper;"),
+              1);
+    const std::string condition = " Provider = 'p'";
+    for (const char* sql : {
+             "INSERT INTO provider_datastore(Provider, Hostname, OptionID, Unique_timestamp) "
+             "VALUES ('p', 'a', 'o', 5), ('p', 'a', 'o', 7), ('p', 'b', NULL, NULL), "
+             "('p', 'b', NULL, NULL);",
+             "UPDATE provider_datastore SET Unique_timestamp = 9 WHERE Hostname = 'b';",
+             "UPDATE provider_datastore SET Hostname = 'c', rowid = rowid + 100 WHERE "
+             "Unique_timestamp = 7;",
+             "DELETE FROM provider_datastore WHERE Hostname = 'a';",
+             "TRUNCATE provider_datastore;",
+             "INSERT INTO provider_datastore(Provider, Hostname) VALUES ('p', 'd');",
+         }) {
+        SCOPED_TRACE(sql);
+        ASSERT_NO_FATAL_FAILURE(exec(*writer, sql));
+        EXPECT_EQ(pg_rowids(pg::latest_rows_sql(condition)),
+                  pg_rowids(pg::latest_rows_scan_sql(condition)));
+    }
+}
+
+// Two writers that each change the same rows in two statements of one
+// transaction: the second waits for the first from its first change on,
+// before it holds any row, so the server rolls neither back as caught in a
+// circle; the second's change comes last.
+TEST_F(PgDialectTest, WritersChangingTheSameRowsInSeveralStatementsTakeTurns) {
+    namespace pg = vd::odbc_backend::pg;
+    ASSERT_NO_FATAL_FAILURE(fresh_pg_schema());
+    exec(*dialect,
+         "INSERT INTO provider_datastore(rowid, Provider, Hostname, OptionID, Unique_timestamp) "
+         "VALUES (1, 'p', 'h', 'o', 1), (2, 'p', 'h', 'o', 2);");
+    const std::string conn = with_database(conn_string, "vesk_dialect");
+    auto first = connect(conn), second = connect(conn);
+    ASSERT_TRUE(first && second);
+    ASSERT_TRUE(first->begin());
+    ASSERT_NO_FATAL_FAILURE(
+        exec(*first, "UPDATE provider_datastore SET Unique_timestamp = 3 WHERE rowid = 1;"));
+    std::string second_error = "not run";
+    std::thread other([&] {
+        if (!second->begin()) {
+            second_error = second->last_error().message;
+            return;
+        }
+        auto s =
+            second->prepare("UPDATE provider_datastore SET Unique_timestamp = 5 WHERE rowid = 2;");
+        if (s && s->step() == StepResult::done && second->commit())
+            second_error.clear();
+        else
+            second_error = second->last_error().message;
+    });
+    // Until the second writer waits for the first.
+    for (int n = 0; n < 1000 && query_int(*dialect,
+                                          "SELECT count(*) FROM pg_stat_activity WHERE datname = "
+                                          "'vesk_dialect' AND wait_event_type = 'Lock';") == 0;
+         ++n)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    auto s = first->prepare("UPDATE provider_datastore SET Unique_timestamp = 4 WHERE rowid = 2;");
+    const bool first_ok = s && s->step() == StepResult::done && first->commit();
+    const std::string first_error = first_ok ? "" : first->last_error().message;
+    s.reset();
+    if (!first_ok) first->rollback();
+    other.join();
+    EXPECT_EQ(first_error, "");
+    EXPECT_EQ(second_error, "");
+    EXPECT_EQ(
+        query_int(*dialect, "SELECT Unique_timestamp FROM provider_datastore WHERE rowid = 2;"), 5);
+    EXPECT_EQ(pg_rowids(pg::latest_rows_sql(" Provider = 'p'")), std::vector<int64_t>{2});
+}
+
+// A writer whose transaction reads one snapshot throughout removes a group's
+// latest row, or empties the rows table, after another writer, committed
+// since that snapshot, added rows that the snapshot does not hold: one in
+// the group (its next row, which the remover cannot see) and one in a group
+// of its own (whose entry the remover cannot see to remove). The removal is
+// refused as a serialization failure (the caller runs it again) rather than
+// leave a group without its latest row or with one of a removed row; with
+// no such writer, or at READ COMMITTED, it succeeds. Either way the latest
+// rows are those chosen among the rows, also after a later, older row.
+TEST_F(PgDialectTest, ARemovalOnAnOldSnapshotLeavesNoGroupWithoutItsLatestRow) {
+    namespace pg = vd::odbc_backend::pg;
+    const char* const remove_one = "DELETE FROM provider_datastore WHERE rowid = 1;";
+    const char* const remove_all = "TRUNCATE provider_datastore;";
+    const struct {
+        const char* isolation;
+        bool other_writer;
+        const char* removal;
+        bool removed;
+    } cases[] = {
+        {"REPEATABLE READ", true, remove_one, false}, {"SERIALIZABLE", true, remove_one, false},
+        {"REPEATABLE READ", true, remove_all, false}, {"REPEATABLE READ", false, remove_one, true},
+        {"REPEATABLE READ", false, remove_all, true}, {"READ COMMITTED", true, remove_one, true},
+        {"READ COMMITTED", true, remove_all, true},
+    };
+    const std::string conn = with_database(conn_string, "vesk_dialect");
+    for (const auto& c : cases) {
+        SCOPED_TRACE(std::string(c.isolation) + (c.other_writer ? ", another writer, " : ", ") +
+                     c.removal);
+        ASSERT_NO_FATAL_FAILURE(fresh_pg_schema());
+        exec(*dialect,
+             "INSERT INTO provider_datastore(rowid, Provider, Hostname, OptionID, "
+             "Unique_timestamp) VALUES (1, 'p', 'h', 'o', 100), (2, 'p', 'g', 'o', 1);");
+        auto remover = connect(conn);
+        ASSERT_NE(remover, nullptr);
+        exec(*remover, std::string("SET SESSION CHARACTERISTICS AS TRANSACTION ISOLATION LEVEL ") +
+                           c.isolation + ";");
+        ASSERT_TRUE(remover->begin());
+        EXPECT_EQ(query_int(*remover, "SELECT count(*) FROM provider_datastore;"), 2);
+        if (c.other_writer)
+            exec(*dialect,
+                 "INSERT INTO provider_datastore(rowid, Provider, Hostname, OptionID, "
+                 "Unique_timestamp) VALUES (3, 'p', 'h', 'o', 50), (4, 'p', 'x', 'o', 50);");
+        auto s = remover->prepare(c.removal);
+        const bool removed = s && s->step() == StepResult::done;
+        const std::string error = remover->last_error().message;
+        s.reset();
+        if (removed) {
+            EXPECT_TRUE(remover->commit()) << remover->last_error().message;
+        } else {
+            EXPECT_NE(error.find("40001"), std::string::npos) << error;
+            EXPECT_TRUE(remover->rollback());
+        }
+        EXPECT_EQ(removed, c.removed) << error;
+        const std::string condition = " Provider = 'p'";
+        EXPECT_EQ(pg_rowids(pg::latest_rows_sql(condition)),
+                  pg_rowids(pg::latest_rows_scan_sql(condition)));
+        exec(*dialect,
+             "INSERT INTO provider_datastore(rowid, Provider, Hostname, OptionID, "
+             "Unique_timestamp) VALUES (5, 'p', 'x', 'o', 10);");
+        EXPECT_EQ(pg_rowids(pg::latest_rows_sql(condition)),
+                  pg_rowids(pg::latest_rows_scan_sql(condition)));
+    }
+}
+
+// The latest rows query locks the table of each group's latest row, then
+// the rows table; a reader transaction that read the first stands for one
+// caught between the two. A truncation of the rows table meanwhile ends
+// without waiting for that reader, and the reader then reads the rows.
+TEST_F(PgDialectTest, ATruncationWaitsForNoReaderOfTheLatestRows) {
+    ASSERT_NO_FATAL_FAILURE(fresh_pg_schema());
+    exec(*dialect, "INSERT INTO provider_datastore(Provider, Hostname) VALUES ('p', 'h');");
+    const std::string conn = with_database(conn_string, "vesk_dialect");
+    auto reader = connect(conn), truncater = connect(conn);
+    ASSERT_TRUE(reader && truncater);
+    ASSERT_TRUE(reader->begin());
+    EXPECT_EQ(query_int(*reader, "SELECT count(*) FROM provider_datastore_newest;"), 1);
+    std::atomic<bool> done{false};
+    std::string truncate_error = "not run";
+    std::thread other([&] {
+        auto s = truncater->prepare("TRUNCATE provider_datastore;");
+        truncate_error = s && s->step() == StepResult::done ? "" : truncater->last_error().message;
+        done = true;
+    });
+    // Until the truncation ended or waits.
+    for (int n = 0; n < 1000 && !done &&
+                    query_int(*dialect,
+                              "SELECT count(*) FROM pg_stat_activity WHERE datname = "
+                              "'vesk_dialect' AND wait_event_type = 'Lock';") == 0;
+         ++n)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    auto s = reader->prepare("SELECT count(*) FROM vesk_1;");
+    const bool read = s && s->step() == StepResult::row;
+    EXPECT_TRUE(read) << reader->last_error().message;
+    if (read) {
+        EXPECT_EQ(s->column_int64(0), 0);
+    }
+    s.reset();
+    EXPECT_TRUE(reader->rollback());
+    other.join();
+    EXPECT_EQ(truncate_error, "");
+}
+
+// Triggers of the table of each group's latest row removed by hand, the
+// rows written meanwhile: the schema creation makes them again and fills
+// the table afresh, so the latest rows are those chosen among the rows.
+TEST_F(PgDialectTest, SchemaCreationRemakesTheTriggersOfTheLatestRowTable) {
+    namespace pg = vd::odbc_backend::pg;
+    const std::string condition = " Provider = 'p'";
+    for (const char* removal : {"DROP TRIGGER provider_datastore_newest_insert ON "
+                                "provider_datastore;",
+                                "DROP FUNCTION provider_datastore_newest_keep() CASCADE;"}) {
+        SCOPED_TRACE(removal);
+        ASSERT_NO_FATAL_FAILURE(fresh_pg_schema());
+        exec(*dialect,
+             "INSERT INTO provider_datastore(Provider, Hostname, Unique_timestamp) VALUES "
+             "('p', 'h', 1);");
+        exec(*dialect, removal);
+        exec(*dialect,
+             "INSERT INTO provider_datastore(Provider, Hostname, Unique_timestamp) VALUES "
+             "('p', 'h', 2), ('p', 'g', 1);");
+        std::string error;
+        ASSERT_TRUE(pg::create_schema(*dialect, error)) << error;
+        EXPECT_EQ(pg_rowids(pg::latest_rows_sql(condition)),
+                  pg_rowids(pg::latest_rows_scan_sql(condition)));
+        exec(*dialect,
+             "INSERT INTO provider_datastore(Provider, Hostname, Unique_timestamp) VALUES "
+             "('p', 'h', 3), ('p', 'f', 1);");
+        EXPECT_EQ(pg_rowids(pg::latest_rows_sql(condition)),
+                  pg_rowids(pg::latest_rows_scan_sql(condition)));
+    }
+}
+
+// A removal or change finds the next latest row of each group it touched
+// through the groups' index, reading only those groups: never the whole
+// rows table, which holds every other writer back meanwhile. Of the rows
+// table and its indexes, each statement (one row of a group of a few) reads
+// a few entries, not the hundreds stored, whatever the plan may read
+// sequentially (it is told not to where it has a choice). NULL columns
+// included.
+TEST_F(PgDialectTest, ARemovalOrChangeReadsOnlyTheGroupsOfItsRows) {
+    namespace pg = vd::odbc_backend::pg;
+    ASSERT_NO_FATAL_FAILURE(fresh_pg_schema());
+    exec(*dialect, random_rows_sql(7));
+    exec(*dialect, random_rows_sql(8, true));
+    const std::vector<int64_t> ids =
+        pg_rowids("SELECT rowid FROM provider_datastore ORDER BY rowid;");
+    ASSERT_GE(ids.size(), 48u);
+    // And 400 rows of other groups.
+    exec(*dialect,
+         "INSERT INTO provider_datastore(rowid, Provider, Hostname, OptionID, Unique_timestamp) "
+         "SELECT 100000 + g, 'p1', 'fill' || g % 10, 'a', g FROM generate_series(1, 400) AS g;");
+    exec(*dialect, "SET enable_seqscan = off;");
+    // Entries read since the session's last report, which waits for the
+    // end of the transaction: the count before and after the statement.
+    const std::string reads =
+        "SELECT pg_stat_get_xact_tuples_returned('provider_datastore'::regclass) + (SELECT "
+        "coalesce(sum(pg_stat_get_xact_tuples_returned(indexrelid)), 0) FROM pg_index WHERE "
+        "indrelid = 'provider_datastore'::regclass);";
+    const std::string condition = " Provider IS NOT NULL";
+    for (size_t n = 0; n < 12; ++n) {
+        const std::string id = std::to_string(ids[n * 4]);
+        const std::string sql =
+            n % 3 == 0 ? "DELETE FROM provider_datastore WHERE rowid = " + id + ";"
+            : n % 3 == 1
+                ? "UPDATE provider_datastore SET Unique_timestamp = NULL, OptionID = "
+                  "NULL WHERE rowid = " +
+                      id + ";"
+                : "UPDATE provider_datastore SET Hostname = NULL WHERE rowid = " + id + ";";
+        SCOPED_TRACE(sql);
+        ASSERT_TRUE(dialect->begin());
+        const int64_t before = query_int(*dialect, reads);
+        exec(*dialect, sql);
+        EXPECT_LE(query_int(*dialect, reads) - before, 20);
+        ASSERT_TRUE(dialect->commit());
+        EXPECT_EQ(pg_rowids(pg::latest_rows_sql(condition)),
+                  pg_rowids(pg::latest_rows_scan_sql(condition)));
+    }
+    exec(*dialect, "RESET enable_seqscan;");
 }
 
 TEST_F(PgDialectTest, RowidsContinueAfterExplicitOnes) {

@@ -415,6 +415,12 @@ private:
             connection_.reset();
             return false;
         }
+        if (postgres_ && !connection_->execute_direct(pg::read_committed_session_sql)) {
+            error = "cannot make the session's transactions READ COMMITTED: " +
+                    connection_->last_error().message;
+            connection_.reset();
+            return false;
+        }
         if (postgres_ && parameters_.read_only &&
             !connection_->execute_direct(pg::read_only_session_sql)) {
             error = "cannot make the session read-only: " + connection_->last_error().message;
@@ -450,10 +456,18 @@ private:
 
     // Creates the schema unless read-only, then reads the latest rows from
     // the newest-row table where the database has it (a read-only open of a
-    // database that no writer of this version has opened yet has not).
+    // database that no writer of this version has opened yet has not) and
+    // the role may read it. A role that may write the rows but not make
+    // tables writes without that table until the tables' owner makes it.
     bool open_postgres() {
         std::string error;
-        if (!parameters_.read_only && !pg::create_schema(*connection_, error)) return refuse(error);
+        if (!parameters_.read_only && !pg::create_schema(*connection_, error)) {
+            if (!pg::has_rows_schema(*connection_)) return refuse(error);
+            VESK_ODBC_LOG(kWarningLevel)
+                << where() << "cannot make the table of each group's latest row (" << error
+                << "): the latest rows are chosen among all rows until a writable open by the "
+                   "tables' owner makes it";
+        }
         bool newest = false;
         if (!pg::has_newest_table(*connection_, newest, error)) return refuse(error);
         dialect_switch.target = &postgres_dialect(newest);

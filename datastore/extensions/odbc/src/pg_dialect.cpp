@@ -82,27 +82,31 @@ std::string keep_newest_of(const std::string& source, const std::string& p) {
            "(excluded.Unique_timestamp = n.Unique_timestamp AND excluded.rowid < n.rowid) END;";
 }
 
-// The latest row of each group of `groups` (Provider, Hostname, OptionID)
-// among the rows, as a row of the newest table; a group without rows gives
-// none. With `named`, only the groups without NULL, each found by one probe
-// of the index provider_datastore_latest; otherwise only those with a NULL,
-// which no index finds (they come from writers other than this library).
-std::string next_latest_of(const std::string& groups, bool named) {
-    std::string match, which;
-    for (const char* column : {"Provider", "Hostname", "OptionID"}) {
-        const std::string p = std::string("p.") + column, g = std::string("g.") + column;
-        match += std::string(match.empty() ? "" : " AND ") +
-                 (named ? p + " = " + g
-                        : "(" + p + " = " + g + " OR " + p + " IS NULL AND " + g + " IS NULL)");
-        which += std::string(which.empty() ? ""
-                             : named       ? " AND "
-                                           : " OR ") +
-                 g + (named ? " IS NOT NULL" : " IS NULL");
+// Each group of the rows of `changed` (Provider, Hostname, OptionID) with
+// its latest row in the rows table, as rows p (Provider, Hostname,
+// OptionID, rowid, Unique_timestamp): the first entry of the group in the
+// index provider_datastore_latest, so that only those groups are read (the
+// trigger passes the groups whose entry a removal or change took away). The index finds "= value"
+// and "IS NULL" but not the two at once: one branch for each set of NULL columns, the others
+// skipped at once.
+std::string latest_of_groups(const std::string& changed) {
+    std::string branches;
+    for (int nulls = 0; nulls < 8; ++nulls) {
+        std::string where;
+        int bit = 0;
+        for (const std::string column : {"Provider", "Hostname", "OptionID"}) {
+            where += where.empty() ? "" : " AND ";
+            where += (nulls & (1 << bit++))
+                         ? "g." + column + " IS NULL AND " + column + " IS NULL"
+                         : "g." + column + " IS NOT NULL AND " + column + " = g." + column;
+        }
+        branches += std::string(branches.empty() ? "" : " UNION ALL ") +
+                    "(SELECT Provider, Hostname, OptionID, rowid, Unique_timestamp FROM " +
+                    table_name + " WHERE " + where + " ORDER BY " + group_order + ", " +
+                    latest_first("") + " LIMIT 1)";
     }
-    return "SELECT g.Provider, g.Hostname, g.OptionID, b.rowid, b.Unique_timestamp FROM " + groups +
-           " AS g CROSS JOIN LATERAL (SELECT p.rowid, p.Unique_timestamp FROM " + table_name +
-           " AS p WHERE " + match + " ORDER BY " + latest_first("p.") + " LIMIT 1) AS b WHERE " +
-           which;
+    return "(SELECT DISTINCT Provider, Hostname, OptionID FROM " + changed +
+           ") AS g CROSS JOIN LATERAL (" + branches + ") AS p";
 }
 
 }  // namespace
@@ -124,6 +128,13 @@ const std::vector<std::string>& newest_statements() {
             "\"C\", rowid BIGINT NOT NULL, Unique_timestamp BIGINT) WITH (fillfactor = 50);",
         "CREATE UNIQUE INDEX IF NOT EXISTS " + newest_table + "_group ON " + newest_table + "(" +
             group_order + ") NULLS NOT DISTINCT;",
+        // The function below runs as its owner, so that a role that may
+        // write the rows needs no right on this table; its names are looked
+        // up in this schema only (pg_temp last), whoever calls it.
+        "SELECT set_config('search_path', quote_ident(current_schema()) || ', pg_temp', true);",
+        // The transaction of the last writer whose turn it was, read
+        // outside any snapshot: a sequence's value is not transactional.
+        "CREATE SEQUENCE IF NOT EXISTS " + newest_table + "_writer;",
         // One function for every change of the rows table, run once per
         // statement on the rows it changed: removed or changed rows that
         // were their group's newest give way to the group's next one (a
@@ -133,22 +144,51 @@ const std::vector<std::string>& newest_statements() {
         // several statements each that met in the same groups in another
         // order would wait for each other in a circle, so writers take
         // their turns instead, from their first change to their commit.
+        // The turn is taken before each statement changes any row (the
+        // BEFORE trigger): taken after, a writer would wait for it while
+        // holding rows that the writer whose turn it is may go on to change.
+        // A truncation of the rows table empties this one with DELETE: a
+        // TRUNCATE would wait, holding the rows table, for the readers of
+        // the latest rows, which lock this table first, then the rows table.
+        // A writer whose transaction keeps one snapshot (REPEATABLE READ,
+        // SERIALIZABLE) would not see the rows and entries of writers
+        // committed since: its removal or change of a group's newest row
+        // would give the group a row before those, or none, and its
+        // truncation would leave their entries. It is refused as a
+        // serialization failure, which such a caller runs again, when the
+        // last writer before it is not in its snapshot.
         "CREATE OR REPLACE FUNCTION " + newest_table +
-            "_keep() RETURNS trigger LANGUAGE plpgsql AS $keep$ BEGIN PERFORM "
+            "_keep() RETURNS trigger LANGUAGE plpgsql SECURITY DEFINER SET search_path FROM "
+            "CURRENT AS $keep$ BEGIN PERFORM "
             "pg_advisory_xact_lock(" +
             std::to_string(newest_lock_key) +
-            "); IF TG_OP = 'TRUNCATE' THEN "
-            "TRUNCATE " +
+            "); IF TG_WHEN = 'BEFORE' THEN IF TG_OP <> 'INSERT' AND "
+            "current_setting('transaction_isolation') <> 'read committed' AND (SELECT "
+            "last_value::text::xid8 FROM " +
+            newest_table +
+            "_writer) IS DISTINCT FROM pg_current_xact_id_if_assigned() AND NOT "
+            "pg_visible_in_snapshot((SELECT last_value::text::xid8 FROM " +
+            newest_table +
+            "_writer), pg_current_snapshot()) THEN RAISE EXCEPTION USING ERRCODE = "
+            "'serialization_failure', MESSAGE = 'could not serialize access: rows of " +
+            table_name + " were written since this transaction began'; END IF; PERFORM setval('" +
+            newest_table +
+            "_writer', pg_current_xact_id()::text::bigint); RETURN NULL; END IF; IF TG_OP = "
+            "'TRUNCATE' THEN "
+            "DELETE FROM " +
             newest_table +
             "; RETURN NULL; END IF; IF TG_OP IN ('DELETE', 'UPDATE') THEN WITH gone AS (DELETE "
             "FROM " +
             newest_table +
             " AS n USING old_rows AS o WHERE n.rowid = o.rowid RETURNING n.Provider, n.Hostname, "
-            "n.OptionID) INSERT INTO " +
-            newest_table + " (Provider, Hostname, OptionID, rowid, Unique_timestamp) " +
-            next_latest_of("gone", true) + " UNION ALL " + next_latest_of("gone", false) +
-            "; IF TG_OP = 'DELETE' THEN RETURN NULL; END IF; END IF; " +
+            "n.OptionID) " +
+            keep_newest_of(latest_of_groups("gone"), "p.") +
+            " IF TG_OP = 'DELETE' THEN RETURN NULL; END IF; END IF; " +
             keep_newest_of("new_rows", "") + " RETURN NULL; END $keep$;",
+        "CREATE OR REPLACE TRIGGER " + newest_table +
+            "_turn BEFORE INSERT OR UPDATE OR DELETE OR "
+            "TRUNCATE ON " +
+            table_name + " FOR EACH STATEMENT EXECUTE FUNCTION " + newest_table + "_keep();",
         "CREATE OR REPLACE TRIGGER " + newest_table + "_insert AFTER INSERT ON " + table_name +
             " REFERENCING NEW TABLE AS new_rows FOR EACH STATEMENT EXECUTE FUNCTION " +
             newest_table + "_keep();",
@@ -246,6 +286,9 @@ const char* const read_only_session_sql = "SET SESSION CHARACTERISTICS AS TRANSA
 
 const char* const literal_session_sql = "SET standard_conforming_strings = on;";
 
+const char* const read_committed_session_sql =
+    "SET SESSION CHARACTERISTICS AS TRANSACTION ISOLATION LEVEL READ COMMITTED;";
+
 namespace {
 
 // Runs `sql` to its end; false with `error` set on failure.
@@ -275,17 +318,18 @@ std::string count_of_objects(const std::vector<std::string>& names) {
            list + ");";
 }
 
-// The number of the newest_table's triggers on the rows table, enabled.
+// The number of the newest_table's five triggers on the rows table, enabled.
 const std::string& count_of_triggers() {
     static const std::string sql =
         "SELECT count(*) FROM pg_catalog.pg_trigger AS t JOIN pg_catalog.pg_class AS c ON c.oid "
         "= t.tgrelid WHERE c.relnamespace = (SELECT oid FROM pg_catalog.pg_namespace WHERE "
         "nspname = current_schema()) AND c.relname = '" +
-        table_name + "' AND t.tgenabled <> 'D' AND t.tgname IN ('" + newest_table + "_insert', '" +
-        newest_table + "_update', '" + newest_table + "_delete', '" + newest_table + "_truncate');";
+        table_name + "' AND t.tgenabled <> 'D' AND t.tgname IN ('" + newest_table + "_turn', '" +
+        newest_table + "_insert', '" + newest_table + "_update', '" + newest_table + "_delete', '" +
+        newest_table + "_truncate');";
     return sql;
 }
-constexpr int64_t kNewestTriggers = 4;
+constexpr int64_t kNewestTriggers = 5;
 
 // Whether the current schema holds every object of `dialect`'s schema;
 // false when the question fails too. The catalog is read without locking
@@ -293,12 +337,14 @@ constexpr int64_t kNewestTriggers = 4;
 // even when the index exists, and CREATE OR REPLACE VIEW an exclusive lock
 // on the view, so every open would wait for the writers and readers of the
 // moment.
+// With the newest_table, its triggers too: without them it would fall
+// behind the rows unnoticed.
 bool schema_complete(sql::Connection& connection, const PgDialect& dialect) {
     const std::vector<std::string> names = dialect.schema_object_names();
     int64_t found = 0, triggers = 0;
     return number(connection, count_of_objects(names), found) &&
            found == static_cast<int64_t>(names.size()) &&
-           (!dialect.keeps_newest() ||
+           (!dialect.newest() ||
             (number(connection, count_of_triggers(), triggers) && triggers == kNewestTriggers));
 }
 
@@ -316,6 +362,7 @@ std::vector<std::string> PgDialect::schema_object_names() const {
     if (newest_) {
         names.push_back(newest_table);
         names.push_back(newest_table + "_group");
+        names.push_back(newest_table + "_writer");
     }
     return names;
 }
@@ -356,10 +403,18 @@ bool create_schema(sql::Connection& connection, std::string& error) {
     return true;
 }
 
+bool has_rows_schema(sql::Connection& connection) {
+    return schema_complete(connection, PgDialect(false));
+}
+
 bool has_newest_table(sql::Connection& connection, bool& present, std::string& error) {
+    // A role granted the tables before this one was made may not read it.
+    static const std::string sql =
+        "SELECT count(*) FROM pg_catalog.pg_class WHERE relnamespace = (SELECT oid FROM "
+        "pg_catalog.pg_namespace WHERE nspname = current_schema()) AND relname = '" +
+        newest_table + "' AND has_table_privilege(oid, 'SELECT');";
     int64_t found = 0, triggers = 0;
-    if (!number(connection, count_of_objects({newest_table}), found) ||
-        !number(connection, count_of_triggers(), triggers)) {
+    if (!number(connection, sql, found) || !number(connection, count_of_triggers(), triggers)) {
         error = "cannot look for " + newest_table + ": " + connection.last_error().message;
         return false;
     }

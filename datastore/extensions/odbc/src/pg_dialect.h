@@ -59,8 +59,6 @@ std::string array_insert_sql();
 class PgDialect final : public sql::Dialect {
 public:
     explicit PgDialect(bool newest = true) : newest_(newest) {}
-    // Whether these texts read the latest rows from the newest_table.
-    bool keeps_newest() const { return newest_; }
     std::vector<std::string> create_statements() const override;
     std::vector<std::string> schema_object_names() const override;
     std::string latest_rows_sql(const std::string& condition) const override {
@@ -71,6 +69,8 @@ public:
     }
     std::string hosts_sql() const override { return pg::hosts_sql(); }
     std::string array_insert_sql() const override { return pg::array_insert_sql(); }
+    // Whether these are the texts with the newest_table.
+    bool newest() const { return newest_; }
 
 private:
     bool newest_;
@@ -87,6 +87,11 @@ extern const char* const read_only_session_sql;
 // whatever the server's or the database's setting.
 extern const char* const literal_session_sql;
 
+// Makes every later transaction of the session READ COMMITTED, whatever the
+// server's or the database's default: a writer that waited for its turn on
+// the newest_table then sees the entries the writer before it changed.
+extern const char* const read_committed_session_sql;
+
 // The advisory lock key that serialises schema creation between processes.
 constexpr int64_t schema_lock_key = 0x7665736b5f736368;  // "vesk_sch"
 // The advisory lock key that writers of the rows table hold, one at a time,
@@ -99,9 +104,13 @@ constexpr int64_t newest_lock_key = 0x7665736b5f6e6577;  // "vesk_new"
 // `error` naming the failed statement.
 bool create_schema(sql::Connection& connection, std::string& error);
 
-// Whether the current schema holds the newest_table with its four triggers
-// enabled (without them it would not follow the rows); false with `error`
-// set when the question fails.
+// Whether the current schema holds every object but the newest_table; false
+// when the question fails too.
+bool has_rows_schema(sql::Connection& connection);
+
+// Whether the current schema holds the newest_table with its triggers
+// enabled (without them it would not follow the rows) and the current role
+// may read it; false with `error` set when the question fails.
 bool has_newest_table(sql::Connection& connection, bool& present, std::string& error);
 
 }  // namespace vesk::datastore::odbc_backend::pg
