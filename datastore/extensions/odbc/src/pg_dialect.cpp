@@ -318,7 +318,8 @@ std::string count_of_objects(const std::vector<std::string>& names) {
            list + ");";
 }
 
-// The number of the newest_table's five triggers on the rows table, enabled.
+// The number of the newest_table's five triggers on the rows table,
+// enabled, as a query without its ";" (it stands inside others too).
 const std::string& count_of_triggers() {
     static const std::string sql =
         "SELECT count(*) FROM pg_catalog.pg_trigger AS t JOIN pg_catalog.pg_class AS c ON c.oid "
@@ -326,7 +327,7 @@ const std::string& count_of_triggers() {
         "nspname = current_schema()) AND c.relname = '" +
         table_name + "' AND t.tgenabled <> 'D' AND t.tgname IN ('" + newest_table + "_turn', '" +
         newest_table + "_insert', '" + newest_table + "_update', '" + newest_table + "_delete', '" +
-        newest_table + "_truncate');";
+        newest_table + "_truncate')";
     return sql;
 }
 constexpr int64_t kNewestTriggers = 5;
@@ -344,8 +345,8 @@ bool schema_complete(sql::Connection& connection, const PgDialect& dialect) {
     int64_t found = 0, triggers = 0;
     return number(connection, count_of_objects(names), found) &&
            found == static_cast<int64_t>(names.size()) &&
-           (!dialect.newest() ||
-            (number(connection, count_of_triggers(), triggers) && triggers == kNewestTriggers));
+           (!dialect.newest() || (number(connection, count_of_triggers() + ";", triggers) &&
+                                  triggers == kNewestTriggers));
 }
 
 }  // namespace
@@ -409,16 +410,18 @@ bool has_rows_schema(sql::Connection& connection) {
 
 bool has_newest_table(sql::Connection& connection, bool& present, std::string& error) {
     // A role granted the tables before this one was made may not read it.
+    // One question for the table and its triggers: every open asks it.
     static const std::string sql =
-        "SELECT count(*) FROM pg_catalog.pg_class WHERE relnamespace = (SELECT oid FROM "
+        "SELECT ((SELECT count(*) FROM pg_catalog.pg_class WHERE relnamespace = (SELECT oid FROM "
         "pg_catalog.pg_namespace WHERE nspname = current_schema()) AND relname = '" +
-        newest_table + "' AND has_table_privilege(oid, 'SELECT');";
-    int64_t found = 0, triggers = 0;
-    if (!number(connection, sql, found) || !number(connection, count_of_triggers(), triggers)) {
+        newest_table + "' AND has_table_privilege(oid, 'SELECT')) = 1 AND (" + count_of_triggers() +
+        ") = " + std::to_string(kNewestTriggers) + ")::integer;";
+    int64_t found = 0;
+    if (!number(connection, sql, found)) {
         error = "cannot look for " + newest_table + ": " + connection.last_error().message;
         return false;
     }
-    present = found == 1 && triggers == kNewestTriggers;
+    present = found == 1;
     return true;
 }
 
