@@ -220,8 +220,14 @@ namespace {
 
 class OdbcStatement final : public sql::Statement {
 public:
-    OdbcStatement(std::shared_ptr<Handles> handles, SQLHSTMT stmt, std::size_t parameters)
-        : handles_(std::move(handles)), stmt_(stmt), params_(parameters) {}
+    // `direct_sql` empty: the statement was prepared with SQLPrepare. Else
+    // each run sends that text with SQLExecDirect.
+    OdbcStatement(std::shared_ptr<Handles> handles, SQLHSTMT stmt, std::size_t parameters,
+                  std::string direct_sql = {})
+        : handles_(std::move(handles)),
+          stmt_(stmt),
+          params_(parameters),
+          direct_sql_(std::move(direct_sql)) {}
 
     bool bind_text(int index, std::string_view value) override {
         Param* p = param(index);
@@ -515,7 +521,11 @@ private:
 
     bool execute() {
         if (!bind_parameters()) return false;
-        SQLRETURN rc = SQLExecute(stmt_.get());
+        SQLRETURN rc =
+            direct_sql_.empty()
+                ? SQLExecute(stmt_.get())
+                : SQLExecDirect(stmt_.get(), reinterpret_cast<SQLCHAR*>(direct_sql_.data()),
+                                static_cast<SQLINTEGER>(direct_sql_.size()));
         if (rc == SQL_NEED_DATA) {
             rc = put_data();
             if (rc == SQL_ERROR) return false;
@@ -540,6 +550,16 @@ private:
         if (!ok(SQLNumResultCols(stmt_.get(), &count))) {
             handles_->fail("SQLNumResultCols", SQL_HANDLE_STMT, stmt_.get());
             return false;
+        }
+        // A text of several statements sent whole answers with the rows of
+        // its first statement that has any.
+        while (count == 0 && !direct_sql_.empty()) {
+            const SQLRETURN more = SQLMoreResults(stmt_.get());
+            if (more == SQL_NO_DATA) break;
+            if (!ok(more) || !ok(SQLNumResultCols(stmt_.get(), &count))) {
+                handles_->fail("SQLMoreResults", SQL_HANDLE_STMT, stmt_.get());
+                return false;
+            }
         }
         for (SQLSMALLINT i = 1; i <= count; ++i) {
             std::vector<SQLCHAR> name(256);
@@ -738,6 +758,7 @@ private:
     std::shared_ptr<Handles> handles_;  // keeps the connection alive while the statement lives
     std::unique_ptr<void, StmtFree> stmt_;
     std::vector<Param> params_;
+    std::string direct_sql_;
     std::vector<Column> columns_;
     std::vector<Cell> row_;
     bool bound_ = false;        // the columns of row_ are bound
@@ -814,8 +835,10 @@ std::unique_ptr<OdbcConnection> OdbcConnection::connect(const std::string& conne
     return std::unique_ptr<OdbcConnection>(new OdbcConnection(std::move(h)));
 }
 
-std::unique_ptr<sql::Statement> OdbcConnection::prepare(const std::string& sql) {
-    Handles& h = *handles_;
+namespace {
+
+// A statement handle of `h` with the query timeout set; null on failure.
+std::unique_ptr<void, StmtFree> new_statement(Handles& h) {
     SQLHANDLE raw = nullptr;
     if (!ok(SQLAllocHandle(SQL_HANDLE_STMT, h.dbc.get(), &raw))) {
         h.fail("SQLAllocHandle(STMT)", SQL_HANDLE_DBC, h.dbc.get());
@@ -829,6 +852,16 @@ std::unique_ptr<sql::Statement> OdbcConnection::prepare(const std::string& sql) 
         h.fail("SQLSetStmtAttr(QUERY_TIMEOUT)", SQL_HANDLE_STMT, raw);
         return nullptr;
     }
+    return stmt;
+}
+
+}  // namespace
+
+std::unique_ptr<sql::Statement> OdbcConnection::prepare(const std::string& sql) {
+    Handles& h = *handles_;
+    std::unique_ptr<void, StmtFree> stmt = new_statement(h);
+    if (!stmt) return nullptr;
+    SQLHANDLE raw = stmt.get();
     if (!ok(SQLPrepare(raw, reinterpret_cast<SQLCHAR*>(const_cast<char*>(sql.c_str())),
                        static_cast<SQLINTEGER>(sql.size())))) {
         h.fail("SQLPrepare", SQL_HANDLE_STMT, raw);
@@ -841,6 +874,12 @@ std::unique_ptr<sql::Statement> OdbcConnection::prepare(const std::string& sql) 
     }
     return std::make_unique<OdbcStatement>(handles_, stmt.release(),
                                            static_cast<std::size_t>(parameters));
+}
+
+std::unique_ptr<sql::Statement> OdbcConnection::prepare_direct(const std::string& sql) {
+    std::unique_ptr<void, StmtFree> stmt = new_statement(*handles_);
+    if (!stmt) return nullptr;
+    return std::make_unique<OdbcStatement>(handles_, stmt.release(), 0, sql);
 }
 
 bool OdbcConnection::begin() {
@@ -935,6 +974,8 @@ bool OdbcConnection::execute_direct(const std::string& sql) {
     h.fail("SQLExecDirect", SQL_HANDLE_STMT, raw);
     return false;
 }
+
+void OdbcConnection::record_failure(std::string message) { handles_->fail(std::move(message)); }
 
 bool OdbcConnection::in_transaction() const { return handles_->in_transaction; }
 

@@ -67,9 +67,15 @@ public:
     // Rolls back like rollback() but leaves last_error() and the diagnostics
     // of the failure before it as they were.
     bool rollback_keeping_error();
+    // A statement that sends `sql` whole at each run (SQLExecDirect): nothing
+    // is prepared on the server, so nothing is released there when it ends,
+    // which saves psqlODBC a round trip per statement. It takes no bindings.
+    std::unique_ptr<sql::Statement> prepare_direct(const std::string& sql);
     // Runs `sql`, which returns no rows, in one round trip: no prepared
     // statement is left on the server to be released. False on failure.
     bool execute_direct(const std::string& sql);
+    // Records a failure found outside ODBC: last_error() holds `message`.
+    void record_failure(std::string message);
     // True while a transaction is open (between begin and commit or rollback).
     bool in_transaction() const;
     // When true, bind_text refuses invalid UTF-8 (NUL bytes are always refused:

@@ -43,6 +43,7 @@
 #include "vesk/datastore/sql/sql_extension.h"
 #include "vesk/log.h"
 
+#include "block_cursor.h"
 #include "odbc_connection.h"
 #include "odbc_parameters.h"
 #include "pg_dialect.h"
@@ -76,16 +77,6 @@ bool sets_key(const std::string& conn, const std::string& key) {
         start = end + 1;
     }
     return false;
-}
-
-// psqlODBC holds a whole answer in memory before the first row is read,
-// besides the rows the caller builds from it; through a cursor it holds
-// `Fetch` rows at a time. Added unless the connection string sets
-// UseDeclareFetch itself (other drivers ignore keywords they do not know).
-std::string with_cursor_reads(std::string conn) {
-    if (sets_key(conn, "usedeclarefetch")) return conn;
-    if (!conn.empty() && conn.back() != ';') conn += ';';
-    return conn + "UseDeclareFetch=1;Fetch=400;";
 }
 
 // The dialect of an instance, settled once the server has answered. The kit
@@ -224,10 +215,16 @@ protected:
 
     std::unique_ptr<sql::Statement> prepare_query(const std::string& sql) override {
         OdbcConnection& c = *connection_;
-        // The kit's own texts only read: they run in autocommit, where the
-        // driver wraps its cursor in a transaction of its own and ends it
-        // with the cursor's close, without the guard's round trips below.
-        if (own_text()) return prepare_logged(sql);
+        // The kit's own texts only read: they need none of the guards below.
+        if (own_text()) {
+            if (!server_cursor()) return prepare_logged(sql);
+            if (!c.begin()) {
+                VESK_ODBC_LOG(kErrorLevel) << where() << "cannot start the transaction of a read: "
+                                           << describe(c.last_error());
+                return nullptr;
+            }
+            return prepare_cursor(sql);
+        }
         // A second statement could end the read-only transaction below
         // (COMMIT) and write in the next, or make the session writable.
         // PostgreSQL reads backslashes as escapes only in E'...' texts: the
@@ -280,7 +277,21 @@ protected:
         // connection, it would hold back the writers of other sessions (the
         // rows table's triggers take one) until the datastore closes.
         release_advisory_locks_ = postgres_ && names_advisory_lock(*statement);
-        return prepare_logged(*statement);
+        return server_cursor() ? prepare_cursor(*statement) : prepare_logged(*statement);
+    }
+
+    // Reads on PostgreSQL go through a cursor of their own, in blocks sized
+    // by the rows' bytes, unless the connection string chose the driver's
+    // cursor (UseDeclareFetch), whose choice it keeps.
+    bool server_cursor() const { return postgres_ && !driver_cursor_; }
+
+    std::unique_ptr<sql::Statement> prepare_cursor(const std::string& sql) {
+        std::unique_ptr<sql::Statement> stmt = read_through_cursor(*connection_, sql);
+        if (!stmt)
+            VESK_ODBC_LOG(kErrorLevel)
+                << where() << "refused statement: " << describe(connection_->last_error()) << ": "
+                << sql;
+        return stmt;
     }
 
     std::unique_ptr<sql::Statement> prepare_logged(const std::string& sql) {
@@ -396,8 +407,9 @@ private:
         sql::Error connect_error;
         session_read_only_ = false;  // a new session starts with the server's default
         // The connection string may hold a password: it is never logged.
-        connection_ = OdbcConnection::connect(with_cursor_reads(parameters_.connection_string()),
-                                              options, connect_error);
+        const std::string conn = parameters_.connection_string();
+        driver_cursor_ = sets_key(conn, "usedeclarefetch");
+        connection_ = OdbcConnection::connect(conn, options, connect_error);
         if (!connection_) {
             error = (parameters_.source_is_dsn ? "data source \"" + parameters_.source + "\": "
                                                : std::string("connection string: ")) +
@@ -418,6 +430,11 @@ private:
         if (postgres_ && !connection_->execute_direct(pg::read_committed_session_sql)) {
             error = "cannot make the session's transactions READ COMMITTED: " +
                     connection_->last_error().message;
+            connection_.reset();
+            return false;
+        }
+        if (server_cursor() && !connection_->execute_direct(pg::whole_answer_session_sql)) {
+            error = "cannot plan cursors for whole answers: " + connection_->last_error().message;
             connection_.reset();
             return false;
         }
@@ -511,6 +528,7 @@ private:
     // A caller's select made the session read-only; the next write undoes it.
     bool session_read_only_ = false;
     bool release_advisory_locks_ = false;  // the caller's select named an advisory lock
+    bool driver_cursor_ = false;           // the connection string sets UseDeclareFetch
 };
 
 }  // namespace

@@ -289,6 +289,8 @@ const char* const literal_session_sql = "SET standard_conforming_strings = on;";
 const char* const read_committed_session_sql =
     "SET SESSION CHARACTERISTICS AS TRANSACTION ISOLATION LEVEL READ COMMITTED;";
 
+const char* const whole_answer_session_sql = "SET cursor_tuple_fraction = 1.0;";
+
 namespace {
 
 // Runs `sql` to its end; false with `error` set on failure.

@@ -92,6 +92,10 @@ extern const char* const literal_session_sql;
 // the newest_table then sees the entries the writer before it changed.
 extern const char* const read_committed_session_sql;
 
+// Plans the session's cursors for reading every row, as a plain query is
+// planned, instead of for a quick first tenth (the server's default).
+extern const char* const whole_answer_session_sql;
+
 // The advisory lock key that serialises schema creation between processes.
 constexpr int64_t schema_lock_key = 0x7665736b5f736368;  // "vesk_sch"
 // The advisory lock key that writers of the rows table hold, one at a time,
