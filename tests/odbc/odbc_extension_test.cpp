@@ -743,6 +743,34 @@ TEST_F(OdbcExtensionTest, ACallersQueryEndingInALineCommentReturnsItsRows) {
     }
 }
 
+// Answers of many blocks, small rows then large ones, through the
+// extension's own cursor and through the driver's (a connection string that
+// sets UseDeclareFetch): every row, in order, through every read.
+TEST_F(OdbcExtensionTest, AnswersOfManyBlocksComeBackWholeThroughEitherCursor) {
+    auto writer = open_instance();
+    ASSERT_TRUE(writer);
+    std::vector<vd::InsertRecord> rows;
+    for (int n = 0; n < 1500; ++n) {
+        rows.push_back(row("p", n));
+        if (n >= 1000) rows.back().std_out = std::string(64 * 1024 + n, 'a' + n % 26);
+    }
+    ASSERT_EQ(bulk(writer, rows), kOk);
+    for (const std::string extra : {"", "UseDeclareFetch=1;Fetch=7;"}) {
+        SCOPED_TRACE(extra);
+        auto i = open_instance(extra);
+        ASSERT_TRUE(i);
+        const std::vector<vd::Row> found = all_rows(i);
+        ASSERT_EQ(found.size(), rows.size());
+        for (size_t n = 0; n < rows.size(); ++n)
+            ASSERT_TRUE(found[n].STDOUT == rows[n].std_out &&
+                        found[n].Hostname == rows[n].header.hostname)
+                << n;
+        std::vector<vd::Row> latest_rows;
+        ASSERT_EQ(latest(i, vd::OP_LATEST_ROWS_PROVIDER, latest_rows), kOk);
+        EXPECT_EQ(latest_rows.size(), rows.size());  // one row per host
+    }
+}
+
 TEST_F(OdbcExtensionTest, ACommitTheServerRefusesIsReportedWithTheServersReason) {
     auto i = open_instance();
     ASSERT_TRUE(i);

@@ -113,9 +113,8 @@ private:
     bool fetch_next_block() {
         long rows = options_.first_rows;
         if (largest_row_ > 0)
-            rows = static_cast<long>(
-                std::min<std::size_t>(options_.block_bytes / largest_row_,
-                                      static_cast<std::size_t>(options_.max_rows)));
+            rows = static_cast<long>(std::min<std::size_t>(
+                options_.block_bytes / largest_row_, static_cast<std::size_t>(options_.max_rows)));
         rows = std::clamp(rows, 1L, options_.max_rows);
         block_.reset();
         block_ = c_.prepare_direct("FETCH " + std::to_string(rows) + " FROM " + cursor_name);

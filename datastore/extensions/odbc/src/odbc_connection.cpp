@@ -515,7 +515,7 @@ private:
                 }
             }
         }
-        if (rc == SQL_ERROR) handles_->fail("SQLExecute", SQL_HANDLE_STMT, stmt_.get());
+        if (rc == SQL_ERROR) handles_->fail(execute_call(), SQL_HANDLE_STMT, stmt_.get());
         return rc;
     }
 
@@ -532,10 +532,14 @@ private:
         }
         // SQL_NO_DATA: a searched UPDATE or DELETE that matched nothing.
         if (!ok(rc) && rc != SQL_NO_DATA) {
-            handles_->fail("SQLExecute", SQL_HANDLE_STMT, stmt_.get());
+            handles_->fail(execute_call(), SQL_HANDLE_STMT, stmt_.get());
             return false;
         }
         return describe_columns();
+    }
+
+    const char* execute_call() const {
+        return direct_sql_.empty() ? "SQLExecute" : "SQLExecDirect";
     }
 
     bool describe_columns() {

@@ -219,8 +219,9 @@ protected:
         if (own_text()) {
             if (!server_cursor()) return prepare_logged(sql);
             if (!c.begin()) {
-                VESK_ODBC_LOG(kErrorLevel) << where() << "cannot start the transaction of a read: "
-                                           << describe(c.last_error());
+                VESK_ODBC_LOG(kErrorLevel)
+                    << where()
+                    << "cannot start the transaction of a read: " << describe(c.last_error());
                 return nullptr;
             }
             return prepare_cursor(sql);
