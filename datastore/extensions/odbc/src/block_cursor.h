@@ -8,9 +8,10 @@
 // large block for large ones; here each block asks for as many rows as fit
 // in about block_bytes, judged by the largest row read so far.
 //
-// The cursor lives in the connection's open transaction (the caller begins
-// one first; DECLARE fails outside a transaction) and is dropped when that
-// transaction ends. One cursor per connection at a time.
+// The cursor lives in the connection's open transaction, which the caller
+// begins first, and is dropped when that transaction ends. (Outside one the
+// server drops it after the first block: a longer answer fails.) One cursor
+// per connection at a time.
 
 #include <memory>
 #include <string>
