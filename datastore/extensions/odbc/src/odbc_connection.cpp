@@ -337,7 +337,7 @@ public:
                 out = real_text(c->real_value);
                 break;
             case sql::ColumnType::text:
-                out = c->text;
+                out.assign(text_of(*c));
                 break;
         }
         return true;
@@ -358,7 +358,7 @@ public:
                     int64_t v = 0;
                     return decimal_int64(c->text, v) ? v : refuse(i, not_int64);
                 }
-                return std::strtoll(c->text.c_str(), nullptr, 10);
+                return std::strtoll(std::string(text_of(*c)).c_str(), nullptr, 10);
             case sql::ColumnType::null:
                 break;
         }
@@ -378,7 +378,7 @@ public:
                     double v = 0;
                     return decimal_double(c->text, v) ? v : refuse(i, "within a double's range");
                 }
-                return leading_double(c->text);
+                return leading_double(std::string(text_of(*c)));
             case sql::ColumnType::null:
                 break;
         }
@@ -404,6 +404,8 @@ private:
         int64_t integer_value = 0;
         double real_value = 0;
         std::string text;
+        // The text is in bound_text, not copied into `text` (see text_of).
+        bool in_bound = false;
         // Where SQLFetch puts a bound text (integers and doubles go to their
         // values above), and the length or NULL of a bound column.
         std::vector<char> bound_text;
@@ -426,11 +428,18 @@ private:
 
     bool decimal(int i) const { return columns_[static_cast<std::size_t>(i)].decimal; }
 
+    // The text of a text cell, wherever it is held.
+    static std::string_view text_of(const Cell& c) {
+        if (c.in_bound) return {c.bound_text.data(), static_cast<std::size_t>(c.indicator)};
+        return c.text;
+    }
+
     // Records that the value of column `i` is not `what` a read asked for, and
     // fails the statement's next step; the read gives 0.
     int refuse(int i, const char* what) {
         const Cell& c = row_[static_cast<std::size_t>(i)];
-        std::string value = c.type == sql::ColumnType::real ? real_text(c.real_value) : c.text;
+        std::string value =
+            c.type == sql::ColumnType::real ? real_text(c.real_value) : std::string(text_of(c));
         if (value.size() > 40) value = value.substr(0, 40) + "...";
         handles_->fail("column \"" + columns_[static_cast<std::size_t>(i)].name + "\": " + value +
                        " is not " + what);
@@ -692,6 +701,7 @@ private:
     // The value SQLFetch left in the cell's bound buffer; a text that did not
     // fit (or whose length the driver does not know) is read with SQLGetData.
     bool from_bound(SQLUSMALLINT number, sql::ColumnType kind, Cell& c) {
+        c.in_bound = false;
         if (c.indicator == SQL_NULL_DATA) {
             c.type = sql::ColumnType::null;
             c.text.clear();
@@ -700,7 +710,11 @@ private:
         c.type = kind;
         if (kind != sql::ColumnType::text) return true;  // already in its value
         if (c.indicator >= 0 && static_cast<std::size_t>(c.indicator) < c.bound_text.size()) {
-            c.text.assign(c.bound_text.data(), static_cast<std::size_t>(c.indicator));
+            // Read where it is, but a NUMERIC's text, which is rewritten.
+            if (decimal(number - 1))
+                c.text.assign(c.bound_text.data(), static_cast<std::size_t>(c.indicator));
+            else
+                c.in_bound = true;
             return true;
         }
         return fetch_text(number, c);
