@@ -96,7 +96,7 @@ private:
     // ends a line comment that the query may end with.
     bool open_cursor() {
         block_.reset();
-        if (declared_ && !run(std::string("CLOSE ") + cursor_name)) return false;
+        if (declared_ && !c_.execute_direct(std::string("CLOSE ") + cursor_name)) return false;
         declared_ = true;
         rows_asked_ = options_.first_rows;
         rows_in_block_ = 0;
@@ -122,13 +122,6 @@ private:
         rows_asked_ = rows;
         rows_in_block_ = 0;
         return true;
-    }
-
-    bool run(const std::string& sql) {
-        std::unique_ptr<sql::Statement> s = c_.prepare_direct(sql);
-        sql::StepResult r = s ? s->step() : sql::StepResult::error;
-        while (r == sql::StepResult::row) r = s->step();
-        return r == sql::StepResult::done;
     }
 
     OdbcConnection& c_;

@@ -28,8 +28,8 @@ struct BlockCursorOptions {
 
 // A statement that runs `query` (one query, trailing blanks and semicolons
 // allowed) through a cursor on `connection`, which must outlive it. Its
-// statements are sent whole (prepare_direct): it takes no bindings. Null
-// when no statement can be made (see connection.last_error()).
+// statements are sent whole (prepare_direct): it takes no bindings. Nothing
+// is sent before its first step().
 std::unique_ptr<sql::Statement> read_through_cursor(OdbcConnection& connection,
                                                     const std::string& query,
                                                     const BlockCursorOptions& options = {});

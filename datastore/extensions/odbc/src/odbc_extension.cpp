@@ -215,16 +215,12 @@ protected:
 
     std::unique_ptr<sql::Statement> prepare_query(const std::string& sql) override {
         OdbcConnection& c = *connection_;
-        // The kit's own texts only read: they need none of the guards below.
+        // The kit's own texts only read: they need none of the guards below,
+        // only the transaction that holds the cursor.
         if (own_text()) {
             if (!server_cursor()) return prepare_logged(sql);
-            if (!c.begin()) {
-                VESK_ODBC_LOG(kErrorLevel)
-                    << where()
-                    << "cannot start the transaction of a read: " << describe(c.last_error());
-                return nullptr;
-            }
-            return prepare_cursor(sql);
+            if (!begin_read()) return nullptr;
+            return read_through_cursor(c, sql);
         }
         // A second statement could end the read-only transaction below
         // (COMMIT) and write in the next, or make the session writable.
@@ -268,17 +264,13 @@ protected:
             }
             session_read_only_ = true;
         }
-        if (!c.begin()) {
-            VESK_ODBC_LOG(kErrorLevel)
-                << where()
-                << "cannot start the transaction of a select: " << describe(c.last_error());
-            return nullptr;
-        }
+        if (!begin_read()) return nullptr;
         // A session-level advisory lock outlives the rollback: taken on this
         // connection, it would hold back the writers of other sessions (the
         // rows table's triggers take one) until the datastore closes.
         release_advisory_locks_ = postgres_ && names_advisory_lock(*statement);
-        return server_cursor() ? prepare_cursor(*statement) : prepare_logged(*statement);
+        if (server_cursor()) return read_through_cursor(c, *statement);
+        return prepare_logged(*statement);
     }
 
     // Reads on PostgreSQL go through a cursor of their own, in blocks sized
@@ -286,13 +278,13 @@ protected:
     // cursor (UseDeclareFetch), whose choice it keeps.
     bool server_cursor() const { return postgres_ && !driver_cursor_; }
 
-    std::unique_ptr<sql::Statement> prepare_cursor(const std::string& sql) {
-        std::unique_ptr<sql::Statement> stmt = read_through_cursor(*connection_, sql);
-        if (!stmt)
-            VESK_ODBC_LOG(kErrorLevel)
-                << where() << "refused statement: " << describe(connection_->last_error()) << ": "
-                << sql;
-        return stmt;
+    // Starts the transaction a read runs in; end_query ends it.
+    bool begin_read() {
+        if (connection_->begin()) return true;
+        VESK_ODBC_LOG(kErrorLevel)
+            << where()
+            << "cannot start the transaction of a select: " << describe(connection_->last_error());
+        return false;
     }
 
     std::unique_ptr<sql::Statement> prepare_logged(const std::string& sql) {
@@ -419,29 +411,23 @@ private:
         }
         postgres_ = connection_->dbms_name() == "PostgreSQL";
         connection_->set_require_utf8(postgres_);
-        // Names go into the kit's texts as '...' literals. Were backslashes
-        // escapes there (a server or database may turn that on), a name
-        // ending in one would open the next literal to SQL of its own.
-        if (postgres_ && !connection_->execute_direct(pg::literal_session_sql)) {
-            error =
-                "cannot make backslashes plain in literals: " + connection_->last_error().message;
-            connection_.reset();
-            return false;
-        }
-        if (postgres_ && !connection_->execute_direct(pg::read_committed_session_sql)) {
-            error = "cannot make the session's transactions READ COMMITTED: " +
-                    connection_->last_error().message;
-            connection_.reset();
-            return false;
-        }
-        if (server_cursor() && !connection_->execute_direct(pg::whole_answer_session_sql)) {
-            error = "cannot plan cursors for whole answers: " + connection_->last_error().message;
-            connection_.reset();
-            return false;
-        }
-        if (postgres_ && parameters_.read_only &&
-            !connection_->execute_direct(pg::read_only_session_sql)) {
-            error = "cannot make the session read-only: " + connection_->last_error().message;
+        if (!postgres_) return true;
+        // The session's settings, sent in one message (one round trip; the
+        // server applies all of them or none):
+        // - names go into the kit's texts as '...' literals: were
+        //   backslashes escapes there (a server or database may turn that
+        //   on), a name ending in one would open the next literal to SQL of
+        //   its own;
+        // - READ COMMITTED, whatever the server's default (pg_dialect.h);
+        // - cursors planned for reading every row;
+        // - read-only for good on a read-only datastore.
+        std::string settings =
+            std::string(pg::literal_session_sql) + pg::read_committed_session_sql;
+        if (server_cursor()) settings += pg::whole_answer_session_sql;
+        if (parameters_.read_only) settings += pg::read_only_session_sql;
+        if (!connection_->execute_direct(settings)) {
+            error = "cannot set up the session (" + settings +
+                    "): " + connection_->last_error().message;
             connection_.reset();
             return false;
         }
