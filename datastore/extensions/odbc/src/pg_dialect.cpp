@@ -213,8 +213,9 @@ const std::vector<std::string>& newest_statements() {
 std::string latest_rows_sql(const std::string& condition) {
     // The groups' rowids in output order straight from the group index;
     // only those rows are read whole, in the order of the array of their
-    // rowids, so that the wide rows are never sorted.
-    return "SELECT v.*, v.unique_timestamp AS \"MAX(unique_timestamp)\" FROM unnest(ARRAY("
+    // rowids, so that the wide rows are never sorted. No column beyond the
+    // row's own: each would cost every reader a conversion per row.
+    return "SELECT v.* FROM unnest(ARRAY("
            "SELECT rowid FROM " +
            newest_table + " WHERE" + condition + " ORDER BY " + group_order +
            ")) WITH ORDINALITY AS chosen(id, n) JOIN " + table_view +
@@ -227,7 +228,7 @@ std::string latest_rows_scan_sql(const std::string& condition) {
     // output order. Only the chosen rows are then read whole, in the order
     // of the array of their rowids, so that the wide rows are never sorted
     // or grouped.
-    return "SELECT v.*, v.unique_timestamp AS \"MAX(unique_timestamp)\" FROM unnest(ARRAY("
+    return "SELECT v.* FROM unnest(ARRAY("
            "SELECT rowid FROM (SELECT DISTINCT ON (Provider, Hostname, OptionID) rowid FROM " +
            table_view + " WHERE" + condition + " ORDER BY " + group_order + ", " +
            latest_first("") + ") AS chosen)) WITH ORDINALITY AS chosen(id, n) JOIN " + table_view +
