@@ -146,6 +146,54 @@ TEST_F(OdbcConnectionTest, RoundTripsEveryTypeNullAndLargeTexts) {
     for (int k = 0; k < 5; ++k) EXPECT_EQ(read->column_name(k), names[k]);
 }
 
+// Many rows come from one fetch into the bound buffers: values of every
+// kind, NULLs and texts too long for their buffer in rows on both sides of
+// the fetches' boundaries, read in any order or not at all, and a read
+// stopped midway that starts again.
+TEST_F(OdbcConnectionTest, RowsOfManyFetchesReadWholeInAnyOrder) {
+    exec(*connection,
+         "INSERT INTO t(i, d, s, n) SELECT k, k / 4.0, CASE WHEN k % 5 = 0 THEN NULL WHEN k % 7 = "
+         "0 THEN repeat(chr(945) || 'x', 700 + k) ELSE 'r' || k END, CASE WHEN k % 3 = 0 THEN "
+         "NULL ELSE -k END FROM generate_series(1, 300) AS k;");
+    auto expected_text = [](int k) -> std::optional<std::string> {
+        if (k % 5 == 0) return std::nullopt;
+        if (k % 7 != 0) return "r" + std::to_string(k);
+        std::string s;
+        for (int n = 0; n < 700 + k; ++n) s += "\xCE\xB1x";
+        return s;
+    };
+    auto read = connection->prepare("SELECT i, d, s, n FROM t ORDER BY i;");
+    ASSERT_NE(read, nullptr);
+    for (int round = 0; round < 2; ++round) {
+        const int last = round == 0 ? 130 : 300;  // the first read stops midway
+        for (int k = 1; k <= last; ++k) {
+            SCOPED_TRACE(k);
+            ASSERT_EQ(read->step(), StepResult::row) << connection->last_error().message;
+            const auto text = expected_text(k);
+            std::string got;
+            if (k % 4 == 1) {  // the text first, then the rest
+                ASSERT_TRUE(read->column_text(2, got));
+                EXPECT_TRUE(got == text.value_or("")) << got.size() << " bytes";
+            }
+            EXPECT_EQ(read->column_int64(0), k);
+            EXPECT_EQ(read->column_double(1), k / 4.0);
+            if (k % 11 == 0) continue;  // the text and n left unread
+            EXPECT_EQ(read->column_type(2), text ? ColumnType::text : ColumnType::null);
+            ASSERT_TRUE(read->column_text(2, got));
+            EXPECT_TRUE(got == text.value_or("")) << got.size() << " bytes";
+            if (k % 3 == 0) {
+                EXPECT_EQ(read->column_type(3), ColumnType::null);
+            } else {
+                EXPECT_EQ(read->column_int64(3), -k);
+            }
+        }
+        if (round == 1) {
+            EXPECT_EQ(read->step(), StepResult::done);
+        }
+        ASSERT_TRUE(read->reset());
+    }
+}
+
 TEST_F(OdbcConnectionTest, RefusesNulAndInvalidUtf8BeforeSending) {
     const std::string refused[] = {std::string("before\0after", 12), "\xED\xA0\x80",
                                    std::string(300000, 'a') + '\xff'};

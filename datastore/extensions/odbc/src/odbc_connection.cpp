@@ -32,6 +32,10 @@ constexpr std::size_t get_data_max_chunk = 4 * 1024 * 1024;
 // SQLGetData call per column; a longer text is read again, whole, by the
 // SQLGetData loop.
 constexpr std::size_t bound_text_size = 1024;
+// Rows one SQLFetch converts into the bound buffers where the driver lets
+// SQLGetData read a row of such a rowset: each call to the driver costs
+// about as much as converting a small row.
+constexpr SQLULEN rowset_rows = 64;
 
 // What an integer read of a value that is none says.
 constexpr const char* not_int64 = "a whole number in the 64-bit integer range";
@@ -132,6 +136,9 @@ struct Handles {
     // The driver lets SQLGetData read a bound column, in any order: result
     // columns are then bound, and only long texts are read with SQLGetData.
     bool bind_columns = false;
+    // Rows per SQLFetch into bound columns: more than one where SQLGetData
+    // reads a row of a rowset once SQLSetPos has positioned on it.
+    SQLULEN rowset = 1;
     bool in_transaction = false;
     bool dead = false;
 
@@ -284,24 +291,42 @@ public:
                 return sql::StepResult::done;
             }
             state_ = State::rows;
+            rows_in_set_ = 0;
+            row_in_set_ = 0;
         }
-        const SQLRETURN rc = SQLFetch(stmt_.get());
-        if (rc == SQL_NO_DATA) {
-            state_ = State::finished;
-            return sql::StepResult::done;
+        for (Cell& c : row_) c.fetched = false;
+        if (row_in_set_ + 1 < rows_in_set_) {
+            ++row_in_set_;
+            positioned_ = false;
+        } else {
+            const SQLRETURN rc = SQLFetch(stmt_.get());
+            if (rc == SQL_NO_DATA) {
+                state_ = State::finished;
+                return sql::StepResult::done;
+            }
+            if (!ok(rc)) {
+                handles_->fail("SQLFetch", SQL_HANDLE_STMT, stmt_.get());
+                state_ = State::finished;
+                return sql::StepResult::error;
+            }
+            row_in_set_ = 0;
+            positioned_ = true;  // on the rowset's first row
+            // Without a rowset the driver writes no count: one row.
+            if (rows_in_set_ == 0 || !rowset_bound_) rows_in_set_ = 1;
         }
-        if (!ok(rc)) {
-            handles_->fail("SQLFetch", SQL_HANDLE_STMT, stmt_.get());
+        if (rowset_bound_ && row_status_[row_in_set_] == SQL_ROW_ERROR) {
+            handles_->fail("SQLFetch (row " + std::to_string(row_in_set_ + 1) + " of a rowset)");
             state_ = State::finished;
             return sql::StepResult::error;
         }
-        for (Cell& c : row_) c.fetched = false;
         return sql::StepResult::row;
     }
 
     bool reset() override {
         const SQLRETURN rc = SQLFreeStmt(stmt_.get(), SQL_CLOSE);
         state_ = State::ready;
+        rows_in_set_ = 0;
+        row_in_set_ = 0;
         read_failed_ = false;
         if (ok(rc)) return true;
         handles_->fail("SQLFreeStmt", SQL_HANDLE_STMT, stmt_.get());
@@ -406,10 +431,14 @@ private:
         std::string text;
         // The text is in bound_text, not copied into `text` (see text_of).
         bool in_bound = false;
-        // Where SQLFetch puts a bound text (integers and doubles go to their
-        // values above), and the length or NULL of a bound column.
+        std::string_view bound_value;
+        // Where SQLFetch puts a bound column's values, one slot per row of
+        // the rowset (bound_text_size + 1 bytes per text), and their lengths
+        // or NULL.
         std::vector<char> bound_text;
-        SQLLEN indicator = 0;
+        std::vector<int64_t> bound_integers;
+        std::vector<double> bound_reals;
+        std::vector<SQLLEN> indicators;
     };
     enum class State { ready, rows, finished };
 
@@ -430,8 +459,7 @@ private:
 
     // The text of a text cell, wherever it is held.
     static std::string_view text_of(const Cell& c) {
-        if (c.in_bound) return {c.bound_text.data(), static_cast<std::size_t>(c.indicator)};
-        return c.text;
+        return c.in_bound ? c.bound_value : std::string_view(c.text);
     }
 
     // Records that the value of column `i` is not `what` a read asked for, and
@@ -629,23 +657,27 @@ private:
     // next describe_columns, which unbinds first.
     bool bind_columns() {
         static_assert(sizeof(int64_t) == sizeof(SQLBIGINT), "integers are bound as SQLBIGINT");
+        const SQLULEN rows = !row_.empty() && use_rowset() ? handles_->rowset : 1;
         for (std::size_t i = 0; i < row_.size(); ++i) {
             Cell& c = row_[i];
             const auto number = static_cast<SQLUSMALLINT>(i + 1);
+            c.indicators.assign(rows, 0);
             SQLRETURN rc;
             switch (columns_[i].kind) {
                 case sql::ColumnType::integer:
-                    rc = SQLBindCol(stmt_.get(), number, SQL_C_SBIGINT, &c.integer_value, 0,
-                                    &c.indicator);
+                    c.bound_integers.assign(rows, 0);
+                    rc = SQLBindCol(stmt_.get(), number, SQL_C_SBIGINT, c.bound_integers.data(), 0,
+                                    c.indicators.data());
                     break;
                 case sql::ColumnType::real:
-                    rc = SQLBindCol(stmt_.get(), number, SQL_C_DOUBLE, &c.real_value, 0,
-                                    &c.indicator);
+                    c.bound_reals.assign(rows, 0);
+                    rc = SQLBindCol(stmt_.get(), number, SQL_C_DOUBLE, c.bound_reals.data(), 0,
+                                    c.indicators.data());
                     break;
                 default:
-                    c.bound_text.resize(bound_text_size + 1);
+                    c.bound_text.resize(rows * (bound_text_size + 1));
                     rc = SQLBindCol(stmt_.get(), number, SQL_C_CHAR, c.bound_text.data(),
-                                    static_cast<SQLLEN>(c.bound_text.size()), &c.indicator);
+                                    static_cast<SQLLEN>(bound_text_size + 1), c.indicators.data());
                     break;
             }
             if (!ok(rc)) {
@@ -698,26 +730,75 @@ private:
         return true;
     }
 
-    // The value SQLFetch left in the cell's bound buffer; a text that did not
-    // fit (or whose length the driver does not know) is read with SQLGetData.
+    // The value SQLFetch left in the cell's bound buffer for the current row;
+    // a text that did not fit (or whose length the driver does not know) is
+    // read with SQLGetData.
     bool from_bound(SQLUSMALLINT number, sql::ColumnType kind, Cell& c) {
         c.in_bound = false;
-        if (c.indicator == SQL_NULL_DATA) {
+        const SQLLEN indicator = c.indicators[row_in_set_];
+        if (indicator == SQL_NULL_DATA) {
             c.type = sql::ColumnType::null;
             c.text.clear();
             return true;
         }
         c.type = kind;
-        if (kind != sql::ColumnType::text) return true;  // already in its value
-        if (c.indicator >= 0 && static_cast<std::size_t>(c.indicator) < c.bound_text.size()) {
+        if (kind == sql::ColumnType::integer) {
+            c.integer_value = c.bound_integers[row_in_set_];
+            return true;
+        }
+        if (kind == sql::ColumnType::real) {
+            c.real_value = c.bound_reals[row_in_set_];
+            return true;
+        }
+        if (indicator >= 0 && static_cast<std::size_t>(indicator) <= bound_text_size) {
+            const std::string_view value(&c.bound_text[row_in_set_ * (bound_text_size + 1)],
+                                         static_cast<std::size_t>(indicator));
             // Read where it is, but a NUMERIC's text, which is rewritten.
-            if (decimal(number - 1))
-                c.text.assign(c.bound_text.data(), static_cast<std::size_t>(c.indicator));
-            else
+            if (decimal(number - 1)) {
+                c.text.assign(value);
+            } else {
+                c.bound_value = value;
                 c.in_bound = true;
+            }
             return true;
         }
         return fetch_text(number, c);
+    }
+
+    // Rowsets where the columns are bound and the driver reads a row of one
+    // with SQLGetData; set on the statement before its first fetch.
+    bool use_rowset() {
+        if (handles_->rowset <= 1) return false;
+        if (rowset_bound_) return true;
+        const auto set = [this](SQLINTEGER attribute, SQLPOINTER value) {
+            return ok(SQLSetStmtAttr(stmt_.get(), attribute, value, 0));
+        };
+        row_status_.assign(handles_->rowset, SQL_ROW_SUCCESS);
+        // A driver that refuses any of these fetches a row at a time.
+        rowset_bound_ =
+            set(SQL_ATTR_ROW_BIND_TYPE, reinterpret_cast<SQLPOINTER>(SQL_BIND_BY_COLUMN)) &&
+            set(SQL_ATTR_ROWS_FETCHED_PTR, &rows_in_set_) &&
+            set(SQL_ATTR_ROW_STATUS_PTR, row_status_.data()) &&
+            set(SQL_ATTR_ROW_ARRAY_SIZE, reinterpret_cast<SQLPOINTER>(handles_->rowset));
+        if (!rowset_bound_) {
+            set(SQL_ATTR_ROW_ARRAY_SIZE, reinterpret_cast<SQLPOINTER>(SQLULEN{1}));
+            set(SQL_ATTR_ROW_STATUS_PTR, nullptr);
+            set(SQL_ATTR_ROWS_FETCHED_PTR, nullptr);
+        }
+        return rowset_bound_;
+    }
+
+    // SQLGetData reads the current row of a rowset once SQLSetPos has
+    // positioned on it.
+    bool position() {
+        if (!rowset_bound_ || positioned_) return true;
+        if (!ok(SQLSetPos(stmt_.get(), static_cast<SQLSETPOSIROW>(row_in_set_ + 1), SQL_POSITION,
+                          SQL_LOCK_NO_CHANGE))) {
+            handles_->fail("SQLSetPos", SQL_HANDLE_STMT, stmt_.get());
+            return false;
+        }
+        positioned_ = true;
+        return true;
     }
 
     // Reads a text in a loop until the driver has no more: the described
@@ -725,6 +806,7 @@ private:
     bool fetch_text(SQLUSMALLINT number, Cell& c) {
         std::string& out = c.text;
         out.clear();
+        if (!position()) return false;
         std::size_t got = 0;
         std::size_t chunk = get_data_first_chunk;
         c.type = sql::ColumnType::text;
@@ -780,6 +862,11 @@ private:
     std::vector<Column> columns_;
     std::vector<Cell> row_;
     bool bound_ = false;        // the columns of row_ are bound
+    bool rowset_bound_ = false;  // SQLFetch fills a rowset of handles_->rowset rows
+    SQLULEN rows_in_set_ = 0;    // rows the last SQLFetch gave (the driver writes it)
+    SQLULEN row_in_set_ = 0;     // the current row's index in them
+    bool positioned_ = false;    // SQLSetPos has positioned on the current row
+    std::vector<SQLUSMALLINT> row_status_;
     bool read_failed_ = false;  // a value of the current row could not be read
     State state_ = State::ready;
 };
@@ -849,6 +936,7 @@ std::unique_ptr<OdbcConnection> OdbcConnection::connect(const std::string& conne
     h->bind_columns =
         ok(SQLGetInfo(dbc, SQL_GETDATA_EXTENSIONS, &getdata, sizeof getdata, nullptr)) &&
         (getdata & needed) == needed;
+    if (h->bind_columns && (getdata & SQL_GD_BLOCK) != 0) h->rowset = rowset_rows;
 
     return std::unique_ptr<OdbcConnection>(new OdbcConnection(std::move(h)));
 }
