@@ -19,7 +19,8 @@
 // it the program starts a private server with tests/odbc/pg-server, runs
 // itself against it with a private ODBCSYSINI, and stops it afterwards.
 // VESK_BENCH_SCALE and VESK_BENCH_DIR: see bench_support.h;
-// VESK_BENCH_REPS the number of repetitions (default 5, the median counts).
+// VESK_BENCH_REPS the number of repetitions (default 5, 9 for the queries;
+// the median counts).
 #include <algorithm>
 #include <array>
 #include <atomic>
@@ -865,13 +866,18 @@ void register_all() {
         {Query::latest_rows, "query/latest_rows_10_providers"},
         {Query::latest_run, "query/latest_run_op519"},
         {Query::provider, "query/select_provider_data"}};
+    // A server on a shared machine varies by a tenth from one half second
+    // to the next: the queries' medians are taken over 9 repetitions unless
+    // VESK_BENCH_REPS says otherwise.
+    const int query_reps = std::getenv("VESK_BENCH_REPS") != nullptr || smoke ? reps : 9;
     for (const auto& [query, name] : queries) {
         const Query q = query;
-        add(
-            name, [q](benchmark::State& s) { BM_Query(s, q); }, smoke ? 1 : 0, true);
-        add(
+        add_benchmark(
+            name, [q](benchmark::State& s) { BM_Query(s, q); }, smoke ? 1 : 0, true, query_reps);
+        add_benchmark(
             std::string(name) + "/raw_without_indexes",
-            [q](benchmark::State& s) { BM_QueryWithoutIndexes(s, q); }, smoke ? 1 : 3, false);
+            [q](benchmark::State& s) { BM_QueryWithoutIndexes(s, q); }, smoke ? 1 : 5, false,
+            query_reps);
     }
     // As configured, and with the driver fetching 100 rows at a time
     // through a cursor instead of holding the whole answer.
