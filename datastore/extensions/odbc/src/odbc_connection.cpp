@@ -861,7 +861,7 @@ private:
     std::string direct_sql_;
     std::vector<Column> columns_;
     std::vector<Cell> row_;
-    bool bound_ = false;        // the columns of row_ are bound
+    bool bound_ = false;         // the columns of row_ are bound
     bool rowset_bound_ = false;  // SQLFetch fills a rowset of handles_->rowset rows
     SQLULEN rows_in_set_ = 0;    // rows the last SQLFetch gave (the driver writes it)
     SQLULEN row_in_set_ = 0;     // the current row's index in them
