@@ -218,9 +218,8 @@ protected:
         // The kit's own texts only read: they need none of the guards below,
         // only the transaction that holds the cursor.
         if (own_text()) {
-            if (!server_cursor()) return prepare_logged(sql);
-            if (!begin_read()) return nullptr;
-            return read_through_cursor(c, sql);
+            if (server_cursor() && !begin_read()) return nullptr;
+            return prepare_read(sql);
         }
         // A second statement could end the read-only transaction below
         // (COMMIT) and write in the next, or make the session writable.
@@ -269,8 +268,13 @@ protected:
         // connection, it would hold back the writers of other sessions (the
         // rows table's triggers take one) until the datastore closes.
         release_advisory_locks_ = postgres_ && names_advisory_lock(*statement);
-        if (server_cursor()) return read_through_cursor(c, *statement);
-        return prepare_logged(*statement);
+        return prepare_read(*statement);
+    }
+
+    // The statement that reads `sql`, in the transaction begun for it.
+    std::unique_ptr<sql::Statement> prepare_read(const std::string& sql) {
+        if (server_cursor()) return read_through_cursor(*connection_, sql);
+        return prepare_logged(sql);
     }
 
     // Reads on PostgreSQL go through a cursor of their own, in blocks sized
