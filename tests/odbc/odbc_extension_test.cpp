@@ -258,6 +258,43 @@ TEST_F(OdbcExtensionTest, ADatabaseWithoutTheLatestRowTableGetsItFilledFromItsRo
     EXPECT_EQ(kept.back().Unique_timestamp, 1);
 }
 
+// A latest-row table made by an earlier version, whose group index lacks
+// the rowid: a writable open replaces the index, and writes go on finding
+// each group's entry through the new one.
+TEST_F(OdbcExtensionTest, TheOldGroupIndexGivesWayToTheOneWithRowids) {
+    {
+        auto i = open_instance();
+        ASSERT_TRUE(i);
+        ASSERT_EQ(bulk(i, {row("p", 1), row("p", 2)}), kOk);
+    }
+    auto c = connect(source);
+    ASSERT_NE(c, nullptr);
+    exec(*c, "DROP INDEX provider_datastore_newest_rowid;");
+    exec(*c,
+         "CREATE UNIQUE INDEX provider_datastore_newest_group ON provider_datastore_newest "
+         "(Provider NULLS FIRST, Hostname NULLS FIRST, OptionID NULLS FIRST) NULLS NOT "
+         "DISTINCT;");
+    auto writer = open_instance();
+    ASSERT_TRUE(writer);
+    EXPECT_EQ(query_int(*c,
+                        "SELECT count(*) FROM pg_indexes WHERE tablename = "
+                        "'provider_datastore_newest' AND indexname = "
+                        "'provider_datastore_newest_group';"),
+              0);
+    EXPECT_EQ(query_int(*c,
+                        "SELECT count(*) FROM pg_indexes WHERE tablename = "
+                        "'provider_datastore_newest' AND indexdef LIKE '%INCLUDE (rowid)%';"),
+              1);
+    vd::InsertRecord newer = row("p", 1);
+    newer.header.unique_timestamp = 1800000000000000;
+    ASSERT_EQ(bulk(writer, {newer}), kOk);
+    std::vector<vd::Row> rows;
+    ASSERT_EQ(latest(writer, vd::OP_LATEST_ROWS_PROVIDER, rows), kOk);
+    ASSERT_EQ(rows.size(), 2u);
+    EXPECT_EQ(rows[0].Unique_timestamp, 1800000000000000);
+    EXPECT_EQ(query_int(*c, "SELECT count(*) FROM provider_datastore_newest;"), 2);
+}
+
 // With a trigger disabled by hand the table no longer follows the rows: a
 // read-only open does not read it, and a writable one makes the triggers
 // and the table again.

@@ -114,20 +114,25 @@ std::string latest_of_groups(const std::string& changed) {
 // A literal: the rows table's name is another library's global, whose
 // initialisation need not come first.
 const std::string newest_table = "provider_datastore_newest";
+const std::string newest_index = "provider_datastore_newest_rowid";
 
 const std::vector<std::string>& newest_statements() {
     static const std::vector<std::string> statements = {
         // No writer may add, change or remove rows between the filling of
         // the table below and the triggers' start; readers go on.
         "LOCK TABLE " + table_name + " IN SHARE ROW EXCLUSIVE MODE;",
-        // Nothing of this table is indexed but the group, so that a newer
-        // row replaces the rowid in place (a heap-only update) on the space
-        // left free in each page.
+        // Room in each page for the next versions of its entries, which
+        // every run of a collector writes.
         "CREATE TABLE IF NOT EXISTS " + newest_table +
             "(Provider TEXT COLLATE \"C\", Hostname TEXT COLLATE \"C\", OptionID TEXT COLLATE "
             "\"C\", rowid BIGINT NOT NULL, Unique_timestamp BIGINT) WITH (fillfactor = 50);",
-        "CREATE UNIQUE INDEX IF NOT EXISTS " + newest_table + "_group ON " + newest_table + "(" +
-            group_order + ") NULLS NOT DISTINCT;",
+        // The groups in output order with their rows' rowids: the latest
+        // rows of some providers are read from this index alone, already in
+        // order, with nothing to sort. It replaces an index of the group
+        // alone that databases made before kept.
+        "DROP INDEX IF EXISTS " + newest_table + "_group;",
+        "CREATE UNIQUE INDEX IF NOT EXISTS " + newest_index + " ON " + newest_table + "(" +
+            group_order + ") INCLUDE (rowid) NULLS NOT DISTINCT;",
         // The function below runs as its owner, so that a role that may
         // write the rows needs no right on this table; its names are looked
         // up in this schema only (pg_temp last), whoever calls it.
@@ -365,7 +370,7 @@ std::vector<std::string> PgDialect::schema_object_names() const {
     std::vector<std::string> names = Dialect::schema_object_names();
     if (newest_) {
         names.push_back(newest_table);
-        names.push_back(newest_table + "_group");
+        names.push_back(newest_index);
         names.push_back(newest_table + "_writer");
     }
     return names;

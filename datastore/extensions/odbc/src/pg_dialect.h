@@ -26,9 +26,12 @@ const std::vector<std::string>& schema_statements();
 // OptionID, rowid, Unique_timestamp), kept by triggers on every insert,
 // update, delete and truncation of the rows table, whoever writes.
 extern const std::string newest_table;
-// Its create statements: the table, its unique group index (NULLS NOT
-// DISTINCT: PostgreSQL 15 on), the triggers, and its filling from the rows
-// already stored, the rows table locked against writers meanwhile.
+// Its unique index of the group (NULLS NOT DISTINCT: PostgreSQL 15 on),
+// which carries the rowid too.
+extern const std::string newest_index;
+// Its create statements: the table, its index, the triggers, and its
+// filling from the rows already stored, the rows table locked against
+// writers meanwhile.
 const std::vector<std::string>& newest_statements();
 // The oldest server (server_version_num) that the newest_table serves.
 constexpr int newest_table_min_version = 150000;
