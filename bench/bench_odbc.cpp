@@ -422,6 +422,14 @@ void run_pair(benchmark::State& state, const std::function<double()>& library,
         t.second > 0 ? static_cast<double>(items) / t.second : 0;
 }
 
+// Vacuums and checkpoints the database `raw` is on, so that no work of a
+// setup is left for the server to do during the timed runs that follow:
+// the benchmarks' repetitions interleave, on the same two cores.
+void settle(Raw& raw) {
+    raw.exec("VACUUM ANALYZE;");
+    raw.exec("CHECKPOINT;");
+}
+
 // ---- bulk insert against psql \copy ----
 
 std::string csv_text(const std::string& value) {
@@ -489,8 +497,9 @@ void BM_BulkInsert(benchmark::State& state) {
     Raw raw(on_database(database));
     const std::string copy = "\\copy " + vd::table_name + "(" + vd::row_column_list(1) +
                              ") FROM '" + csv + "' WITH (FORMAT csv)";
+    const std::string truncate = "TRUNCATE " + vd::table_name + " RESTART IDENTITY;";
     auto empty_table = [&] {
-        raw.exec("TRUNCATE " + vd::table_name + " RESTART IDENTITY;");
+        raw.exec(truncate);
         raw.exec("CHECKPOINT;");  // earlier runs' writes do not compete with this one
     };
     auto check_count = [&] {
@@ -518,13 +527,10 @@ void BM_BulkInsert(benchmark::State& state) {
             return seconds;
         },
         records.size());
-    // The benchmarks' repetitions interleave: the rows left behind, and the
-    // entries the truncations removed from the table of each group's latest
-    // row, would otherwise be vacuumed by the server in the middle of the
-    // next query's runs, on the same two cores.
-    empty_table();
-    raw.exec("VACUUM ANALYZE;");
-    raw.exec("CHECKPOINT;");
+    // Neither the rows left behind nor the entries the truncations removed
+    // from the table of each group's latest row are left to autovacuum.
+    raw.exec(truncate);
+    settle(raw);
     vd::DataStoreParseUtility::clear_db_vector();
 }
 
@@ -586,8 +592,7 @@ const QueryData& query_data() {
                 "DROP INDEX provider_datastore_failed; DROP TABLE " +
                 vd::odbc_backend::pg::newest_table + "; DROP FUNCTION " +
                 vd::odbc_backend::pg::newest_table + "_keep() CASCADE;");
-            raw.exec("VACUUM ANALYZE;");
-            raw.exec("CHECKPOINT;");
+            settle(raw);
         }
         for (int p = 0; p < 10; ++p) {
             char name[16];
@@ -769,8 +774,7 @@ void BM_ReadMemory(benchmark::State& state, const std::string& options) {
                  std::to_string(output / 8) +
                  "), '', 'default', 2, 'collector', 1600000000000000 FROM generate_series(0, " +
                  std::to_string(count - 1) + ") AS i;");
-        raw.exec("VACUUM ANALYZE;");  // nothing left for the server to do later
-        raw.exec("CHECKPOINT;");
+        settle(raw);
     }
     open_odbc(database, true, options);
     const double payload = static_cast<double>(count * output);
